@@ -1,0 +1,1 @@
+// Engine sources are added beside this file.

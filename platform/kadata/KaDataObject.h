@@ -1,0 +1,67 @@
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "platform/kadata/Ka3DLimit.h"
+#include "platform/kadata/Ka3DPoint.h"
+#include "platform/kadata/KaTDataMatrix2D.h"
+#include "platform/kamessageroute/KaObject.h"
+
+// A data object of the host (surface, point set, mesh).
+class KaDataObject : public KaObject {};
+
+// Grid information of a surface: lattice, corners, invalid value, z range.
+// Node (r, c) lies at xMin + c * GetDx(), yMin + r * GetDy().
+struct KaSurfaceObjInfo {
+    uint32_t columnCount = 0;
+    uint32_t rowCount = 0;
+    double xMin = 0.0, xMax = 0.0;
+    double yMin = 0.0, yMax = 0.0;
+    Ka3DPoint corners[3];  // (xMin, yMin), (xMax, yMin), (xMin, yMax)
+    double invalidValue = 1.70141e38;
+    double zMin = 0.0, zMax = 0.0;
+    Ka3DLimit limit;
+
+    double GetDx() const { return columnCount < 2 ? 0.0 : (xMax - xMin) / (columnCount - 1.0); }
+    double GetDy() const { return rowCount < 2 ? 0.0 : (yMax - yMin) / (rowCount - 1.0); }
+};
+
+class KaSurface : public KaDataObject {
+public:
+    KaSurfaceObjInfo& GetSurfaceObjInfo() { return info_; }
+    const KaSurfaceObjInfo& GetSurfaceObjInfo() const { return info_; }
+    uint32_t GetColCount() const { return info_.columnCount; }
+    uint32_t GetRowCount() const { return info_.rowCount; }
+    double GetInvalidValue() const { return info_.invalidValue; }
+
+    // Copies the grid into `out` (its invalid value is kept). False when the
+    // surface holds no data.
+    bool GetGridDataArray(KaTDataMatrix2D<double>& out) const;
+    // Takes the grid over. Refused (false) when it is empty or its size does not
+    // match the grid information.
+    bool SetGridDataArray(KaTDataMatrix2D<double>&& matrix);
+    const KaTDataMatrix2D<double>& GridData() const { return data_; }
+
+private:
+    KaSurfaceObjInfo info_;
+    KaTDataMatrix2D<double> data_;
+};
+
+class KaScatteredPoints : public KaDataObject {
+public:
+    // Stores the points and sets the limit to their extent.
+    void SetScatteredPoints(std::vector<Ka3DPoint> points);
+    bool GetScatteredPoints(std::vector<Ka3DPoint>& out) const;
+    uint64_t GetScatteredPointsCount() const { return points_.size(); }
+    const std::vector<Ka3DPoint>& Points() const { return points_; }
+
+    double GetInvalidValue() const { return invalidValue_; }
+    void SetInvalidValue(double v) { invalidValue_ = v; }
+    const Ka3DLimit& GetLimit() const { return limit_; }
+
+private:
+    std::vector<Ka3DPoint> points_;
+    double invalidValue_ = 1.70141e38;
+    Ka3DLimit limit_;
+};

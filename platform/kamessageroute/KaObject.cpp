@@ -1,0 +1,9 @@
+#include "platform/kamessageroute/KaObject.h"
+
+#include <atomic>
+
+int64_t KaObject::CreateUniqueID()
+{
+    static std::atomic<int64_t> next{1};
+    return next.fetch_add(1);
+}
