@@ -1,1 +1,0 @@
-// Engine sources are added beside this file.

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <memory>
+
+#include "core/KaEstimatorGridParam.h"
+#include "core/KaEstimatorSample.h"
+
+// Base of every gridding method: turns a node position into one z value.
+// Calling order: SetParam, SetSampleList, then EstimateAt once per node.
+class KaEstimatorGrid {
+public:
+    virtual ~KaEstimatorGrid() = default;  // deletes the record, never the samples
+
+    // The estimate, or the record's blank value when not ready (0.0 without a record).
+    virtual double EstimateAt(double x, double y);
+    virtual bool IsReady() const;
+    // Replaces (and deletes) the record held before.
+    virtual void SetParam(std::unique_ptr<KaEstimatorGridParam> param);
+    // Borrows the list; searching methods build their search grid here.
+    virtual KaSampleList* SetSampleList(KaSampleList* samples);
+    virtual KaSampleList* GetSampleList() const { return samples_; }
+    virtual double EstimateNode(double x, double y) = 0;
+
+    KaEstimatorGridParam* GetParam() const { return param_.get(); }
+    double BlankValue() const { return param_ ? param_->blankValue : 0.0; }
+
+protected:
+    std::unique_ptr<KaEstimatorGridParam> param_;
+    KaSampleList* samples_ = nullptr;
+};

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "platform/kadata/Ka3DLimit.h"
+
+class KaFieldVisitor;
+
+inline constexpr double kKaDefaultBlank = 1.70141e38;
+inline constexpr double kKaMaxDouble = 1.7976931348623157e308;
+
+
+// Base parameter record: output name, blank values, grid geometry, tolerance.
+class KaEstimatorGridParam {
+public:
+    virtual ~KaEstimatorGridParam() = default;
+
+    // The first failed check as "key: reason", or empty when the record is valid.
+    // Overrides run the checks of whichever base their rules build on.
+    virtual std::string Validate() const;
+    bool IsValid() const { return Validate().empty(); }
+
+    // Every user-settable field, base fields first.
+    virtual void VisitFields(KaFieldVisitor& v);
+
+    // Data-dependent search defaults from the number of input values and the
+    // diagonal of their horizontal extent; only searching records use them.
+    virtual void ApplySearchDefaults(uint64_t valueCount, double diagonal);
+
+    // Output name(s) from the input object's name and the method's suffix.
+    virtual void SetOutputNames(const std::string& objectName, const std::string& suffix);
+
+    double GetDx() const;
+    double GetDy() const;
+
+    std::string name = "Surface";
+    double blankValue = kKaDefaultBlank;
+    double originalInvalidValue = kKaDefaultBlank;
+    double xMin = 0.0;
+    double yMin = 0.0;
+    double xMax = 0.0;
+    double yMax = 0.0;
+    uint64_t columnCount = 1;
+    uint64_t rowCount = 1;
+    double tolerance = 0.001;
+    Ka3DLimit limit;
+};

@@ -1,0 +1,46 @@
+#include "methods/KaEstInverseDistance.h"
+
+#include <cmath>
+
+#include "core/KaFieldVisitor.h"
+
+void KaEstInverseDistanceParam::VisitFields(KaFieldVisitor& v)
+{
+    KaEstGridSearcherParam::VisitFields(v);
+    v.Field("power", power, "exponent of the inverse distance weight");
+    v.Field("smoothing", smoothing, "added to the distance to the power");
+    v.Field("anisotropyRatio", anisotropyRatio, "carried only: distances are plain Euclidean");
+    v.Field("anisotropyAngle", anisotropyAngle, "carried only: distances are plain Euclidean");
+}
+
+double KaEstInverseDistance::EstimateNode(double x, double y)
+{
+    double v;
+    if (SearchOrDecide(x, y, neighbours_, v)) return v;
+    return WeightedAverage(neighbours_, x, y);
+}
+
+double KaEstInverseDistance::WeightedAverage(const KaNeighbours& samples, double x, double y)
+{
+    const KaEstimatorGridParam* base = GetParam();
+    const auto* p = dynamic_cast<const KaEstInverseDistanceParam*>(base);
+    if (!p) return BlankValue();
+    const double tol = p->tolerance, invalid = p->originalInvalidValue;
+    const double halfPower = 0.5 * p->power;
+    double sumZ = 0, sumW = 0;
+    for (const Ka3DPoint& s : samples) {
+        if (std::fabs(s.z - invalid) < 1e-20) continue;
+        // kept: a box test, not a circle
+        if (std::fabs(s.x - x) < tol && std::fabs(s.y - y) < tol) return s.z;
+        const double d2 = (s.x - x) * (s.x - x) + (s.y - y) * (s.y - y);
+        // pow(d2, 1) is d2 exactly: the common power 2 skips the call
+        const double h = (halfPower == 1.0 ? d2 : std::pow(d2, halfPower)) + p->smoothing;
+        if (h < tol) return s.z;
+        if (std::fabs(s.z - invalid) > 1e-20) {
+            sumZ += s.z / h;
+            sumW += 1 / h;
+        }
+    }
+    if (sumW >= -1e-15 && sumW <= 1e-15) return p->blankValue;
+    return sumZ / sumW;
+}

@@ -1,0 +1,28 @@
+#pragma once
+
+#include "search/KaEstGridSearcher.h"
+
+class KaEstInverseDistanceParam : public KaEstGridSearcherParam {
+public:
+    void VisitFields(KaFieldVisitor& v) override;
+
+    double power = 2.0;
+    double smoothing = 0.0;
+    // Carried and edited, but the estimate uses plain Euclidean distances.
+    double anisotropyRatio = 1.0;
+    double anisotropyAngle = 0.0;
+};
+
+// Inverse distance to a power:
+//   z(x, y) = sum(z_i / h_i) / sum(1 / h_i),  h_i = d_i^power + smoothing,
+// over the neighbours of the search. A sample within the tolerance (box test)
+// or with h below the tolerance gives its own value.
+class KaEstInverseDistance : public KaEstGridSearcher {
+public:
+    double EstimateNode(double x, double y) override;
+    // The weighted mean of `samples` at (x, y); blank when the weights vanish.
+    virtual double WeightedAverage(const KaNeighbours& samples, double x, double y);
+
+protected:
+    KaNeighbours neighbours_;
+};

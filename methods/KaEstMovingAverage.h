@@ -1,0 +1,15 @@
+#pragma once
+
+#include "search/KaEstGridSearcher.h"
+
+class KaEstMovingAverageParam : public KaEstGridSearcherParam {};
+
+// Moving average ("Arithmetic Mean"): mean = sum(z_i / n) over the n neighbours
+// of the search, each value divided before it is added.
+class KaEstMovingAverage : public KaEstGridSearcher {
+public:
+    double EstimateNode(double x, double y) override;
+
+private:
+    KaNeighbours neighbours_;
+};

@@ -1,0 +1,17 @@
+#include "methods/KaEstNearestNeighbor.h"
+
+double KaEstNearestNeighbor::EstimateNode(double x, double y)
+{
+    double decided;
+    if (SearchOrDecide(x, y, neighbours_, decided)) return decided;
+    double best = 1.7976931348623157e308;
+    const Ka3DPoint* chosen = nullptr;
+    for (const Ka3DPoint& s : neighbours_) {
+        const double d2 = (s.x - x) * (s.x - x) + (s.y - y) * (s.y - y);
+        if (d2 < best) {
+            best = d2;
+            chosen = &s;
+        }
+    }
+    return chosen ? chosen->z : BlankValue();
+}

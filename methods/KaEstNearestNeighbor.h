@@ -1,0 +1,15 @@
+#pragma once
+
+#include "search/KaEstGridSearcher.h"
+
+class KaEstNearestNeighborParam : public KaEstGridSearcherParam {};
+
+// Nearest neighbour: the value of the closest sample among the neighbours of
+// the search; ties go to the sample earlier in the search result.
+class KaEstNearestNeighbor : public KaEstGridSearcher {
+public:
+    double EstimateNode(double x, double y) override;
+
+private:
+    KaNeighbours neighbours_;
+};

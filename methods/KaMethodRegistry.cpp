@@ -1,0 +1,38 @@
+#include "methods/KaMethodRegistry.h"
+
+#include "methods/KaEstInverseDistance.h"
+#include "methods/KaEstMovingAverage.h"
+#include "methods/KaEstNearestNeighbor.h"
+
+namespace {
+
+template <typename T>
+std::unique_ptr<KaEstimatorGridParam> Param() { return std::make_unique<T>(); }
+template <typename T>
+std::unique_ptr<KaEstimatorGrid> Estimator() { return std::make_unique<T>(); }
+
+const KaMethodInfo kMethods[] = {
+    {"inverse-distance", "Inverse Distance to a Power", "_Inverse",
+     Param<KaEstInverseDistanceParam>, Estimator<KaEstInverseDistance>},
+    {"nearest-neighbor", "Nearest Neighbor", "_Near",
+     Param<KaEstNearestNeighborParam>, Estimator<KaEstNearestNeighbor>},
+    {"moving-average", "Arithmetic Mean", "_Mean",
+     Param<KaEstMovingAverageParam>, Estimator<KaEstMovingAverage>},
+};
+
+}  // namespace
+
+std::span<const KaMethodInfo> KaMethods() { return kMethods; }
+
+const KaMethodInfo* FindMethod(std::string_view key)
+{
+    for (const KaMethodInfo& m : kMethods)
+        if (key == m.key) return &m;
+    return nullptr;
+}
+
+std::unique_ptr<KaGridJob> MakeJob(const KaMethodInfo& method, KaJobObserver* observer)
+{
+    if (method.makeJob) return method.makeJob(observer);
+    return std::make_unique<KaGridJob>(observer);
+}

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <memory>
+#include <span>
+#include <string_view>
+
+#include "core/KaEstimatorGrid.h"
+#include "core/KaGridJob.h"
+
+// One gridding method as the dialogs and kagrid offer it.
+struct KaMethodInfo {
+    const char* key;     // kagrid's name, e.g. "inverse-distance"
+    const char* title;   // the method's name, e.g. "Inverse Distance to a Power"
+    const char* suffix;  // appended to the input object's name, e.g. "_Inverse"
+    std::unique_ptr<KaEstimatorGridParam> (*makeParam)();
+    std::unique_ptr<KaEstimatorGrid> (*makeEstimator)();
+    // The job that drives the estimator; null means the row-by-row KaGridJob.
+    std::unique_ptr<KaGridJob> (*makeJob)(KaJobObserver* observer) = nullptr;
+};
+
+// Every method, in menu order.
+std::span<const KaMethodInfo> KaMethods();
+const KaMethodInfo* FindMethod(std::string_view key);
+std::unique_ptr<KaGridJob> MakeJob(const KaMethodInfo& method, KaJobObserver* observer);

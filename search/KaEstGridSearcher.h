@@ -1,0 +1,89 @@
+#pragma once
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "core/KaEstimatorGrid.h"
+#include "platform/kadata/Ka3DPoint.h"
+#include "search/KaEstGridSearcherParam.h"
+
+// Neighbours of one node: copies of the samples, sector by sector.
+using KaNeighbours = std::vector<Ka3DPoint>;
+
+// A search that cannot go on: a sector index outside [0, sectorCount), or a
+// search grid too large to hold. The job stops with this message.
+class KaSearchError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// Geometry of the bucket grid.
+struct KaSearchGridInfo {
+    virtual ~KaSearchGridInfo() = default;
+    virtual bool IsValid() const
+    {
+        return columnCount > 0 && rowCount > 0 && cellSize > 0 && !(xMax < xMin) && !(yMax < yMin);
+    }
+
+    int32_t columnCount = 0;
+    int32_t rowCount = 0;
+    double cellSize = 0.0;
+    double xMin = 0.0, yMin = 0.0;
+    double xMax = 0.0, yMax = 0.0;
+};
+
+// Base of the searching estimators: keeps the samples in square buckets over the
+// output grid plus a margin, and selects a node's neighbours ring by ring.
+//
+// The buckets are stored compactly: one flat sample array ordered by bucket
+// (sample order kept inside each bucket) and one offset array, so a large output
+// grid costs four bytes of bookkeeping per bucket.
+class KaEstGridSearcher : public KaEstimatorGrid {
+public:
+    static constexpr uint32_t marginCells = 5;
+
+    // Stores the list and builds the search grid (BuildSearchGrid).
+    KaSampleList* SetSampleList(KaSampleList* samples) override;
+    // Searching methods override this; the searcher itself has no estimate.
+    double EstimateNode(double x, double y) override;
+
+    // Fills `result` with the neighbours of (x, y); false when fewer than
+    // minInAll were found (or the search cannot run). With stopAtCoincident a
+    // sample within the tolerance ends the search as the only neighbour;
+    // without it, such a sample counts in sector 0. Throws KaSearchError on a
+    // sector index out of range.
+    bool Search(double x, double y, KaNeighbours& result, bool stopAtCoincident);
+
+    const KaSearchGridInfo& SearchGridInfo() const { return grid_; }
+    std::size_t BucketCount() const { return offsets_.empty() ? 0 : offsets_.size() - 1; }
+    // Samples of one bucket, in sample-list order.
+    const Ka3DPoint* BucketBegin(std::size_t b) const { return samplesByBucket_.data() + offsets_[b]; }
+    const Ka3DPoint* BucketEnd(std::size_t b) const { return samplesByBucket_.data() + offsets_[b + 1]; }
+
+protected:
+    // The common opening of the searching methods: the neighbours of (x, y) into
+    // `out`. Returns true with `value` set when the node is decided already:
+    // blank without samples, after a failed search or an empty result; the
+    // first neighbour's z when it lies within the tolerance of the node.
+    bool SearchOrDecide(double x, double y, KaNeighbours& out, double& value);
+
+    const KaEstGridSearcherParam* SearchParam() const;
+    // Drops the search grid (used by methods that never search).
+    void ClearSearchGrid();
+
+private:
+    enum class Visit { Continue, Finished };
+    struct Context;
+
+    void BuildSearchGrid(KaSampleList* samples);
+    Visit VisitCell(int64_t bucket, const Context& ctx, KaNeighbours& result);
+
+    KaSearchGridInfo grid_;
+    std::vector<uint32_t> offsets_;          // bucket b holds [offsets_[b], offsets_[b+1])
+    std::vector<Ka3DPoint> samplesByBucket_;
+    // Working sector lists, emptied at the start of every search; one searcher
+    // serves one job, so reusing them only saves allocations.
+    std::vector<std::vector<Ka3DPoint>> sectors_;
+};

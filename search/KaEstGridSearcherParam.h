@@ -1,0 +1,26 @@
+#pragma once
+
+#include <cstdint>
+
+#include "core/KaEstimatorGridParam.h"
+
+// Search settings shared by every method that estimates from nearby samples.
+class KaEstGridSearcherParam : public KaEstimatorGridParam {
+public:
+    std::string Validate() const override;
+    void VisitFields(KaFieldVisitor& v) override;
+    void ApplySearchDefaults(uint64_t valueCount, double diagonal) override;
+
+    // Validation of the search settings alone (the base record's checks first).
+    std::string ValidateSearch() const;
+
+    bool useSearch = true;  // kept: read by validation only, never by the search
+    int32_t sectorCount = 4;
+    int64_t maxFromAll = 100;
+    int64_t maxFromEach = 100;
+    int64_t minInAll = 8;
+    int64_t blankSectors = 4;
+    double radius1 = 1.0;
+    double radius2 = 1.0;
+    double ellipseAngle = 0.0;
+};
