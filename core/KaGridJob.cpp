@@ -35,6 +35,7 @@ bool KaGridJob::StartEstimate(std::unique_ptr<KaEstimatorGridParam> record,
 
 std::unique_ptr<KaSurface> KaGridJob::Run()
 {
+    failure_.clear();
     Message("Ready to griding");
     if (!estimator_ || !estimator_->GetParam() || !estimator_->GetParam()->IsValid()) return nullptr;
     Message("Initial Parameter");
@@ -73,8 +74,11 @@ bool KaGridJob::EstimateSurface(KaSurface* surface)
     Message("Ready to griding");  // kept: said a second time
     auto* searcher = dynamic_cast<KaEstGridSearcher*>(estimator_.get());
     if (!searcher || !dynamic_cast<KaEstGridSearcherParam*>(searcher->GetParam()) ||
-        !searcher->GetParam()->IsValid())
+        !searcher->GetParam()->IsValid()) {
+        failure_ = "the method has no neighbourhood search, and the row-by-row gridding job "
+                   "produces no surface for it";
         return false;
+    }
     Message("Initial Parameter");
 
     const KaEstimatorGridParam& p = *searcher->GetParam();
@@ -82,6 +86,7 @@ bool KaGridJob::EstimateSurface(KaSurface* surface)
     KaTDataMatrix2D<double> matrix(kKaMaxDouble);
     if (!matrix.Create(cols, rows)) {
         OutputEventsLog(3, "Fail to allocate memory to 2D data matrix.");
+        failure_ = "Fail to allocate memory to 2D data matrix.";
         return false;
     }
     matrix.Fill(surface->GetInvalidValue());

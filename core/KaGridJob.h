@@ -45,6 +45,10 @@ public:
     virtual std::unique_ptr<KaEstimatorGrid> CreateEstimator();
     virtual bool EstimateSurface(KaSurface* surface);
 
+    // Why the last Run ended without a surface, when the job knows; empty
+    // otherwise. The job itself stays silent; callers may show it.
+    virtual std::string FailureReason() const { return failure_; }
+
 protected:
     void Message(const std::string& text) { if (observer_) observer_->Message(text); }
     void Percent(int p, const std::string& text) { if (observer_) observer_->Percent(p, text); }
@@ -53,6 +57,7 @@ protected:
     static void SetSurfaceLimits(KaSurface& surface, double zMin, double zMax);
 
     KaJobObserver* observer_;
+    std::string failure_;
     std::unique_ptr<KaEstimatorGrid> estimator_;
     std::unique_ptr<KaSampleList> samples_;
 };
