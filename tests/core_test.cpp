@@ -1,0 +1,254 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "KaTestSupport.h"
+#include "core/KaRecordFill.h"
+#include "methods/KaEstInverseDistance.h"
+#include "methods/KaEstMovingAverage.h"
+#include "platform/kadata/KaDataObject.h"
+
+namespace {
+
+std::unique_ptr<KaSurface> Surface3x2(double invalid)
+{
+    auto s = std::make_unique<KaSurface>();
+    KaSurfaceObjInfo& info = s->GetSurfaceObjInfo();
+    info.columnCount = 3;
+    info.rowCount = 2;
+    info.xMin = 10; info.xMax = 14;
+    info.yMin = 0;  info.yMax = 5;
+    info.invalidValue = invalid;
+    info.limit.SetLimit(10, 0, 1, 14, 5, 6);
+    KaTDataMatrix2D<double> m;
+    m.Create(3, 2);
+    const double v[6] = {1, 2, invalid, 4, 5, 6};
+    for (int i = 0; i < 6; ++i) m.data[i] = v[i];
+    EXPECT_TRUE(s->SetGridDataArray(std::move(m)));
+    s->SetName("dem");
+    return s;
+}
+
+struct CountingList : KaSampleList {
+    bool* deleted;
+    explicit CountingList(bool* d) : deleted(d) {}
+    ~CountingList() override { *deleted = true; }
+};
+
+// Answers a constant everywhere; not a searcher.
+struct ConstantEstimator : KaEstimatorGrid {
+    double EstimateNode(double, double) override { return 7; }
+};
+
+}  // namespace
+
+TEST(SampleList, SurfaceNodesBecomeSamplesRowByRowBlankIncluded)
+{
+    auto s = Surface3x2(-9999);
+    KaSampleList* list = nullptr;
+    ASSERT_TRUE(BuildSampleList(list, s.get()));
+    std::unique_ptr<KaSampleList> owned(list);
+    ASSERT_EQ(list->size(), 6u);
+    std::vector<Ka3DPoint> got;
+    for (const KaSample& k : *list) got.push_back(k.point);
+    EXPECT_EQ(got[0], Ka3DPoint(10, 0, 1));
+    EXPECT_EQ(got[2], Ka3DPoint(14, 0, -9999));  // blank node kept
+    EXPECT_EQ(got[3], Ka3DPoint(10, 5, 4));
+    EXPECT_EQ(got[5], Ka3DPoint(14, 5, 6));
+}
+
+TEST(SampleList, PointsKeepOrderAndDuplicatesAndOldListIsDeletedEvenOnFailure)
+{
+    KaScatteredPoints pts;
+    pts.SetScatteredPoints({{1, 1, 1}, {0, 0, 2}, {1, 1, 1}});
+    bool deleted = false;
+    KaSampleList* list = new CountingList(&deleted);
+    ASSERT_TRUE(BuildSampleList(list, &pts));
+    EXPECT_TRUE(deleted);
+    std::unique_ptr<KaSampleList> owned(list);
+    ASSERT_EQ(list->size(), 3u);
+    EXPECT_EQ(list->front().point, Ka3DPoint(1, 1, 1));
+    EXPECT_EQ(list->back().point, Ka3DPoint(1, 1, 1));
+
+    deleted = false;
+    owned.release();
+    list = new CountingList(&deleted);
+    KaSurface empty;  // no data: the build fails
+    EXPECT_FALSE(BuildSampleList(list, &empty));
+    EXPECT_TRUE(deleted);
+    EXPECT_EQ(list, nullptr);
+
+    KaScatteredPoints none;
+    ASSERT_TRUE(BuildSampleList(list, &none));  // an empty set is not an error here
+    EXPECT_TRUE(list->empty());
+    delete list;
+}
+
+TEST(Record, ValidationRulesAndSpacings)
+{
+    KaEstimatorGridParam r;
+    EXPECT_TRUE(r.IsValid());
+    EXPECT_EQ(r.GetDx(), 0.0);  // one column
+    r.xMax = 10;
+    r.columnCount = 6;
+    EXPECT_EQ(r.GetDx(), 2.0);
+    r.xMax = r.xMin;  // equal bounds pass and give a zero spacing
+    EXPECT_TRUE(r.IsValid());
+    EXPECT_EQ(r.GetDx(), 0.0);
+
+    r.tolerance = 0;
+    EXPECT_TRUE(r.IsValid());
+    r.tolerance = -1e-9;
+    EXPECT_EQ(r.Validate(), "tolerance: must not be negative");
+    r.tolerance = std::nan("");  // kept: "less than" tests let NaN through
+    r.xMin = std::nan("");
+    EXPECT_TRUE(r.IsValid());
+
+    r.name.clear();
+    EXPECT_EQ(r.Validate().rfind("name:", 0), 0u);
+    r.rowCount = 0;  // earlier checks win
+    EXPECT_EQ(r.Validate().rfind("rowCount:", 0), 0u);
+    r.yMax = -1;
+    EXPECT_EQ(r.Validate().rfind("yMax:", 0), 0u);
+}
+
+TEST(Estimator, NotReadyGivesBlankOrZero)
+{
+    KaEstInverseDistance e;
+    EXPECT_EQ(e.EstimateAt(0, 0), 0.0);  // no record at all
+    auto p = std::make_unique<KaEstInverseDistanceParam>();
+    p->blankValue = -5;
+    e.SetParam(std::move(p));
+    KaSampleList empty;
+    e.SetSampleList(&empty);
+    EXPECT_EQ(e.EstimateAt(0, 0), -5.0);
+}
+
+TEST(Fill, PointsGiveHundredRowsAndTheBetterColumnCount)
+{
+    KaScatteredPoints pts;
+    pts.SetName("wells");
+    pts.SetScatteredPoints({{0, 0, 1}, {20, 10, 3}, {5, 5, 2}});
+    KaEstInverseDistanceParam r;
+    ASSERT_EQ(FillRecordFromObject(&r, &pts, "_Inverse"), KaFillResult::Filled);
+    EXPECT_EQ(r.name, "wells_Inverse");
+    EXPECT_EQ(r.rowCount, 100u);
+    // dy = 10/99; 200 columns give dx = 20/199 (off by 5.1e-4), 201 give 0.1 (off by 1.0e-3)
+    EXPECT_EQ(r.columnCount, 200u);
+    EXPECT_EQ(r.xMax, 20);
+    EXPECT_EQ(r.limit.zMax, 3);
+    // search defaults for fewer than 100 values
+    EXPECT_EQ(r.maxFromAll, 3);
+    EXPECT_EQ(r.maxFromEach, 3);
+    EXPECT_EQ(r.minInAll, 3);
+    EXPECT_EQ(r.sectorCount, 1);
+    EXPECT_EQ(r.blankSectors, 1);
+    EXPECT_DOUBLE_EQ(r.radius1, 1.2 * std::sqrt(500.0));
+    EXPECT_EQ(r.radius2, r.radius1);
+    EXPECT_EQ(r.ellipseAngle, 0.0);
+
+    std::vector<Ka3DPoint> many;
+    for (int i = 0; i < 150; ++i) many.emplace_back(i % 15, i / 15, i);
+    pts.SetScatteredPoints(many);
+    KaEstInverseDistanceParam r2;
+    FillRecordFromObject(&r2, &pts, "_Inverse");
+    EXPECT_EQ(r2.sectorCount, 4);
+    EXPECT_EQ(r2.minInAll, 8);
+    EXPECT_EQ(r2.maxFromAll, 150);
+}
+
+TEST(Fill, ZeroHeightNeedsExplicitGeometrySurfaceReproducesLattice)
+{
+    KaScatteredPoints line;
+    line.SetScatteredPoints({{0, 3, 1}, {10, 3, 2}});
+    KaEstMovingAverageParam r;
+    EXPECT_EQ(FillRecordFromObject(&r, &line, "_Mean"), KaFillResult::NeedsExplicitGeometry);
+    EXPECT_EQ(FillRecordFromObject(&r, nullptr, "_Mean"), KaFillResult::Failed);
+
+    auto s = Surface3x2(-9999);
+    KaEstimatorGridParam g;  // not a searching record: no search defaults
+    ASSERT_EQ(FillRecordFromObject(&g, s.get(), "_x"), KaFillResult::Filled);
+    EXPECT_EQ(g.columnCount, 3u);
+    EXPECT_EQ(g.rowCount, 2u);
+    EXPECT_EQ(g.xMin, 10);
+    EXPECT_EQ(g.yMax, 5);
+    EXPECT_EQ(g.originalInvalidValue, -9999);
+    EXPECT_EQ(g.blankValue, 1.70141e38);
+    EXPECT_EQ(g.name, "dem_x");
+}
+
+TEST(Job, ProgressSequenceAndZRange)
+{
+    katest::RecordingObserver obs;
+    auto p = std::make_unique<KaEstMovingAverageParam>();
+    p->xMax = 2; p->yMax = 2; p->columnCount = 3; p->rowCount = 3;
+    p->minInAll = 2; p->sectorCount = 1; p->blankSectors = 1;
+    p->radius1 = p->radius2 = 10;
+    auto s = katest::RunJob(std::make_unique<KaEstMovingAverage>(), std::move(p),
+                            katest::Samples({{0, 0, 4}, {2, 2, 8}}), &obs);
+    ASSERT_TRUE(s);
+    const std::vector<std::string> msgs{"Ready to griding", "Initial Parameter", "Ready to griding",
+                                        "Initial Parameter"};
+    EXPECT_EQ(obs.messages, msgs);
+    const std::vector<std::pair<int, std::string>> pct{{0, "Creating Searching Grid"}, {0, "Estimating"},
+                                                       {0, "Estimated 0 Rows"}, {33, "Estimated 1 Rows"},
+                                                       {66, "Estimated 2 Rows"}};
+    EXPECT_EQ(obs.percents, pct);
+    const KaSurfaceObjInfo& info = s->GetSurfaceObjInfo();
+    EXPECT_EQ(info.zMin, 4);
+    EXPECT_EQ(info.zMax, 8);
+    EXPECT_EQ(info.limit.zMax, 8);
+    EXPECT_EQ(s->GridData().At(0, 0), 4);  // on a sample
+    EXPECT_EQ(s->GridData().At(1, 1), 6);
+    EXPECT_EQ(info.corners[2], Ka3DPoint(0, 2, 0));
+}
+
+TEST(Job, AllBlankKeepsExtremeRangeOneRowEmitsOnlyZero)
+{
+    katest::RecordingObserver obs;
+    auto p = std::make_unique<KaEstMovingAverageParam>();
+    p->xMax = 2; p->columnCount = 3; p->rowCount = 1;
+    p->minInAll = 5;  // never reached: every node blank
+    auto s = katest::RunJob(std::make_unique<KaEstMovingAverage>(), std::move(p),
+                            katest::Samples({{0, 0, 4}, {2, 0, 8}}), &obs);
+    ASSERT_TRUE(s);
+    EXPECT_EQ(s->GetSurfaceObjInfo().zMin, 1.7976931348623157e308);
+    EXPECT_EQ(s->GetSurfaceObjInfo().zMax, -1.7976931348623157e308);
+    EXPECT_EQ(obs.percents.back(), (std::pair<int, std::string>{0, "Estimated 0 Rows"}));
+    for (uint32_t c = 0; c < 3; ++c) EXPECT_EQ(s->GridData().At(0, c), 1.70141e38);
+}
+
+TEST(Job, LastPercentIsNeverHundred)
+{
+    katest::RecordingObserver obs;
+    auto p = std::make_unique<KaEstMovingAverageParam>();
+    p->yMax = 1; p->rowCount = 250;
+    auto s = katest::RunJob(std::make_unique<KaEstMovingAverage>(), std::move(p),
+                            katest::Samples({{0, 0, 4}}), &obs);
+    ASSERT_TRUE(s);
+    EXPECT_EQ(obs.percents.back(), (std::pair<int, std::string>{99, "Estimated 248 Rows"}));
+    EXPECT_EQ(obs.percents.size(), 2u + 100u);  // once per whole percent
+}
+
+TEST(Job, NonSearcherEndsWithoutSurfaceAndStartEstimateQuirk)
+{
+    {
+        KaGridJob job;
+        job.SetSampleList(katest::Samples({{0, 0, 1}}));
+        job.SetEstimator(std::make_unique<ConstantEstimator>());
+        ASSERT_TRUE(job.StartEstimate(std::make_unique<KaEstimatorGridParam>()));
+        EXPECT_EQ(job.Run(), nullptr);
+        EXPECT_FALSE(job.FailureReason().empty());
+    }
+    {
+        // kept: a passed estimator is not stored when none was held
+        KaGridJob job;
+        EXPECT_FALSE(job.StartEstimate(std::make_unique<KaEstimatorGridParam>(),
+                                       std::make_unique<ConstantEstimator>()));
+        auto bad = std::make_unique<KaEstimatorGridParam>();
+        bad->name.clear();
+        job.SetEstimator(std::make_unique<ConstantEstimator>());
+        EXPECT_FALSE(job.StartEstimate(std::move(bad)));
+        EXPECT_FALSE(job.StartEstimate(nullptr));
+    }
+}

@@ -1,0 +1,100 @@
+#include <gtest/gtest.h>
+
+#include "KaTestSupport.h"
+#include "methods/KaEstInverseDistance.h"
+#include "methods/KaEstMovingAverage.h"
+#include "methods/KaEstNearestNeighbor.h"
+
+namespace {
+
+// Prepares any searching estimator over [0, 10]^2 with one sector taking every
+// sample within `radius` of a node.
+template <typename E, typename P>
+struct Rig {
+    E est;
+    P* p;
+    std::unique_ptr<KaSampleList> samples;
+
+    explicit Rig(std::vector<Ka3DPoint> pts, double radius = 20, int64_t minInAll = 1)
+    {
+        auto param = std::make_unique<P>();
+        param->xMax = param->yMax = 10;
+        param->columnCount = param->rowCount = 11;
+        param->sectorCount = 1;
+        param->minInAll = minInAll;
+        param->blankSectors = 1;  // never stop early by the minimum: take every ring
+        param->maxFromAll = param->maxFromEach = 1000;
+        param->radius1 = param->radius2 = radius;
+        p = param.get();
+        est.SetParam(std::move(param));
+        samples = katest::Samples(pts);
+        est.SetSampleList(samples.get());
+    }
+};
+
+using Idw = Rig<KaEstInverseDistance, KaEstInverseDistanceParam>;
+using Near = Rig<KaEstNearestNeighbor, KaEstNearestNeighborParam>;
+using Mean = Rig<KaEstMovingAverage, KaEstMovingAverageParam>;
+
+}  // namespace
+
+TEST(InverseDistance, WeightsPowerSmoothingAndCoincidence)
+{
+    Idw r({{6, 5, 10}, {5, 7, 20}});
+    EXPECT_DOUBLE_EQ(r.est.EstimateAt(5, 5), 12.0);  // weights 1 and 1/4
+    r.p->power = 0;
+    EXPECT_DOUBLE_EQ(r.est.EstimateAt(5, 5), 15.0);  // plain mean
+    r.p->power = 2;
+    r.p->smoothing = 1e12;
+    EXPECT_NEAR(r.est.EstimateAt(5, 5), 15.0, 1e-9);
+    r.p->anisotropyRatio = 5;  // carried only
+    r.p->anisotropyAngle = 30;
+    r.p->smoothing = 0;
+    EXPECT_DOUBLE_EQ(r.est.EstimateAt(5, 5), 12.0);
+
+    // A sample within the tolerance box returns its value even when not first.
+    KaNeighbours list{{6, 5, 10}, {5.0005, 4.9995, 33}};
+    EXPECT_EQ(r.est.WeightedAverage(list, 5, 5), 33);
+    // All neighbours blank-valued: the weights vanish.
+    r.p->originalInvalidValue = 10;
+    KaNeighbours blanks{{6, 5, 10}};
+    EXPECT_EQ(r.est.WeightedAverage(blanks, 5, 5), r.p->blankValue);
+}
+
+TEST(InverseDistance, NodeOnASampleTakesItsValue)
+{
+    Idw r({{5, 5, 3}, {6, 5, 10}});
+    EXPECT_EQ(r.est.EstimateAt(5, 5), 3);
+    EXPECT_EQ(r.est.EstimateAt(5.0009, 5), 3);
+}
+
+TEST(NearestNeighbor, ClosestWinsTiesGoToTheEarlierAndEllipseBounds)
+{
+    Near r({{6, 5, 1}, {4, 5, 2}, {5, 7, 3}});
+    EXPECT_EQ(r.est.EstimateAt(5, 5), 1);  // 6,5 and 4,5 tie: the first in the result
+    EXPECT_EQ(r.est.EstimateAt(5.2, 6.5), 3);
+    Near far({{9, 9, 1}}, 2);
+    EXPECT_EQ(far.est.EstimateAt(5, 5), far.p->blankValue);
+    EXPECT_EQ(far.est.EstimateAt(9.0001, 9), 1);
+}
+
+TEST(MovingAverage, MeanOfDividedTermsMinimumAndCoincidence)
+{
+    Mean r({{6, 5, 1}, {4, 5, 2}, {5, 7, 3}});
+    EXPECT_DOUBLE_EQ(r.est.EstimateAt(5, 5), 1.0 / 3 + 2.0 / 3 + 3.0 / 3);
+    EXPECT_EQ(r.est.EstimateAt(6, 5), 1);
+    Mean few({{6, 5, 1}, {4, 5, 2}, {5, 7, 3}, {5, 3, 4}}, 20, 5);
+    EXPECT_EQ(few.est.EstimateAt(5, 5), few.p->blankValue);
+}
+
+TEST(Methods, SearchReturningNothingWithZeroMinimumIsBlank)
+{
+    // Without search validation a zero minimum lets the search answer true
+    // with no neighbours.
+    Mean r({{9, 9, 1}}, 1, 0);
+    r.p->useSearch = false;
+    EXPECT_EQ(r.est.EstimateAt(1, 1), r.p->blankValue);
+    Idw i({{9, 9, 1}}, 1, 0);
+    i.p->useSearch = false;
+    EXPECT_EQ(i.est.EstimateAt(1, 1), i.p->blankValue);
+}
