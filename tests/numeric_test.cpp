@@ -1,0 +1,496 @@
+// Anisotropy transform, variogram models and the dense solvers.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <random>
+#include <stdexcept>
+#include <vector>
+
+#include "methods/numeric/KaMatrix.h"
+#include "methods/numeric/KaVario.h"
+#include "search/KaAnisotropy.h"
+
+namespace {
+
+KaVario Component(uint32_t model, double sill, double range)
+{
+    KaVario v;
+    v.Set(model, sill, range, 0, 0, 0, 1, 1);
+    return v;
+}
+
+// Value of a component at horizontal distance d.
+double At(const KaVario& v, double d) { return v.Evaluate(d, 0.0, 0.0); }
+
+}  // namespace
+
+// ---------------------------------------------------------------- anisotropy
+
+TEST(Anisotropy, StartsWithPlaceholderMatrixAndRebuildsOnFirstRequest)
+{
+    KaAnisotropy a;
+    EXPECT_TRUE(a.IsDirty());
+    ASSERT_EQ(a.MatrixCount(), 9);
+    const double initial[9] = {0, 1, 0, -1, 0, 0, 0, 0, 1};
+    for (int i = 0; i < 9; ++i) EXPECT_EQ(a.Rotation()[i], initial[i]) << i;
+
+    EXPECT_EQ(a.SquaredDistance(3, 4, 12), 169.0);
+    EXPECT_FALSE(a.IsDirty());
+    EXPECT_FALSE(a.IsAnisotropic());
+    EXPECT_EQ(a.Rotation()[0], 1.0);
+    EXPECT_EQ(a.Rotation()[4], 1.0);
+}
+
+TEST(Anisotropy, PureRotationTakesThePlainPath)
+{
+    KaAnisotropy a;
+    a.SetAnisotropy(30, 0, 0, 1, 1);
+    const double dx = 0.3, dy = 1.7, dz = 0.0;
+    EXPECT_EQ(a.SquaredDistance(dx, dy, dz), dx * dx + dy * dy + dz * dz);
+    EXPECT_FALSE(a.IsAnisotropic());
+}
+
+TEST(Anisotropy, RatioStretchesTheSecondAxis)
+{
+    KaAnisotropy a;
+    a.SetAnisotropy(0, 0, 0, 0.5, 1);
+    EXPECT_EQ(a.SquaredDistance(0, 1, 0), 4.0);
+    EXPECT_EQ(a.SquaredDistance(1, 0, 0), 1.0);
+    EXPECT_EQ(a.SquaredDistance(0, 0, 1), 1.0);
+    EXPECT_TRUE(a.IsAnisotropic());
+
+    // Turned by (almost) 90 degrees the stretch moves to x.
+    a.SetAnisotropy(90, 0, 0, 0.5, 1);
+    EXPECT_NEAR(a.SquaredDistance(1, 0, 0), 4.0, 1e-12);
+    EXPECT_NEAR(a.SquaredDistance(0, 1, 0), 1.0, 1e-12);
+
+    // The second ratio divides the vertical axis.
+    a.SetAnisotropy(0, 0, 0, 1, 0.25);
+    EXPECT_EQ(a.SquaredDistance(0, 0, 1), 16.0);
+    EXPECT_EQ(a.SquaredDistance(2, 0, 0), 4.0);
+}
+
+TEST(Anisotropy, DegreeFactorIsTheTruncatedConstant)
+{
+    // 90 degrees with the truncated factor falls short of pi / 2 by about 2e-9,
+    // which shows in the matrix (full precision would leave about 6e-17).
+    KaAnisotropy a;
+    a.SetAnisotropy(90, 0, 0, 0.5, 1);
+    a.SquaredDistance(1, 0, 0);
+    EXPECT_EQ(a.Rotation()[0], std::cos(90 * 0.0174532925));
+    EXPECT_GT(a.Rotation()[0], 1e-9);
+    // The dip enters negated: row 0 ends in -sin(-angle2).
+    a.SetAnisotropy(0, 30, 0, 0.5, 1);
+    a.SquaredDistance(1, 0, 0);
+    EXPECT_EQ(a.Rotation()[2], -std::sin(-1.0 * 30 * 0.0174532925));
+    EXPECT_GT(a.Rotation()[2], 0.49);
+}
+
+TEST(Anisotropy, TinyZeroOrNaNRatiosUseTheFloor)
+{
+    const double f = 1 / 1e-15;
+    for (double ratio : {0.0, -3.0, 1e-16, std::numeric_limits<double>::quiet_NaN()}) {
+        KaAnisotropy a;
+        a.SetAnisotropy(0, 0, 0, ratio, 1);
+        const double d2 = a.SquaredDistance(0, 1, 0);
+        EXPECT_TRUE(std::isfinite(d2)) << ratio;
+        EXPECT_EQ(d2, f * f) << ratio;
+    }
+}
+
+TEST(Anisotropy, ChangesTakeEffectAtTheNextRequest)
+{
+    KaAnisotropy a;
+    EXPECT_EQ(a.SquaredDistance(0, 1, 0), 1.0);
+    a.SetAnisotropy(0, 0, 0, 0.5, 1);
+    EXPECT_TRUE(a.IsDirty());
+    EXPECT_FALSE(a.IsAnisotropic());  // still the old state
+    EXPECT_EQ(a.SquaredDistance(0, 1, 0), 4.0);
+
+    KaAnisotropy b;
+    b.SquaredDistance(1, 1, 1);
+    b = a;  // copies the numbers and marks the matrix stale
+    EXPECT_TRUE(b.IsDirty());
+    EXPECT_EQ(b.Ratio1(), 0.5);
+    EXPECT_EQ(b.SquaredDistance(0, 1, 0), 4.0);
+
+    b = b;  // self-assignment changes nothing, not even the flag
+    EXPECT_FALSE(b.IsDirty());
+
+    KaAnisotropy c(a);
+    EXPECT_TRUE(c.IsEqual(a));
+    EXPECT_EQ(c.SquaredDistance(0, 1, 0), 4.0);
+}
+
+TEST(Anisotropy, EqualityComparesTheFiveNumbersOnly)
+{
+    KaAnisotropy a, b;
+    a.SquaredDistance(1, 0, 0);  // a has a fresh matrix, b does not
+    EXPECT_TRUE(a.IsEqual(b));
+    const double base[5] = {10, 20, 30, 0.5, 0.25};
+    for (int k = 0; k < 5; ++k) {
+        double v[5] = {base[0], base[1], base[2], base[3], base[4]};
+        a.SetAnisotropy(v[0], v[1], v[2], v[3], v[4]);
+        v[k] += 1;
+        b.SetAnisotropy(v[0], v[1], v[2], v[3], v[4]);
+        EXPECT_FALSE(a.IsEqual(b)) << k;
+    }
+    const double nan = std::numeric_limits<double>::quiet_NaN();
+    a.SetAnisotropy(nan, 0, 0, 1, 1);
+    EXPECT_FALSE(a.IsEqual(a));  // exact double comparison
+}
+
+// ---------------------------------------------------------------- variogram
+
+TEST(Vario, WorkedExamples)
+{
+    const KaVario sph = Component(kKaVarioSpherical, 2, 10);
+    EXPECT_EQ(At(sph, 0), 0.0);
+    EXPECT_EQ(At(sph, 5), 1.375);
+    EXPECT_EQ(At(sph, 10), 2.0);
+    EXPECT_EQ(At(sph, 20), 2.0);
+
+    const KaVario nug = Component(kKaVarioNugget, 0.3, 1);
+    EXPECT_EQ(At(nug, 0), 0.3);  // also at zero separation
+    EXPECT_EQ(At(nug, 7), 0.3);
+
+    const KaVario penta = Component(kKaVarioPentaspherical, 1, 1);
+    EXPECT_EQ(At(penta, 1), 1.0);
+    EXPECT_EQ(At(penta, 2), 5.75);  // not capped
+
+    const KaVario cubic = Component(kKaVarioCubic, 1, 1);
+    EXPECT_EQ(At(cubic, 1), 1.0);
+    EXPECT_EQ(At(cubic, 0.5), 2.509765625);
+
+    const KaVario log = Component(kKaVarioLogarithmic, 3, 2);
+    EXPECT_EQ(At(log, 1.99), 0.0);
+    EXPECT_EQ(At(log, 2), 0.0);  // ln 1
+    EXPECT_EQ(At(log, 4), 3 * std::log(2.0));
+
+    const KaVario wave = Component(kKaVarioWave, 2, 1);
+    EXPECT_EQ(At(wave, 0), 0.0);
+    EXPECT_EQ(At(wave, 1e-16), 0.0);
+    EXPECT_EQ(At(wave, 2), 2 * (1 - std::sin(2.0) / 2));
+}
+
+TEST(Vario, ModelsUseHWithoutFactorThree)
+{
+    EXPECT_EQ(At(Component(kKaVarioExponential, 2, 4), 4), 2 * (1 - std::exp(-1.0)));
+    EXPECT_EQ(At(Component(kKaVarioGaussian, 2, 4), 8), 2 * (1 - std::exp(-4.0)));
+    EXPECT_EQ(At(Component(kKaVarioRationalQuadratic, 2, 4), 4), 1.0);
+    EXPECT_EQ(At(Component(kKaVarioLinear, 2, 4), 3), 1.5);
+
+    const KaVario quad = Component(kKaVarioQuadratic, 2, 4);
+    EXPECT_EQ(At(quad, 2), 2 * (2 * 0.5 - 0.25));
+    EXPECT_EQ(At(quad, 4), 2.0);
+    EXPECT_EQ(At(quad, 9), 2.0);
+
+    KaVario pw = Component(kKaVarioPower, 2, 4);
+    pw.power = 1.5;
+    EXPECT_EQ(At(pw, 6), 2 * std::pow(1.5, 1.5));
+}
+
+TEST(Vario, OddPowersBySquareAndMultiply)
+{
+    // At these h the general power function and a running product round
+    // differently from h * (h^2)^2 and h^3 * h^4.
+    for (double h : {0.77, 1.3}) {
+        const double h2 = h * h, h3 = h * h2, h4 = h2 * h2, h5 = h * h4, h7 = h3 * h4;
+        EXPECT_EQ(At(Component(kKaVarioPentaspherical, 1, 1), h), 1.875 * h - 1.25 * h3 + 0.375 * h5);
+        EXPECT_EQ(At(Component(kKaVarioCubic, 1, 1), h),
+                  7 * h - 8.75 * h3 + 3.5 * h5 - 0.75 * h7);
+    }
+    const double h = 0.77, h3 = h * (h * h);
+    EXPECT_EQ(At(Component(kKaVarioSpherical, 1, 2), 2 * h), 1.5 * h - 0.5 * h3);
+}
+
+TEST(Vario, UnknownModelsAndNames)
+{
+    const char* names[] = {"Nugget", "Exponential", "Gaussian", "Quadratic", "Rational Quadratic",
+                           "Power", "Linear", "Wave(Hole Effect)", "Spherical", "Logarithmic",
+                           "Pentaspherical", "Cubic"};
+    for (uint32_t i = 0; i < 12; ++i) EXPECT_EQ(KaVario::ModelName(i), names[i]);
+    EXPECT_EQ(KaVario::ModelName(12), "unknow");
+    EXPECT_EQ(KaVario::ModelName(0xFFFFFFFFu), "unknow");
+    EXPECT_EQ(At(Component(12, 5, 1), 0.5), 0.0);
+    EXPECT_EQ(At(Component(1000, 5, 1), 3), 0.0);
+}
+
+TEST(Vario, DefaultsAnisotropyAndZeroRange)
+{
+    KaVario v;
+    EXPECT_EQ(v.modelType, kKaVarioSpherical);
+    EXPECT_EQ(v.sill, 1.0);
+    EXPECT_EQ(v.range, 1.0);
+    EXPECT_EQ(v.power, 3.0);
+
+    KaVario lin;
+    lin.power = 7;
+    lin.Set(kKaVarioLinear, 1, 1, 0, 0, 0, 0.5, 1);
+    EXPECT_EQ(lin.power, 7.0);  // Set leaves the power alone
+    EXPECT_EQ(lin.Evaluate(0, 1, 0), 2.0);
+    EXPECT_EQ(lin.Evaluate(1, 0, 0), 1.0);
+
+    lin.range = 0;  // not guarded
+    EXPECT_TRUE(std::isinf(lin.Evaluate(1, 0, 0)));
+    EXPECT_TRUE(std::isnan(lin.Evaluate(0, 0, 0)));
+}
+
+TEST(Vario, CopyAndEqualityInOrder)
+{
+    KaVario a = Component(kKaVarioGaussian, 2, 3);
+    a.power = 1.25;
+    a.anisotropy.SetAnisotropy(10, 0, 0, 0.5, 1);
+    KaVario b;
+    b = a;
+    EXPECT_TRUE(a.IsEqual(b));
+    EXPECT_EQ(b.power, 1.25);
+    EXPECT_EQ(b.Evaluate(0.3, 0.4, 0), a.Evaluate(0.3, 0.4, 0));
+
+    b.power = 2;  // power matters even for a non-power model
+    EXPECT_FALSE(a.IsEqual(b));
+    b = a;
+    b.modelType = kKaVarioCubic;
+    EXPECT_FALSE(a.IsEqual(b));
+    b = a;
+    b.anisotropy.SetAnisotropy(10, 0, 0, 0.5, 1.5);
+    EXPECT_FALSE(a.IsEqual(b));
+    b = a;
+    b.sill = std::numeric_limits<double>::quiet_NaN();
+    EXPECT_FALSE(b.IsEqual(b));
+}
+
+TEST(VarioVector, SumInOrderTimesScale)
+{
+    KaVarioVector v;
+    EXPECT_FALSE(v.IsValid());
+    EXPECT_EQ(v.Evaluate(1, 2, 3), 0.0);
+    v.scale = -2;
+    EXPECT_EQ(std::signbit(v.Evaluate(1, 2, 3)), false);  // a plain 0.0 when empty
+
+    v.scale = 2;
+    v.Add(std::make_unique<KaVario>(Component(kKaVarioNugget, 0.5, 1)));
+    v.Add(new KaVario(Component(kKaVarioSpherical, 2, 10)));
+    EXPECT_TRUE(v.IsValid());
+    EXPECT_EQ(v.Evaluate(5, 0, 0), 2 * (0.5 + 1.375));
+    EXPECT_EQ(v.Evaluate(0, 0, 0), 1.0);  // the nugget stays at zero separation
+
+    // Array order matters once magnitudes differ: (1e16 + 1) - 1e16 is 0.
+    KaVarioVector w;
+    w.Add(new KaVario(Component(kKaVarioNugget, 1e16, 1)));
+    w.Add(new KaVario(Component(kKaVarioNugget, 1, 1)));
+    w.Add(new KaVario(Component(kKaVarioNugget, -1e16, 1)));
+    EXPECT_EQ(w.Evaluate(0, 0, 0), 0.0);
+}
+
+TEST(VarioVector, IndexingClearAndClone)
+{
+    KaVarioVector v;
+    v.scale = 3;
+    v.Add(new KaVario(Component(kKaVarioLinear, 1, 1)));
+    v.Add(new KaVario(Component(kKaVarioCubic, 2, 5)));
+    EXPECT_EQ(v[1].modelType, kKaVarioCubic);
+    try {
+        (void)v[2];
+        FAIL() << "no exception";
+    } catch (const std::out_of_range& e) {
+        EXPECT_STREQ(e.what(), "invalid vector<T> subscript");
+    }
+    const KaVarioVector& cv = v;
+    EXPECT_THROW((void)cv[5], std::out_of_range);
+
+    std::unique_ptr<KaVarioVector> copy = v.Clone();
+    EXPECT_TRUE(copy->IsEqual(v));
+    EXPECT_EQ(copy->scale, 3.0);
+    copy->operator[](0).sill = 9;
+    EXPECT_EQ(v[0].sill, 1.0);  // deep copy
+    EXPECT_FALSE(copy->IsEqual(v));
+
+    v.Clear();
+    EXPECT_EQ(v.size(), 0u);
+    EXPECT_EQ(v.scale, 1.0);
+    EXPECT_FALSE(v.IsValid());
+}
+
+// ---------------------------------------------------------------- matrix and solvers
+
+TEST(Matrix, ResizeZeroesAndUnimplementedOperationsThrow)
+{
+    KaT2DMatrix<double> m;
+    EXPECT_EQ(m.Rows(), 0u);
+    EXPECT_EQ(m.Data(), nullptr);
+    m.Resize(2, 2);
+    m(1, 0) = 5;
+    EXPECT_EQ(m.Data()[2], 5.0);  // row-major, stride = first dimension
+    m.Resize(3, 3);
+    for (int i = 0; i < 9; ++i) EXPECT_EQ(m.Data()[i], 0.0);
+    m(2, 2) = 1;
+    m.Resize(1, 1);
+    EXPECT_EQ(m(0, 0), 0.0);
+    EXPECT_THROW(m.Transpose(), KaMatrixException);
+    EXPECT_THROW(m.Invert(), KaMatrixException);
+}
+
+TEST(GaussJordan, SwapSystemIsItsOwnInverse)
+{
+    double a[4] = {0, 1, 1, 0};
+    double b[2] = {2, 3};
+    ASSERT_EQ(GaussJordanSolve(a, 2, b), 1);
+    EXPECT_EQ(b[0], 3.0);
+    EXPECT_EQ(b[1], 2.0);
+    EXPECT_EQ(a[0], 0.0);
+    EXPECT_EQ(a[1], 1.0);
+    EXPECT_EQ(a[2], 1.0);
+    EXPECT_EQ(a[3], 0.0);
+}
+
+TEST(GaussJordan, SolvesAndLeavesTheInverse)
+{
+    double a[9] = {2, -1, 0, -1, 2, -1, 0, -1, 2};
+    const double orig[9] = {2, -1, 0, -1, 2, -1, 0, -1, 2};
+    double b[3] = {1, 0, 1};
+    ASSERT_EQ(GaussJordanSolve(a, 3, b), 1);
+    for (double x : b) EXPECT_NEAR(x, 1.0, 1e-15);
+    for (int i = 0; i < 3; ++i)
+        for (int j = 0; j < 3; ++j) {
+            double s = 0;
+            for (int k = 0; k < 3; ++k) s += orig[i * 3 + k] * a[k * 3 + j];
+            EXPECT_NEAR(s, i == j ? 1.0 : 0.0, 1e-15) << i << j;
+        }
+}
+
+TEST(GaussJordan, SingularOnlyForExactZeroPivots)
+{
+    double equalRows[9] = {1, 2, 3, 1, 2, 3, 4, 5, 7};
+    double b[3] = {1, 2, 3};
+    EXPECT_EQ(GaussJordanSolve(equalRows, 3, b), 0);
+
+    double zeros[4] = {0, 0, 0, 0};
+    double b2[2] = {1, 1};
+    EXPECT_EQ(GaussJordanSolve(zeros, 2, b2), 0);
+
+    // Nearly singular but with a non-zero pivot: solved, no tolerance.
+    double near[4] = {1, 2, 2, 4 + 1e-9};
+    double b3[2] = {1, 1};
+    EXPECT_EQ(GaussJordanSolve(near, 2, b3), 1);
+    EXPECT_GT(std::fabs(b3[0]), 1e8);
+
+    double none[1] = {42};
+    double b4[1] = {7};
+    EXPECT_EQ(GaussJordanSolve(none, 0, b4), 1);
+    EXPECT_EQ(none[0], 42.0);
+    EXPECT_EQ(b4[0], 7.0);
+}
+
+TEST(GaussJordan, LargeSystemsUseTheHeapPath)
+{
+    // Beyond the stack buffer's order; diagonally dominant, known solution.
+    const int n = 150;
+    std::mt19937_64 rng(7);
+    std::uniform_real_distribution<double> u(-1, 1);
+    std::vector<double> a(n * n), orig, x(n), b(n, 0.0);
+    for (int i = 0; i < n; ++i) {
+        for (int j = 0; j < n; ++j) a[i * n + j] = u(rng);
+        a[i * n + i] += n;
+        x[i] = u(rng);
+    }
+    for (int i = 0; i < n; ++i)
+        for (int j = 0; j < n; ++j) b[i] += a[i * n + j] * x[j];
+    orig = a;
+    ASSERT_EQ(GaussJordanSolve(a.data(), n, b.data()), 1);
+    for (int i = 0; i < n; ++i) EXPECT_NEAR(b[i], x[i], 1e-12);
+    double s = 0;
+    for (int k = 0; k < n; ++k) s += orig[3 * n + k] * a[k * n + 3];
+    EXPECT_NEAR(s, 1.0, 1e-12);
+}
+
+namespace {
+
+void Fill(KaT2DMatrix<double>& m, std::initializer_list<double> values)
+{
+    const uint32_t n = static_cast<uint32_t>(std::lround(std::sqrt(values.size())));
+    m.Resize(n, n);
+    std::size_t i = 0;
+    for (double v : values) m.Data()[i++] = v;
+}
+
+}  // namespace
+
+TEST(LuDecompose, RejectsRowsBelowTheFloor)
+{
+    KaT2DMatrix<double> m;
+    std::vector<int32_t> perm;
+    int32_t parity = 0;
+    Fill(m, {1, 2, 0, 0});
+    EXPECT_FALSE(LuDecompose(m, perm, parity));
+    Fill(m, {1, 2, 1e-17, -1e-17});
+    EXPECT_FALSE(LuDecompose(m, perm, parity));
+    Fill(m, {1, 2, 2e-16, 0});
+    EXPECT_TRUE(LuDecompose(m, perm, parity));
+    Fill(m, {0});
+    EXPECT_FALSE(LuDecompose(m, perm, parity));  // a lone neighbour's kriging system
+}
+
+TEST(LuDecompose, PivotsByScaledMeritAndCountsParity)
+{
+    KaT2DMatrix<double> m;
+    std::vector<int32_t> perm;
+    int32_t parity = 0;
+    Fill(m, {1, 2, 3, 4, 5, 6, 7, 8, 10});
+    ASSERT_TRUE(LuDecompose(m, perm, parity));
+    // Scaled merits of column 0: 1/3, 4/6, 7/10, so row 2 comes first.
+    EXPECT_EQ(perm[0], 2);
+    EXPECT_EQ(parity, perm[1] == 1 ? -1 : 1);
+
+    // With the first permuted entry zero the skipped-term rule does not bite,
+    // and the solution is the exact one.
+    std::vector<double> b = {-1.8, -0.6, 0.0};
+    LuSubstitute(m, perm, b);
+    EXPECT_NEAR(b[0], 2.0, 1e-14);
+    EXPECT_NEAR(b[1], -1.0, 1e-14);
+    EXPECT_NEAR(b[2], -0.6, 1e-14);
+}
+
+TEST(LuDecompose, SingularMatrixGetsTheFloorPivot)
+{
+    KaT2DMatrix<double> m;
+    std::vector<int32_t> perm;
+    int32_t parity = 0;
+    Fill(m, {1, 2, 2, 4});
+    ASSERT_TRUE(LuDecompose(m, perm, parity));
+    EXPECT_EQ(m(1, 1), 1.5e-16);
+    std::vector<double> b = {1.0, 0.0};
+    LuSubstitute(m, perm, b);
+    EXPECT_EQ(b[1], 1 / 1.5e-16);
+    EXPECT_TRUE(std::isfinite(b[0]));
+}
+
+TEST(LuSubstitute, MarkerSkipsTermsWhenTheFirstEntryIsAtRowZero)
+{
+    // Lower triangular: no row exchanges, L = (1; .5 1; .5 .5 1), U = 2 I.
+    KaT2DMatrix<double> m;
+    std::vector<int32_t> perm;
+    int32_t parity = 0;
+    Fill(m, {2, 0, 0, 1, 2, 0, 1, 1, 2});
+    ASSERT_TRUE(LuDecompose(m, perm, parity));
+    ASSERT_EQ(perm, (std::vector<int32_t>{0, 1, 2}));
+    EXPECT_EQ(parity, 1);
+
+    // Only row 0 non-zero: nothing is subtracted below it (exact: 1, -0.5, -0.25).
+    std::vector<double> b = {2, 0, 0};
+    LuSubstitute(m, perm, b);
+    EXPECT_EQ(b, (std::vector<double>{1, 0, 0}));
+
+    // A later non-zero row moves the marker; terms below it stay skipped
+    // (exact: 1, 0.5, -0.75).
+    b = {2, 2, 0};
+    LuSubstitute(m, perm, b);
+    EXPECT_EQ(b, (std::vector<double>{1, 1, -0.5}));
+
+    // First non-zero at row 1: the marker works as intended.
+    b = {0, 2, 2};
+    LuSubstitute(m, perm, b);
+    EXPECT_EQ(b, (std::vector<double>{0, 1, 0.5}));
+}
