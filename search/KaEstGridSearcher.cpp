@@ -38,6 +38,10 @@ struct KaEstGridSearcher::Context {
     int32_t sectorCount;
     int64_t maxFromEach;
     bool stopAtCoincident;
+    // Shortcuts that give the same answers as the full test (see KaSectorTable).
+    bool circle;
+    double rimIn, rimOut;
+    const KaSectorTable* table;
 };
 
 const KaEstGridSearcherParam* KaEstGridSearcher::SearchParam() const
@@ -144,7 +148,6 @@ KaEstGridSearcher::Visit KaEstGridSearcher::VisitCell(int64_t bucket, const Cont
         if (std::fabs(s->z - ctx.invalid) < 1e-20) continue;
         const double ex = ctx.x - s->x, ey = ctx.y - s->y;
         int64_t sector;
-        double theta = 0.0;
         if (ex * ex + ey * ey <= ctx.tol2) {
             if (ctx.stopAtCoincident) {
                 result.assign(1, *s);
@@ -154,24 +157,30 @@ KaEstGridSearcher::Visit KaEstGridSearcher::VisitCell(int64_t bucket, const Cont
         } else {
             const double dx = s->x - ctx.x, dy = s->y - ctx.y;
             const double dist = std::sqrt(dx * dx + dy * dy);
-            const double a = std::acos(dx / dist) * 180 / 3.14159265;
-            // kept: below the node the angle is 180 + a, not 360 - a
-            const double angle = dy >= 0 ? a : 180 + a;
-            theta = angle - ctx.ellipseAngle;
-            // kept: sin and cos take the angle in degrees as if it were radians
-            const double sn = std::sin(theta), cs = std::cos(theta);
-            const double r = ctx.radius1 * ctx.radius2 /
-                             std::sqrt(sn * sn * (ctx.radius1 * ctx.radius1) +
-                                       cs * cs * (ctx.radius2 * ctx.radius2));
-            if (r <= dist) continue;
-            const double idx = ctx.sectorCount * theta / 360;
-            if (!(idx > -1.0 && idx < ctx.sectorCount))
-                throw KaSearchError(Format(
-                    "sector index out of range (%.17g of %d sectors) for the sample at "
-                    "(%.17g, %.17g), angle %.17g degrees from the node at (%.17g, %.17g); "
-                    "adjust the grid bounds or the ellipse angle",
-                    std::trunc(idx), ctx.sectorCount, s->x, s->y, theta, ctx.x, ctx.y));
-            sector = static_cast<int64_t>(idx);  // idx in (-1, sectorCount): 0 .. sectorCount - 1
+            sector = -1;
+            if (ctx.circle) {
+                // The ellipse radius of a circle is its radius to a few ulps:
+                // only samples right at the rim need the exact test.
+                if (dist > ctx.rimOut) continue;
+                if (dist < ctx.rimIn && ctx.table) sector = ctx.table->Lookup(dx / dist, dy < 0);
+            }
+            if (sector < 0) {
+                double theta;
+                const double idx = KaSectorIndex(dx, dy, dist, ctx.sectorCount, ctx.ellipseAngle, &theta);
+                // kept: sin and cos take the angle in degrees as if it were radians
+                const double sn = std::sin(theta), cs = std::cos(theta);
+                const double r = ctx.radius1 * ctx.radius2 /
+                                 std::sqrt(sn * sn * (ctx.radius1 * ctx.radius1) +
+                                           cs * cs * (ctx.radius2 * ctx.radius2));
+                if (r <= dist) continue;
+                if (!(idx > -1.0 && idx < ctx.sectorCount))
+                    throw KaSearchError(Format(
+                        "sector index out of range (%.17g of %d sectors) for the sample at "
+                        "(%.17g, %.17g), angle %.17g degrees from the node at (%.17g, %.17g); "
+                        "adjust the grid bounds or the ellipse angle",
+                        std::trunc(idx), ctx.sectorCount, s->x, s->y, theta, ctx.x, ctx.y));
+                sector = static_cast<int64_t>(idx);  // idx in (-1, sectorCount): 0 .. sectorCount - 1
+            }
         }
         std::vector<Ka3DPoint>& list = sectors_[sector];
         if (static_cast<int64_t>(list.size()) < ctx.maxFromEach) list.push_back(*s);
@@ -185,9 +194,15 @@ bool KaEstGridSearcher::Search(double x, double y, KaNeighbours& result, bool st
     if (BucketCount() == 0 || !grid_.IsValid() || !p || !param_->IsValid()) return false;
     result.clear();
 
+    // A circle of moderate radius: r1 * r2 / sqrt(...) is the radius within a
+    // few ulps (outside this range r1 * r1 could overflow or underflow).
+    const bool circle = p->radius1 == p->radius2 && p->radius1 > 1e-100 && p->radius1 < 1e100;
+    const bool tableReady = sectorTable_.Prepare(p->sectorCount, p->ellipseAngle);
     const Context ctx{x, y, p->tolerance * p->tolerance, p->originalInvalidValue,
                       p->radius1, p->radius2, p->ellipseAngle, p->sectorCount,
-                      p->maxFromEach, stopAtCoincident};
+                      p->maxFromEach, stopAtCoincident,
+                      circle, p->radius1 * (1 - 1e-9), p->radius1 * (1 + 1e-9),
+                      tableReady ? &sectorTable_ : nullptr};
 
     // kept: the node cell is found by plain division, not by the formula that
     // placed the samples

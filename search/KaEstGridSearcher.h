@@ -8,6 +8,7 @@
 #include "core/KaEstimatorGrid.h"
 #include "platform/kadata/Ka3DPoint.h"
 #include "search/KaEstGridSearcherParam.h"
+#include "search/KaSectorTable.h"
 
 // Neighbours of one node: copies of the samples, sector by sector.
 using KaNeighbours = std::vector<Ka3DPoint>;
@@ -86,4 +87,5 @@ private:
     // Working sector lists, emptied at the start of every search; one searcher
     // serves one job, so reusing them only saves allocations.
     std::vector<std::vector<Ka3DPoint>> sectors_;
+    KaSectorTable sectorTable_;
 };

@@ -242,3 +242,35 @@ TEST(Search, CapsAndEarlyStop)
     r = g.Find(5, 5);
     EXPECT_EQ(r.size(), 3u);
 }
+
+TEST(SectorTable, LookupAgreesWithTheExactIndexEverywhere)
+{
+    std::mt19937_64 rng(7);
+    std::uniform_real_distribution<double> u(-1, 1);
+    const int32_t counts[] = {1, 2, 3, 4, 7, 12};
+    const double angles[] = {0, 10, -45, 90, 359, -200};
+    for (int32_t s : counts)
+        for (double e : angles) {
+            KaSectorTable t;
+            ASSERT_TRUE(t.Prepare(s, e));
+            int decided = 0;
+            for (int i = 0; i < 20000; ++i) {
+                // random cosines, plus cosines of angles right at the sector steps
+                double c = u(rng);
+                if (i % 4 == 0) c = std::cos((360.0 * (i / 4 % (2 * s)) / s + e) * 3.14159265 / 180) + u(rng) * 1e-8;
+                if (i % 997 == 0) c = -1.0;
+                for (int lower = 0; lower < 2; ++lower) {
+                    const int64_t got = t.Lookup(c, lower != 0);
+                    if (got < 0) continue;  // left to the exact formula
+                    ASSERT_TRUE(c >= -1 && c <= 1);
+                    ++decided;
+                    const double dy = lower ? -1 : 1;
+                    const double idx = KaSectorIndex(c, dy, 1.0, s, e);
+                    ASSERT_TRUE(idx > -1 && idx < s) << s << " " << e << " " << c;
+                    ASSERT_EQ(got, static_cast<int64_t>(idx)) << s << " " << e << " " << c;
+                }
+            }
+            // where no index is out of range the table decides nearly every sample
+            if (e == 0 || e == 10) EXPECT_GT(decided, 30000) << s << " " << e;
+        }
+}
