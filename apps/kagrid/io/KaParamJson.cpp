@@ -1,0 +1,332 @@
+#include "apps/kagrid/io/KaParamJson.h"
+
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <limits>
+#include <type_traits>
+
+#include "apps/kagrid/io/KaNumericJson.h"
+#include "core/KaEstimatorGridParam.h"
+#include "core/KaFieldVisitor.h"
+#include "methods/numeric/KaVario.h"
+#include "search/KaAnisotropy.h"
+
+using nlohmann::json;
+using nlohmann::ordered_json;
+
+namespace {
+
+template <typename T>
+const char* TypeName()
+{
+    if constexpr (std::is_same_v<T, double>) return "number";
+    else if constexpr (std::is_same_v<T, bool>) return "true/false";
+    else if constexpr (std::is_same_v<T, std::string>) return "text";
+    else if constexpr (std::is_unsigned_v<T>) return "whole number >= 0";
+    else return "whole number";
+}
+
+// Record -> JSON.
+class ToJson : public KaFieldVisitor {
+public:
+    ordered_json out = ordered_json::object();
+
+    void Field(const char* k, double& v, const char*) override { out[k] = v; }
+    void Field(const char* k, int32_t& v, const char*) override { out[k] = v; }
+    void Field(const char* k, int64_t& v, const char*) override { out[k] = v; }
+    void Field(const char* k, uint32_t& v, const char*) override { out[k] = v; }
+    void Field(const char* k, uint64_t& v, const char*) override { out[k] = v; }
+    void Field(const char* k, bool& v, const char*) override { out[k] = v; }
+    void Field(const char* k, std::string& v, const char*) override { out[k] = v; }
+    void Choice(const char* k, int32_t& v, std::span<const char* const> names, const char*) override
+    {
+        if (v >= 0 && static_cast<std::size_t>(v) < names.size()) out[k] = names[v];
+        else out[k] = v;
+    }
+    void Field(const char* k, KaAnisotropy& v, const char*) override
+    {
+        out[k] = ordered_json::parse(AnisotropyToJson(v).dump());
+    }
+    void Field(const char* k, KaVarioVector*& v, const char*) override
+    {
+        out[k] = v ? ordered_json::parse(VariogramToJson(*v).dump()) : ordered_json();
+    }
+};
+
+// Sets the one field whose key matches, from a JSON value.
+class FromJson : public KaFieldVisitor {
+public:
+    FromJson(const std::string& key, const json& value, const std::string& origin)
+        : key_(key), value_(value), origin_(origin) {}
+    bool found = false;
+
+    void Field(const char* k, double& v, const char*) override
+    {
+        if (!Match(k)) return;
+        if (!value_.is_number()) Fail("a number");
+        v = value_.get<double>();
+    }
+    void Field(const char* k, int32_t& v, const char*) override { Integer(k, v); }
+    void Field(const char* k, int64_t& v, const char*) override { Integer(k, v); }
+    void Field(const char* k, uint32_t& v, const char*) override { Integer(k, v); }
+    void Field(const char* k, uint64_t& v, const char*) override { Integer(k, v); }
+    void Field(const char* k, bool& v, const char*) override
+    {
+        if (!Match(k)) return;
+        if (value_.is_boolean()) v = value_.get<bool>();
+        else if (value_.is_number_integer() && (value_ == 0 || value_ == 1)) v = value_.get<int>() != 0;
+        else Fail("true or false");
+    }
+    void Field(const char* k, std::string& v, const char*) override
+    {
+        if (!Match(k)) return;
+        if (!value_.is_string()) Fail("text");
+        v = value_.get<std::string>();
+    }
+    void Choice(const char* k, int32_t& v, std::span<const char* const> names, const char*) override
+    {
+        if (!Match(k)) return;
+        if (value_.is_number_integer()) {
+            v = Checked<int32_t>(value_);
+            return;
+        }
+        if (!value_.is_string()) Fail("a name or an index");
+        const std::string s = value_.get<std::string>();
+        for (std::size_t i = 0; i < names.size(); ++i)
+            if (Same(s, names[i])) {
+                v = static_cast<int32_t>(i);
+                return;
+            }
+        std::string list;
+        for (const char* n : names) list += std::string(list.empty() ? "" : ", ") + "\"" + n + "\"";
+        throw KaParamError(Where() + "unknown name \"" + s + "\" (one of " + list + ")");
+    }
+    void Field(const char* k, KaAnisotropy& v, const char*) override
+    {
+        if (!Match(k)) return;
+        Nested([&] { AnisotropyFromJson(value_, v, key_); });
+    }
+    void Field(const char* k, KaVarioVector*& v, const char*) override
+    {
+        if (!Match(k)) return;
+        Nested([&] {
+            auto model = VariogramFromJson(value_, key_);
+            delete v;
+            v = model.release();
+        });
+    }
+
+private:
+    bool Match(const char* k)
+    {
+        if (found || key_ != k) return false;
+        found = true;
+        return true;
+    }
+    std::string Where() const { return (origin_.empty() ? "" : origin_ + ": ") + key_ + ": "; }
+    [[noreturn]] void Fail(const char* expected) const
+    {
+        throw KaParamError(Where() + "expected " + expected + ", got " + value_.dump());
+    }
+    static bool Same(const std::string& a, const char* b)
+    {
+        std::string s(b);
+        if (a.size() != s.size()) return false;
+        for (std::size_t i = 0; i < a.size(); ++i)
+            if (std::tolower(static_cast<unsigned char>(a[i])) != std::tolower(static_cast<unsigned char>(s[i])))
+                return false;
+        return true;
+    }
+    template <typename T>
+    T Checked(const json& j) const
+    {
+        if (j.is_number_unsigned()) {
+            const auto u = j.get<uint64_t>();
+            if (u <= static_cast<uint64_t>(std::numeric_limits<T>::max())) return static_cast<T>(u);
+        } else if (j.is_number_integer()) {
+            const auto s = j.get<int64_t>();
+            if (std::is_signed_v<T> ? s >= static_cast<int64_t>(std::numeric_limits<T>::min()) &&
+                                          s <= static_cast<int64_t>(std::numeric_limits<T>::max())
+                                    : s >= 0 && static_cast<uint64_t>(s) <= std::numeric_limits<T>::max())
+                return static_cast<T>(s);
+        } else {
+            Fail(TypeName<T>());
+        }
+        throw KaParamError(Where() + j.dump() + " is out of range");
+    }
+    template <typename T>
+    void Integer(const char* k, T& v)
+    {
+        if (!Match(k)) return;
+        v = Checked<T>(value_);
+    }
+    template <typename F>
+    void Nested(F f)
+    {
+        try {
+            f();
+        } catch (const std::exception& e) {
+            throw KaParamError((origin_.empty() ? "" : origin_ + ": ") + e.what());
+        }
+    }
+
+    std::string key_;
+    const json& value_;
+    std::string origin_;
+};
+
+// Reads the text of a --set value as the JSON value the field expects.
+class TextToJson : public KaFieldVisitor {
+public:
+    TextToJson(const std::string& key, const std::string& text) : key_(key), text_(text) {}
+    bool found = false;
+    json value;
+
+    void Field(const char* k, double& v, const char*) override { Number(k, v); }
+    void Field(const char* k, int32_t& v, const char*) override { Number(k, v); }
+    void Field(const char* k, int64_t& v, const char*) override { Number(k, v); }
+    void Field(const char* k, uint32_t& v, const char*) override { Number(k, v); }
+    void Field(const char* k, uint64_t& v, const char*) override { Number(k, v); }
+    void Field(const char* k, bool&, const char*) override
+    {
+        if (!Match(k)) return;
+        if (text_ == "true" || text_ == "1" || text_ == "yes" || text_ == "on") value = true;
+        else if (text_ == "false" || text_ == "0" || text_ == "no" || text_ == "off") value = false;
+        else Fail("true or false");
+    }
+    void Field(const char* k, std::string&, const char*) override
+    {
+        if (Match(k)) value = text_;
+    }
+    void Choice(const char* k, int32_t&, std::span<const char* const>, const char*) override
+    {
+        if (!Match(k)) return;
+        char* end = nullptr;
+        errno = 0;
+        const long long i = std::strtoll(text_.c_str(), &end, 10);
+        if (!text_.empty() && *end == '\0' && errno == 0) value = i;
+        else value = text_;
+    }
+    void Field(const char* k, KaAnisotropy&, const char*) override { Json(k); }
+    void Field(const char* k, KaVarioVector*&, const char*) override { Json(k); }
+
+private:
+    bool Match(const char* k)
+    {
+        if (found || key_ != k) return false;
+        found = true;
+        return true;
+    }
+    [[noreturn]] void Fail(const char* expected) const
+    {
+        throw KaParamError(key_ + ": expected " + expected + ", got \"" + text_ + "\"");
+    }
+    template <typename T>
+    void Number(const char* k, T&)
+    {
+        if (!Match(k)) return;
+        char* end = nullptr;
+        errno = 0;
+        if constexpr (std::is_floating_point_v<T>) {
+            const double d = std::strtod(text_.c_str(), &end);
+            if (text_.empty() || *end != '\0') Fail("a number");
+            value = d;
+        } else {
+            if (text_.empty()) Fail(TypeName<T>());
+            if (text_[0] == '-') {
+                const long long i = std::strtoll(text_.c_str(), &end, 10);
+                if (*end != '\0' || errno) Fail(TypeName<T>());
+                value = i;
+            } else {
+                const unsigned long long u = std::strtoull(text_.c_str(), &end, 10);
+                if (*end != '\0' || errno) Fail(TypeName<T>());
+                value = u;
+            }
+        }
+    }
+    void Json(const char* k)
+    {
+        if (!Match(k)) return;
+        value = json::parse(text_, nullptr, false);
+        if (value.is_discarded()) Fail("a JSON object");
+    }
+
+    std::string key_, text_;
+};
+
+class Describe : public KaFieldVisitor {
+public:
+    std::vector<KaFieldDescription> rows;
+
+    template <typename T>
+    void Add(const char* k, const T& v, const char* help)
+    {
+        rows.push_back({k, TypeName<T>(), json(v).dump(), help});
+    }
+    void Field(const char* k, double& v, const char* h) override { Add(k, v, h); }
+    void Field(const char* k, int32_t& v, const char* h) override { Add(k, v, h); }
+    void Field(const char* k, int64_t& v, const char* h) override { Add(k, v, h); }
+    void Field(const char* k, uint32_t& v, const char* h) override { Add(k, v, h); }
+    void Field(const char* k, uint64_t& v, const char* h) override { Add(k, v, h); }
+    void Field(const char* k, bool& v, const char* h) override { Add(k, v, h); }
+    void Field(const char* k, std::string& v, const char* h) override { Add(k, v, h); }
+    void Choice(const char* k, int32_t& v, std::span<const char* const> names, const char* h) override
+    {
+        std::string list;
+        for (const char* n : names) list += std::string(list.empty() ? "" : "|") + n;
+        const std::string def = v >= 0 && static_cast<std::size_t>(v) < names.size() ? names[v] : std::to_string(v);
+        rows.push_back({k, "name or index: " + list, "\"" + def + "\"", h});
+    }
+    void Field(const char* k, KaAnisotropy& v, const char* h) override
+    {
+        rows.push_back({k, "JSON object", AnisotropyToJson(v).dump(), h});
+    }
+    void Field(const char* k, KaVarioVector*& v, const char* h) override
+    {
+        rows.push_back({k, "JSON object", v ? VariogramToJson(*v).dump() : "null", h});
+    }
+};
+
+}  // namespace
+
+ordered_json RecordToJson(KaEstimatorGridParam& record)
+{
+    ToJson v;
+    record.VisitFields(v);
+    return v.out;
+}
+
+void ApplyJson(KaEstimatorGridParam& record, const json& object, const std::string& origin,
+               std::set<std::string>* applied)
+{
+    if (!object.is_object())
+        throw KaParamError((origin.empty() ? "" : origin + ": ") + "expected a JSON object of parameters");
+    for (const auto& [key, value] : object.items()) {
+        FromJson v(key, value, origin);
+        record.VisitFields(v);
+        if (!v.found)
+            throw KaParamError((origin.empty() ? "" : origin + ": ") + key +
+                               ": unknown parameter for this method (see 'kagrid methods')");
+        if (applied) applied->insert(key);
+    }
+}
+
+void ApplySetting(KaEstimatorGridParam& record, const std::string& setting, std::set<std::string>* applied)
+{
+    const auto eq = setting.find('=');
+    if (eq == std::string::npos || eq == 0)
+        throw KaParamError("--set " + setting + ": expected key=value");
+    const std::string key = setting.substr(0, eq), text = setting.substr(eq + 1);
+    TextToJson t(key, text);
+    record.VisitFields(t);
+    if (!t.found) throw KaParamError(key + ": unknown parameter for this method (see 'kagrid methods')");
+    ApplyJson(record, json{{key, t.value}}, "", applied);
+}
+
+std::vector<KaFieldDescription> DescribeFields(KaEstimatorGridParam& record)
+{
+    Describe d;
+    record.VisitFields(d);
+    return d.rows;
+}

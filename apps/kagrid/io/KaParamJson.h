@@ -1,0 +1,35 @@
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <set>
+#include <stdexcept>
+#include <string>
+
+class KaEstimatorGridParam;
+
+// A parameter that cannot be applied: the message names the key.
+class KaParamError : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+// The record's settable fields as a JSON object, in field order.
+nlohmann::ordered_json RecordToJson(KaEstimatorGridParam& record);
+
+// Applies every member of a JSON object by key. Unknown keys and values of the
+// wrong type throw KaParamError naming the key (and `origin`, e.g. the file).
+// The keys applied are added to `applied` when given.
+void ApplyJson(KaEstimatorGridParam& record, const nlohmann::json& object, const std::string& origin,
+               std::set<std::string>* applied = nullptr);
+
+// Applies one "key=value" setting; the value is read by the field's type
+// (numbers, true/false, text, a display name or index for choices, JSON for
+// the variogram and the anisotropy).
+void ApplySetting(KaEstimatorGridParam& record, const std::string& setting,
+                  std::set<std::string>* applied = nullptr);
+
+// One line per field for `kagrid methods`: key, type, default and meaning.
+struct KaFieldDescription {
+    std::string key, type, defaultValue, help;
+};
+std::vector<KaFieldDescription> DescribeFields(KaEstimatorGridParam& record);
