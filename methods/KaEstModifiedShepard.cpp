@@ -1,0 +1,45 @@
+#include "methods/KaEstModifiedShepard.h"
+
+#include <cmath>
+
+#include "core/KaFieldVisitor.h"
+#include "methods/KaEstLocalPolynomial.h"
+
+std::string KaEstModifiedShepardParam::Validate() const
+{
+    std::string base = KaEstInverseDistanceParam::Validate();
+    if (!base.empty()) return base;
+    if (smoothingFactor < 0) return "smoothingFactor: must not be negative";
+    if (quadraticNeighbors < 3) return "quadraticNeighbors: must be at least 3";
+    if (weightingNeighbors < 3) return "weightingNeighbors: must be at least 3";
+    return {};
+}
+
+void KaEstModifiedShepardParam::VisitFields(KaFieldVisitor& v)
+{
+    KaEstInverseDistanceParam::VisitFields(v);
+    v.Field("smoothingFactor", smoothingFactor, "carried only: not used by the estimate");
+    v.Field("quadraticNeighbors", quadraticNeighbors, "carried only (at least 3): the fit uses every neighbour");
+    v.Field("weightingNeighbors", weightingNeighbors, "carried only (at least 3): not used by the estimate");
+}
+
+KaEstModifiedShepard::KaEstModifiedShepard() = default;
+KaEstModifiedShepard::~KaEstModifiedShepard() = default;
+
+double KaEstModifiedShepard::EstimateNode(double x, double y)
+{
+    double decided;
+    if (SearchOrDecide(x, y, neighbours_, decided)) return decided;
+
+    const KaEstimatorGridParam* p = GetParam();
+    if (!quadratic_) {
+        auto inner = std::make_unique<KaEstLocalPolynomialParam>(2, 2, 2, 0);
+        inner->blankValue = p->blankValue;
+        inner->originalInvalidValue = p->originalInvalidValue;
+        quadratic_ = std::make_unique<KaEstLocalPolynomial>();
+        quadratic_->SetParam(std::move(inner));
+    }
+    double v = quadratic_->EstimateFromNeighbours(neighbours_, x, y);
+    if (std::fabs(v - p->blankValue) < 1e-15) v = WeightedAverage(neighbours_, x, y);
+    return v;
+}

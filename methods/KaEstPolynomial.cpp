@@ -1,0 +1,152 @@
+#include "methods/KaEstPolynomial.h"
+
+#include <cmath>
+
+#include "core/KaFieldVisitor.h"
+#include "methods/numeric/KaMatrix.h"
+
+KaEstPolynomialParam::KaEstPolynomialParam(int32_t total, int32_t x, int32_t y, int32_t third, bool global,
+                                           double power)
+    : totalOrder(total), xOrder(x), yOrder(y), thirdOrder(third), globalFit(global), weightingPower(power)
+{
+}
+
+std::string KaEstPolynomialParam::Validate() const
+{
+    std::string base = KaEstGridSearcherParam::Validate();
+    if (!base.empty()) return base;
+    if (totalOrder < 0) return "totalOrder: must not be negative";
+    if (xOrder < 0) return "xOrder: must not be negative";
+    if (yOrder < 0) return "yOrder: must not be negative";
+    return {};
+}
+
+void KaEstPolynomialParam::VisitFields(KaFieldVisitor& v)
+{
+    KaEstGridSearcherParam::VisitFields(v);
+    v.Field("totalOrder", totalOrder, "highest total degree of a term");
+    v.Field("xOrder", xOrder, "highest power of x in a term");
+    v.Field("yOrder", yOrder, "highest power of y in a term");
+    v.Field("thirdOrder", thirdOrder, "highest power of the third variable (keep 0)");
+    v.Field("globalFit", globalFit, "one fit over all samples: no distance weighting, minInAll raised to the term count");
+    v.Field("weightingPower", weightingPower, "exponent p of the weight (1 - d/dmax)^p; no weighting when |p| <= 1e-5");
+}
+
+std::vector<KaMonomial> KaPolynomialTerms(int32_t total, int32_t xOrder, int32_t yOrder, int32_t thirdOrder)
+{
+    std::vector<KaMonomial> terms;
+    for (int32_t t = 0; t <= total; ++t)
+        for (int32_t c = 0; c <= thirdOrder && c <= t; ++c)
+            for (int32_t b = 0; b <= yOrder && b + c <= t; ++b) {
+                const int32_t a = t - c - b;
+                if (a >= 0 && a <= xOrder) terms.emplace_back(a, b, c);
+            }
+    return terms;
+}
+
+void KaEstPolynomial::SetParam(std::unique_ptr<KaEstimatorGridParam> param)
+{
+    KaEstGridSearcher::SetParam(std::move(param));
+    terms_.clear();
+    polyParam_ = dynamic_cast<KaEstPolynomialParam*>(param_.get());
+    // Another kind of record leaves the term list empty: every fit then fails.
+    if (!polyParam_) return;
+    terms_ = KaPolynomialTerms(polyParam_->totalOrder, polyParam_->xOrder, polyParam_->yOrder,
+                               polyParam_->thirdOrder);
+    if (polyParam_->globalFit) {
+        auto* search = static_cast<KaEstPolynomialParam*>(param_.get());
+        // kept: an unsigned comparison, so a negative minInAll is never raised
+        if (static_cast<uint64_t>(search->minInAll) < terms_.size())
+            search->minInAll = static_cast<int64_t>(terms_.size());
+    }
+}
+
+double KaEstPolynomial::TermValue(std::size_t index, double x, double y) const
+{
+    if (index >= terms_.size()) return 0.0;
+    const KaMonomial& t = terms_[index];
+    if (t.xExponent < 0 || t.yExponent < 0) return 0.0;
+    return t.Value(x, y);
+}
+
+bool KaEstPolynomial::Fit(const KaNeighbours& samples, double x0, double y0)
+{
+    if (terms_.empty()) return false;
+    const uint32_t n = static_cast<uint32_t>(terms_.size() - 1);
+    n_ = n;
+    normal_.assign(static_cast<std::size_t>(n) * n, 0.0);
+    rhs_.assign(n, 0.0);
+    termMeans_.assign(n, 0.0);
+    coefficients_.assign(static_cast<std::size_t>(n) + 1, 0.0);
+    fitted_ = true;
+
+    zMean_ = 0.0;
+    if (samples.empty()) return false;
+    const std::size_t count = samples.size();
+    termValues_.resize(count * n);
+    distances_.resize(count);
+    centred_.resize(n);
+
+    double dMax = 0.0;
+    for (std::size_t k = 0; k < count; ++k) {
+        const Ka3DPoint& s = samples[k];
+        zMean_ += s.z;
+        double* tv = termValues_.data() + k * n;
+        for (uint32_t i = 1; i <= n; ++i) {
+            tv[i - 1] = TermValue(i, s.x, s.y);
+            termMeans_[i - 1] += tv[i - 1];
+        }
+        const double d = std::sqrt((s.x - x0) * (s.x - x0) + (s.y - y0) * (s.y - y0));
+        distances_[k] = d;
+        if (d > dMax) dMax = d;
+    }
+    const double dn = static_cast<double>(count);
+    zMean_ /= dn;
+    for (double& m : termMeans_) m /= dn;
+    if (dMax < 1e-20) dMax = 1e-20;
+
+    const double power = polyParam_->weightingPower;
+    const bool weighted = !polyParam_->globalFit && std::fabs(power) > 1e-5;
+    for (std::size_t k = 0; k < count; ++k) {
+        const Ka3DPoint& s = samples[k];
+        // The farthest sample gets weight 0 for any positive power: intended.
+        const double w = weighted ? std::pow(1 - distances_[k] / dMax, power) : 1.0;
+        const double* tv = termValues_.data() + k * n;
+        const double dz = s.z - zMean_;
+        for (uint32_t i = 0; i < n; ++i) {
+            centred_[i] = tv[i] - termMeans_[i];
+            rhs_[i] += dz * centred_[i] * w;
+        }
+        for (uint32_t i = 0; i < n; ++i) {
+            double* row = normal_.data() + static_cast<std::size_t>(i) * n;
+            for (uint32_t j = 0; j <= i; ++j) row[j] += centred_[j] * centred_[i] * w;
+        }
+    }
+    for (uint32_t i = 0; i < n; ++i)
+        for (uint32_t j = 0; j < i; ++j)
+            normal_[static_cast<std::size_t>(j) * n + i] = normal_[static_cast<std::size_t>(i) * n + j];
+    for (uint32_t i = 0; i < n; ++i) coefficients_[i] = rhs_[i];
+    return true;
+}
+
+bool KaEstPolynomial::Solve()
+{
+    if (!fitted_) return true;  // nothing to solve counts as success
+    const uint32_t n = n_;
+    // Solved in place: the coefficients hold the right-hand side on entry.
+    const int result = GaussJordanSolve(normal_.data(), static_cast<int>(n), coefficients_.data());
+    // The shift and the constant are formed whatever the solver reported.
+    for (uint32_t i = n; i >= 1; --i) coefficients_[i] = coefficients_[i - 1];
+    double sum = 0.0;
+    for (uint32_t i = 1; i <= n; ++i) sum += termMeans_[i - 1] * coefficients_[i];
+    coefficients_[0] = zMean_ - sum;
+    return result > 0;
+}
+
+double KaEstPolynomial::Evaluate(double x, double y) const
+{
+    if (!fitted_) return BlankValue();
+    double sum = 0.0;
+    for (uint32_t i = 0; i <= n_; ++i) sum += coefficients_[i] * TermValue(i, x, y);
+    return sum;
+}

@@ -1,0 +1,384 @@
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cmath>
+#include <limits>
+#include <vector>
+
+#include "KaTestSupport.h"
+#include "core/KaFieldVisitor.h"
+#include "methods/KaEstLocalPolynomial.h"
+#include "methods/KaEstPolynomialRegression.h"
+#include "methods/KaMethodRegistry.h"
+
+namespace {
+
+using Terms = std::vector<KaMonomial>;
+
+// Grid [0, 10] x [0, 10], 11 x 11 nodes, one sector, a circle of radius r.
+template <typename Record>
+void SetGridAndSearch(Record& p, double r = 30, int64_t minInAll = 1)
+{
+    p.xMin = 0; p.xMax = 10; p.yMin = 0; p.yMax = 10;
+    p.columnCount = 11; p.rowCount = 11;
+    p.sectorCount = 1;
+    p.blankSectors = 1;
+    p.minInAll = minInAll;
+    p.radius1 = p.radius2 = r;
+}
+
+// A local polynomial estimator holding a record of the given orders and power.
+std::unique_ptr<KaEstLocalPolynomial> Local(int32_t order, double power = 2.0, bool global = false)
+{
+    auto p = std::make_unique<KaEstLocalPolynomialParam>(order, order, order, 0);
+    p->weightingPower = power;
+    p->globalFit = global;
+    auto e = std::make_unique<KaEstLocalPolynomial>();
+    e->SetParam(std::move(p));
+    return e;
+}
+
+double Quadratic(double x, double y) { return 1 + 2 * x - y + 0.5 * x * x + 0.25 * x * y - 0.75 * y * y; }
+
+// Collects the keys a record shows to the command line.
+struct KeyCollector : KaFieldVisitor {
+    std::vector<std::string> keys;
+    void Field(const char* k, double&, const char*) override { keys.push_back(k); }
+    void Field(const char* k, int32_t&, const char*) override { keys.push_back(k); }
+    void Field(const char* k, int64_t&, const char*) override { keys.push_back(k); }
+    void Field(const char* k, uint32_t&, const char*) override { keys.push_back(k); }
+    void Field(const char* k, uint64_t&, const char*) override { keys.push_back(k); }
+    void Field(const char* k, bool&, const char*) override { keys.push_back(k); }
+    void Field(const char* k, std::string&, const char*) override { keys.push_back(k); }
+    void Choice(const char* k, int32_t&, std::span<const char* const>, const char*) override { keys.push_back(k); }
+    void Field(const char* k, KaAnisotropy&, const char*) override { keys.push_back(k); }
+    void Field(const char* k, KaVarioVector*&, const char*) override { keys.push_back(k); }
+};
+
+}  // namespace
+
+TEST(Monomial, IntegerPowersByRepeatedSquaring)
+{
+    EXPECT_EQ(KaIntPower(0.0, 0), 1.0);
+    EXPECT_EQ(KaIntPower(5.0, 0), 1.0);
+    EXPECT_EQ(KaIntPower(0.0, 3), 0.0);
+    EXPECT_EQ(KaIntPower(2.0, 10), 1024.0);
+    EXPECT_EQ(KaIntPower(-3.0, 3), -27.0);
+    EXPECT_EQ(KaIntPower(2.0, -2), 0.25);
+    EXPECT_EQ(KaIntPower(-2.0, -3), -0.125);
+    EXPECT_EQ(KaIntPower(1.0, INT_MIN), 1.0);
+    EXPECT_EQ(KaIntPower(2.0, INT_MIN), 0.0);
+    // x^7 as x * x^2 * x^4
+    const double x = 1.1, x2 = x * x, x4 = x2 * x2;
+    EXPECT_EQ(KaIntPower(x, 7), x * x2 * x4);
+
+    const KaMonomial t(2, 1, 5);  // the third exponent never enters the value
+    EXPECT_EQ(t.Value(3, -2), -18.0);
+}
+
+TEST(PolynomialTerms, OrderOfTheTermList)
+{
+    EXPECT_EQ(KaPolynomialTerms(1, 1, 1, 0), (Terms{{0, 0, 0}, {1, 0, 0}, {0, 1, 0}}));
+    EXPECT_EQ(KaPolynomialTerms(2, 2, 2, 0),
+              (Terms{{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {2, 0, 0}, {1, 1, 0}, {0, 2, 0}}));
+    EXPECT_EQ(KaPolynomialTerms(3, 3, 3, 0),
+              (Terms{{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {2, 0, 0}, {1, 1, 0}, {0, 2, 0},
+                     {3, 0, 0}, {2, 1, 0}, {1, 2, 0}, {0, 3, 0}}));
+    // x exponents above the x order are skipped, not clipped
+    EXPECT_EQ(KaPolynomialTerms(2, 0, 2, 0), (Terms{{0, 0, 0}, {0, 1, 0}, {0, 2, 0}}));
+    EXPECT_EQ(KaPolynomialTerms(2, 1, 1, 0), (Terms{{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {1, 1, 0}}));
+    // a third variable sorts after the x-y terms of the same degree
+    EXPECT_EQ(KaPolynomialTerms(2, 2, 2, 1),
+              (Terms{{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {0, 0, 1}, {2, 0, 0}, {1, 1, 0}, {0, 2, 0},
+                     {1, 0, 1}, {0, 1, 1}}));
+    EXPECT_EQ(KaPolynomialTerms(0, 3, 3, 0), (Terms{{0, 0, 0}}));
+    EXPECT_TRUE(KaPolynomialTerms(-1, 3, 3, 0).empty());
+}
+
+TEST(PolynomialTerms, TermValuesAndEmptyListForAnotherRecord)
+{
+    auto e = Local(2);
+    ASSERT_EQ(e->Terms().size(), 6u);
+    EXPECT_EQ(e->TermValue(0, 0, 0), 1.0);  // the constant, also at the origin
+    EXPECT_EQ(e->TermValue(3, 3, 2), 9.0);  // x^2
+    EXPECT_EQ(e->TermValue(4, 3, 2), 6.0);  // xy
+    EXPECT_EQ(e->TermValue(6, 3, 2), 0.0);  // beyond the list
+
+    KaEstLocalPolynomial other;
+    other.SetParam(std::make_unique<KaEstGridSearcherParam>());
+    EXPECT_TRUE(other.Terms().empty());
+    EXPECT_FALSE(other.Fit({{1, 1, 1}}, 0, 0));
+}
+
+TEST(PolynomialFit, WeightedNormalEquationsByHand)
+{
+    // Terms 1, x; samples at x = 0, 1, 2 with z = 0, 1, 5, node at the origin.
+    // Means x 1, z 2; d_max 2; weights (1 - d/2)^1 = 1, 0.5, 0.
+    const KaNeighbours s = {{0, 0, 0}, {1, 0, 1}, {2, 0, 5}};
+    auto p = std::make_unique<KaEstLocalPolynomialParam>(1, 1, 0, 0);
+    p->weightingPower = 1;
+    KaEstLocalPolynomial e;
+    e.SetParam(std::move(p));
+    ASSERT_TRUE(e.Fit(s, 0, 0));
+    EXPECT_EQ(e.NormalMatrix()[0], 1.0);
+    EXPECT_EQ(e.RightHandSide()[0], 2.0);
+    ASSERT_TRUE(e.Solve());
+    ASSERT_EQ(e.Coefficients().size(), 2u);
+    EXPECT_EQ(e.Coefficients()[1], 2.0);
+    EXPECT_EQ(e.Coefficients()[0], 0.0);  // 2 - 1 * 2
+    EXPECT_EQ(e.Evaluate(1, 0), 2.0);
+
+    // A global fit ignores the power: ordinary least squares.
+    auto g = std::make_unique<KaEstLocalPolynomialParam>(1, 1, 0, 0);
+    g->globalFit = true;
+    e.SetParam(std::move(g));
+    ASSERT_TRUE(e.Fit(s, 0, 0));
+    EXPECT_EQ(e.NormalMatrix()[0], 2.0);
+    EXPECT_EQ(e.RightHandSide()[0], 5.0);
+    ASSERT_TRUE(e.Solve());
+    EXPECT_EQ(e.Coefficients()[1], 2.5);
+    EXPECT_EQ(e.Coefficients()[0], -0.5);
+}
+
+TEST(PolynomialFit, NormalMatrixIsSymmetric)
+{
+    auto e = Local(3);
+    const auto pts = katest::RandomPoints(20, 3, -1, 1, -1, 1);
+    ASSERT_TRUE(e->Fit(KaNeighbours(pts.begin(), pts.end()), 0.1, 0.2));
+    const auto m = e->NormalMatrix();
+    ASSERT_EQ(m.size(), 81u);
+    for (int i = 0; i < 9; ++i)
+        for (int j = 0; j < 9; ++j) EXPECT_EQ(m[i * 9 + j], m[j * 9 + i]);
+}
+
+TEST(PolynomialFit, WeightingSwitchesOffAtOneHundredThousandth)
+{
+    const auto pts = katest::RandomPoints(12, 7);
+    const KaNeighbours s(pts.begin(), pts.end());
+    auto unweighted = Local(2, 0.0);
+    ASSERT_TRUE(unweighted->Fit(s, 0.5, 0.5));
+    const std::vector<double> plain(unweighted->NormalMatrix().begin(), unweighted->NormalMatrix().end());
+    for (double power : {1e-5, -1e-5, 3.0}) {
+        auto e = Local(2, power, /*global=*/power == 3.0);
+        ASSERT_TRUE(e->Fit(s, 0.5, 0.5));
+        EXPECT_EQ(std::vector<double>(e->NormalMatrix().begin(), e->NormalMatrix().end()), plain) << power;
+    }
+    auto weighted = Local(2, 2e-5);
+    ASSERT_TRUE(weighted->Fit(s, 0.5, 0.5));
+    EXPECT_NE(std::vector<double>(weighted->NormalMatrix().begin(), weighted->NormalMatrix().end()), plain);
+}
+
+TEST(PolynomialFit, ReachFloorKeepsSamplesOnTheNodeFinite)
+{
+    // Every sample on the node: without the 1e-20 floor, d / d_max is 0 / 0.
+    auto e = Local(1);
+    const KaNeighbours s = {{2, 3, 1}, {2, 3, 4}, {2, 3, 7}};
+    ASSERT_TRUE(e->Fit(s, 2, 3));
+    for (double v : e->NormalMatrix()) EXPECT_EQ(v, 0.0);
+    for (double v : e->RightHandSide()) EXPECT_EQ(v, 0.0);
+
+    auto mean = Local(0);
+    EXPECT_EQ(mean->EstimateFromNeighbours(s, 2, 3), 4.0);
+}
+
+TEST(PolynomialFit, EmptyInputFailsAndNothingFittedIsBlank)
+{
+    auto e = Local(2);
+    EXPECT_EQ(e->Evaluate(1, 1), kKaDefaultBlank);  // no fit yet
+    EXPECT_TRUE(e->Solve());                        // nothing to solve
+    EXPECT_FALSE(e->Fit({}, 0, 0));
+    EXPECT_EQ(e->EstimateFromNeighbours({}, 0, 0), kKaDefaultBlank);
+}
+
+TEST(LocalPolynomial, TotalOrderZeroGivesTheMeanOfTheNeighbours)
+{
+    auto e = Local(0);
+    EXPECT_TRUE(e->Terms() == (Terms{{0, 0, 0}}));
+    const KaNeighbours s = {{0, 0, 1}, {5, 1, 2}, {3, 9, 6}};
+    EXPECT_EQ(e->EstimateFromNeighbours(s, 100, -4), 3.0);
+    ASSERT_EQ(e->Coefficients().size(), 1u);
+}
+
+TEST(LocalPolynomial, RejectedSystemGivesBlank)
+{
+    // All neighbours at one distance: every weight is 0 and the system is zero.
+    auto e = Local(1);
+    e->GetParam()->blankValue = -99;
+    const KaNeighbours ring = {{1, 0, 1}, {0, 1, 2}, {-1, 0, 3}, {0, -1, 4}};
+    EXPECT_EQ(e->EstimateFromNeighbours(ring, 0, 0), -99);
+    // Collinear neighbours leave y undetermined.
+    const KaNeighbours line = {{0, 0, 1}, {1, 0, 2}, {2, 0, 3}, {3, 0, 4}, {5, 0, 1}};
+    EXPECT_EQ(e->EstimateFromNeighbours(line, 1.5, 0), -99);
+    // Without weighting the same ring fits a plane.
+    auto flat = Local(1, 0.0);
+    EXPECT_EQ(flat->EstimateFromNeighbours(ring, 0, 0), 2.5);
+}
+
+TEST(LocalPolynomial, ReproducesAnExactQuadraticOverAGrid)
+{
+    std::vector<Ka3DPoint> pts;
+    for (const Ka3DPoint& q : katest::RandomPoints(60, 11, 0.05, 9.95, 0.05, 9.95))
+        pts.emplace_back(q.x, q.y, Quadratic(q.x, q.y));
+    auto p = std::make_unique<KaEstLocalPolynomialParam>(2, 2, 2, 0);
+    SetGridAndSearch(*p, 4, 8);
+    auto surface = katest::RunJob(std::make_unique<KaEstLocalPolynomial>(), std::move(p), katest::Samples(pts));
+    ASSERT_TRUE(surface);
+    const auto& m = surface->GridData();
+    int estimated = 0;
+    for (uint32_t r = 0; r < 11; ++r)
+        for (uint32_t c = 0; c < 11; ++c) {
+            const double v = m.data[r * 11 + c];
+            if (v == kKaDefaultBlank) continue;
+            ++estimated;
+            EXPECT_NEAR(v, Quadratic(c, r), 1e-8) << c << "," << r;
+        }
+    EXPECT_GT(estimated, 100);
+}
+
+TEST(LocalPolynomial, NodeWithoutNeighboursOrSampleListIsBlank)
+{
+    auto p = std::make_unique<KaEstLocalPolynomialParam>(1, 1, 1, 0);
+    SetGridAndSearch(*p, 1.5, 3);
+    KaEstLocalPolynomial e;
+    e.SetParam(std::move(p));
+    EXPECT_EQ(e.EstimateAt(5, 5), kKaDefaultBlank);  // no sample list
+    auto s = katest::Samples({{0, 0, 1}, {1, 0, 2}, {0, 1, 3}, {9, 9, 1}});
+    e.SetSampleList(s.get());
+    EXPECT_EQ(e.EstimateAt(9.5, 9.5), kKaDefaultBlank);  // one neighbour, three needed
+    // The farthest of the three gets weight 0; the other two still fix the plane.
+    EXPECT_NEAR(e.EstimateAt(0.25, 0.5), 2.25, 1e-12);
+}
+
+TEST(LocalPolynomial, SampleOnTheNodeComesAloneAndLeavesTheNodeBlank)
+{
+    // kept: no coincidence shortcut, and a one-sample plane fit is singular
+    std::vector<Ka3DPoint> pts = {{5, 5, 3}, {4, 5, 1}, {6, 5, 2}, {5, 4, 7}, {5, 6, 8}, {4, 4, 1}};
+    auto p = std::make_unique<KaEstLocalPolynomialParam>(1, 1, 1, 0);
+    SetGridAndSearch(*p, 3, 6);
+    KaEstLocalPolynomial e;
+    e.SetParam(std::move(p));
+    auto s = katest::Samples(pts);
+    e.SetSampleList(s.get());
+    EXPECT_EQ(e.EstimateAt(5, 5), kKaDefaultBlank);
+    EXPECT_NE(e.EstimateAt(5, 4.5), kKaDefaultBlank);
+}
+
+TEST(PolynomialRegression, ShellIsBlankEverywhereAndRaisesMinInAll)
+{
+    auto p = std::make_unique<KaEstPolynomialRegressionParam>();
+    p->totalOrder = 2;
+    SetGridAndSearch(*p, 30, 2);
+    KaEstPolynomialRegression e;
+    e.SetParam(std::move(p));
+    EXPECT_EQ(e.Terms(), (Terms{{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {1, 1, 0}}));
+    const auto* sp = static_cast<const KaEstGridSearcherParam*>(e.GetParam());
+    EXPECT_EQ(sp->minInAll, 4);
+
+    auto keep = std::make_unique<KaEstPolynomialRegressionParam>();
+    keep->minInAll = 9;
+    e.SetParam(std::move(keep));
+    EXPECT_EQ(static_cast<const KaEstGridSearcherParam*>(e.GetParam())->minInAll, 9);
+    auto negative = std::make_unique<KaEstPolynomialRegressionParam>();
+    negative->minInAll = -1;  // kept: compared unsigned, so never raised
+    e.SetParam(std::move(negative));
+    EXPECT_EQ(static_cast<const KaEstGridSearcherParam*>(e.GetParam())->minInAll, -1);
+
+    // A local fit leaves minInAll as it was set.
+    KaEstLocalPolynomial local;
+    auto lp = std::make_unique<KaEstLocalPolynomialParam>();
+    lp->minInAll = 2;
+    local.SetParam(std::move(lp));
+    EXPECT_EQ(static_cast<const KaEstGridSearcherParam*>(local.GetParam())->minInAll, 2);
+
+    // Samples are taken, the search grid is not built, every node is blank.
+    auto samples = katest::Samples(katest::RandomPoints(30, 5, 0, 10, 0, 10));
+    auto reg = std::make_unique<KaEstPolynomialRegressionParam>();
+    SetGridAndSearch(*reg);
+    e.SetParam(std::move(reg));
+    EXPECT_EQ(e.SetSampleList(samples.get()), samples.get());
+    EXPECT_EQ(e.GetSampleList(), samples.get());
+    EXPECT_EQ(e.BucketCount(), 0u);
+
+    auto job = std::make_unique<KaEstPolynomialRegressionParam>();
+    SetGridAndSearch(*job);
+    job->blankValue = -1;
+    auto surface = katest::RunJob(std::make_unique<KaEstPolynomialRegression>(), std::move(job),
+                                  std::move(samples));
+    ASSERT_TRUE(surface);
+    const auto& m = surface->GridData();
+    for (std::size_t i = 0; i < m.Size(); ++i) ASSERT_EQ(m.data[i], -1.0);
+}
+
+TEST(PolynomialRecords, DefaultsAndValidation)
+{
+    KaEstPolynomialParam base;
+    EXPECT_EQ(base.totalOrder, 3);
+    EXPECT_FALSE(base.globalFit);
+    EXPECT_EQ(base.weightingPower, 0.0);
+    KaEstPolynomialRegressionParam reg;
+    EXPECT_EQ(reg.totalOrder, 1);
+    EXPECT_TRUE(reg.globalFit);
+    KaEstLocalPolynomialParam local;
+    EXPECT_EQ(local.xOrder, 3);
+    EXPECT_EQ(local.weightingPower, 2.0);
+    EXPECT_FALSE(local.globalFit);
+
+    EXPECT_EQ(base.Validate(), "");
+    base.yOrder = -1;
+    EXPECT_EQ(base.Validate(), "yOrder: must not be negative");
+    base.yOrder = 0;
+    base.thirdOrder = -5;  // not checked
+    EXPECT_EQ(base.Validate(), "");
+    base.sectorCount = 0;
+    EXPECT_EQ(base.Validate(), "sectorCount: must be at least 1");
+
+    EXPECT_EQ(reg.Validate(), "");
+    reg.xOrder = 2;
+    EXPECT_EQ(reg.Validate(), "totalOrder: must be at least xOrder");
+    reg.xOrder = 1;
+    reg.yOrder = 3;
+    EXPECT_EQ(reg.Validate(), "totalOrder: must be at least yOrder");
+    reg.totalOrder = 11;  // no upper bound here
+    EXPECT_EQ(reg.Validate(), "");
+    reg.xOrder = -1;
+    EXPECT_EQ(reg.Validate(), "xOrder: must not be negative");
+
+    // Deliberately lighter: the search settings are not checked.
+    local.sectorCount = 0;
+    local.minInAll = 0;
+    local.radius1 = -1;
+    EXPECT_EQ(local.Validate(), "");
+    local.totalOrder = 4;
+    EXPECT_EQ(local.Validate(), "totalOrder: must be between 0 and 3");
+    local.totalOrder = 0;
+    local.yOrder = -1;
+    EXPECT_EQ(local.Validate(), "yOrder: must be between 0 and 3");
+    local.yOrder = 3;
+    local.tolerance = -1;
+    EXPECT_EQ(local.Validate(), "tolerance: must not be negative");
+}
+
+TEST(PolynomialRecords, FieldsAndRegistration)
+{
+    KeyCollector keys;
+    KaEstLocalPolynomialParam p;
+    p.VisitFields(keys);
+    ASSERT_GE(keys.keys.size(), 6u);
+    EXPECT_EQ(std::vector<std::string>(keys.keys.end() - 6, keys.keys.end()),
+              (std::vector<std::string>{"totalOrder", "xOrder", "yOrder", "thirdOrder", "globalFit",
+                                        "weightingPower"}));
+    EXPECT_EQ(keys.keys.front(), "name");
+
+    const KaMethodInfo* local = FindMethod("local-polynomial");
+    ASSERT_TRUE(local);
+    EXPECT_STREQ(local->title, "Local Polynomial");
+    EXPECT_STREQ(local->suffix, "_Poly");
+    EXPECT_TRUE(dynamic_cast<KaEstLocalPolynomialParam*>(local->makeParam().get()));
+    EXPECT_TRUE(dynamic_cast<KaEstLocalPolynomial*>(local->makeEstimator().get()));
+    const KaMethodInfo* reg = FindMethod("polynomial-regression");
+    ASSERT_TRUE(reg);
+    EXPECT_STREQ(reg->title, "Polynomial Regression");
+    EXPECT_STREQ(reg->suffix, "_Poly");
+    EXPECT_TRUE(dynamic_cast<KaEstPolynomialRegressionParam*>(reg->makeParam().get()));
+    EXPECT_TRUE(dynamic_cast<KaEstPolynomialRegression*>(reg->makeEstimator().get()));
+}
