@@ -1,8 +1,12 @@
 #include "methods/KaMethodRegistry.h"
 
+#include "methods/KaEstDataMetrics.h"
 #include "methods/KaEstInverseDistance.h"
+#include "methods/KaEstLocalPolynomial.h"
+#include "methods/KaEstModifiedShepard.h"
 #include "methods/KaEstMovingAverage.h"
 #include "methods/KaEstNearestNeighbor.h"
+#include "methods/KaEstPolynomialRegression.h"
 
 namespace {
 
@@ -18,6 +22,14 @@ const KaMethodInfo kMethods[] = {
      Param<KaEstNearestNeighborParam>, Estimator<KaEstNearestNeighbor>},
     {"moving-average", "Arithmetic Mean", "_Mean",
      Param<KaEstMovingAverageParam>, Estimator<KaEstMovingAverage>},
+    {"modified-shepard", "Modified Shepard's Method", "_shepard",
+     Param<KaEstModifiedShepardParam>, Estimator<KaEstModifiedShepard>},
+    {"data-metrics", "Data Metrics", "_Metrics",
+     Param<KaEstDataMetricsParam>, Estimator<KaEstDataMetrics>},
+    {"polynomial-regression", "Polynomial Regression", "_Poly",
+     Param<KaEstPolynomialRegressionParam>, Estimator<KaEstPolynomialRegression>},
+    {"local-polynomial", "Local Polynomial", "_Poly",
+     Param<KaEstLocalPolynomialParam>, Estimator<KaEstLocalPolynomial>},
 };
 
 }  // namespace
