@@ -2,11 +2,14 @@
 
 #include "methods/KaEstDataMetrics.h"
 #include "methods/KaEstInverseDistance.h"
+#include "methods/KaEstKrig.h"
+#include "methods/KaEstKriging.h"
 #include "methods/KaEstLocalPolynomial.h"
 #include "methods/KaEstModifiedShepard.h"
 #include "methods/KaEstMovingAverage.h"
 #include "methods/KaEstNearestNeighbor.h"
 #include "methods/KaEstPolynomialRegression.h"
+#include "methods/KaEstRadialBasis.h"
 
 namespace {
 
@@ -16,6 +19,7 @@ template <typename T>
 std::unique_ptr<KaEstimatorGrid> Estimator() { return std::make_unique<T>(); }
 
 const KaMethodInfo kMethods[] = {
+    {"kriging", "Kriging", "_Krig", Param<KaEstKrigParam>, Estimator<KaEstKrig>},
     {"inverse-distance", "Inverse Distance to a Power", "_Inverse",
      Param<KaEstInverseDistanceParam>, Estimator<KaEstInverseDistance>},
     {"nearest-neighbor", "Nearest Neighbor", "_Near",
@@ -30,6 +34,9 @@ const KaMethodInfo kMethods[] = {
      Param<KaEstPolynomialRegressionParam>, Estimator<KaEstPolynomialRegression>},
     {"local-polynomial", "Local Polynomial", "_Poly",
      Param<KaEstLocalPolynomialParam>, Estimator<KaEstLocalPolynomial>},
+    {"linear-kriging", "Kriging", "_Krig", Param<KaEstKrigingParam>, Estimator<KaEstKriging>},
+    {"radial-basis", "Radial Basis Function", "_Radial",
+     Param<KaEstRadialBasisParam>, Estimator<KaEstRadialBasis>},
 };
 
 }  // namespace

@@ -1,0 +1,56 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "methods/numeric/KaVario.h"
+#include "search/KaEstGridSearcher.h"
+
+class KaEstKrigParam : public KaEstGridSearcherParam {
+public:
+    // The default model: one Linear component of sill 1.
+    KaEstKrigParam();
+    KaEstKrigParam(const KaEstKrigParam& other);
+    KaEstKrigParam& operator=(const KaEstKrigParam& other);
+    ~KaEstKrigParam() override;
+
+    std::string Validate() const override;
+    void VisitFields(KaFieldVisitor& v) override;
+    // Also names the standard-deviation surface: objectName + "StdDev".
+    void SetOutputNames(const std::string& objectName, const std::string& suffix) override;
+
+    // Takes ownership and deletes the vector held before.
+    void SetVariogram(KaVarioVector* model);
+
+    int32_t krigType = 1;   // 0 simple, 1 ordinary
+    int32_t driftType = 0;  // carried only: no drift terms enter the system
+    bool createStdDev = false;
+    std::string stdDevName;
+    KaVarioVector* variogram = nullptr;  // owned
+};
+
+// Kriging from the neighbours of each node with the record's variogram model,
+// written in semivariances: simple kriging solves G w = g0, ordinary kriging
+// the system bordered by the unbiasedness row, both by Gauss-Jordan.
+class KaEstKrig : public KaEstGridSearcher {
+public:
+    double EstimateNode(double x, double y) override;
+
+    // Of the last node that reached the system (blank when its solve failed).
+    double KrigingVariance() const { return krigingVariance_; }
+
+protected:
+    bool BuildMatrix(const KaEstKrigParam& p, const KaNeighbours& n);
+    bool BuildRightHandSide(const KaEstKrigParam& p, double x, double y, const KaNeighbours& n);
+    double Combine(const KaEstKrigParam& p, const KaNeighbours& n);
+
+    double krigingVariance_ = 1.0;
+    // Per-node arrays, reused from node to node to save the allocations.
+    std::vector<double> matrix_;
+    std::vector<double> rhs_;
+    std::vector<double> weights_;
+    int32_t order_ = 0;  // neighbours, plus 1 for ordinary kriging
+    int32_t count_ = 0;  // neighbours
+    KaNeighbours neighbours_;
+};
