@@ -140,17 +140,6 @@ TEST(PolynomialFit, WeightedNormalEquationsByHand)
     EXPECT_EQ(e.Coefficients()[0], -0.5);
 }
 
-TEST(PolynomialFit, NormalMatrixIsSymmetric)
-{
-    auto e = Local(3);
-    const auto pts = katest::RandomPoints(20, 3, -1, 1, -1, 1);
-    ASSERT_TRUE(e->Fit(KaNeighbours(pts.begin(), pts.end()), 0.1, 0.2));
-    const auto m = e->NormalMatrix();
-    ASSERT_EQ(m.size(), 81u);
-    for (int i = 0; i < 9; ++i)
-        for (int j = 0; j < 9; ++j) EXPECT_EQ(m[i * 9 + j], m[j * 9 + i]);
-}
-
 TEST(PolynomialFit, WeightingSwitchesOffAtOneHundredThousandth)
 {
     const auto pts = katest::RandomPoints(12, 7);
