@@ -4,12 +4,15 @@
 #include "methods/KaEstInverseDistance.h"
 #include "methods/KaEstKrig.h"
 #include "methods/KaEstKriging.h"
+#include "methods/KaEstLinearTriangulation.h"
 #include "methods/KaEstLocalPolynomial.h"
+#include "methods/KaEstMinCurvature.h"
 #include "methods/KaEstModifiedShepard.h"
 #include "methods/KaEstMovingAverage.h"
 #include "methods/KaEstNearestNeighbor.h"
 #include "methods/KaEstPolynomialRegression.h"
 #include "methods/KaEstRadialBasis.h"
+#include "methods/KaTriangulationJob.h"
 
 namespace {
 
@@ -17,6 +20,8 @@ template <typename T>
 std::unique_ptr<KaEstimatorGridParam> Param() { return std::make_unique<T>(); }
 template <typename T>
 std::unique_ptr<KaEstimatorGrid> Estimator() { return std::make_unique<T>(); }
+template <typename T>
+std::unique_ptr<KaGridJob> Job(KaJobObserver* observer) { return std::make_unique<T>(observer); }
 
 const KaMethodInfo kMethods[] = {
     {"kriging", "Kriging", "_Krig", Param<KaEstKrigParam>, Estimator<KaEstKrig>},
@@ -24,6 +29,8 @@ const KaMethodInfo kMethods[] = {
      Param<KaEstInverseDistanceParam>, Estimator<KaEstInverseDistance>},
     {"nearest-neighbor", "Nearest Neighbor", "_Near",
      Param<KaEstNearestNeighborParam>, Estimator<KaEstNearestNeighbor>},
+    {"triangulation", "Triangulation with Linear Interpolation", "_GridTri",
+     Param<KaEstLinearTriangulationParam>, Estimator<KaEstLinearTriangulation>, Job<KaTriangulationJob>},
     {"moving-average", "Arithmetic Mean", "_Mean",
      Param<KaEstMovingAverageParam>, Estimator<KaEstMovingAverage>},
     {"modified-shepard", "Modified Shepard's Method", "_shepard",
@@ -34,6 +41,8 @@ const KaMethodInfo kMethods[] = {
      Param<KaEstPolynomialRegressionParam>, Estimator<KaEstPolynomialRegression>},
     {"local-polynomial", "Local Polynomial", "_Poly",
      Param<KaEstLocalPolynomialParam>, Estimator<KaEstLocalPolynomial>},
+    {"minimum-curvature", "Minimum Curvature", "_Curvature",
+     Param<KaEstMinCurvatureParam>, Estimator<KaEstMinCurvature>},
     {"linear-kriging", "Kriging", "_Krig", Param<KaEstKrigingParam>, Estimator<KaEstKriging>},
     {"radial-basis", "Radial Basis Function", "_Radial",
      Param<KaEstRadialBasisParam>, Estimator<KaEstRadialBasis>},

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <string>
+
+#include "core/KaEstimatorGrid.h"
+#include "platform/kadata/KaDataObject.h"
+#include "platform/kadata/KaDelaunayTriangle.h"
+#include "platform/kadata/KaTDataMatrix2D.h"
+
+class KaEstLinearTriangulationParam : public KaEstimatorGridParam {
+public:
+    std::string Validate() const override;
+    void VisitFields(KaFieldVisitor& v) override;
+
+    // The mesh object's name: delaunayName, or the output name + "_Delaunay".
+    std::string DelaunayObjectName() const;
+
+    // Stored and validated only: the triangulation is isotropic.
+    double anisotropyRatio = 1.0;
+    double anisotropyAngle = 0.0;
+    bool limitEdgeLength = false;
+    double edgeLengthLimit = -1.0;  // only used when above 0
+    bool useXYZLength = false;
+    bool createDelaunayObject = true;
+    std::string delaunayName;
+};
+
+// Triangulation with linear interpolation. Not driven node by node: the
+// triangulation job rasterises the Delaunay triangles into the output grid
+// with RasterizeTriangle; the per-node estimate is always blank.
+class KaEstLinearTriangulation : public KaEstimatorGrid {
+public:
+    double EstimateNode(double x, double y) override;
+
+    // The grid the triangles are drawn into; its lattice gives the node
+    // positions. Null clears it.
+    void SetOutputGrid(KaSurface* grid);
+    KaSurface* GetOutputGrid() const { return grid_; }
+
+    // Writes the plane through the triangle at every node inside it; true when
+    // the triangle was drawn, false when it was skipped: an edge longer than the
+    // limit, a bounding box reaching beyond the grid on any side (kept: the whole
+    // triangle stays blank then), a zero grid spacing, a triangle degenerate in
+    // the plane, no output grid, or a matrix or record that does not fit.
+    bool RasterizeTriangle(const Ka3DTriangle& t, KaTDataMatrix2D<double>& matrix) const;
+
+    // P inside triangle ABC (either orientation), on one of its edges, or on a
+    // vertex (within 1e-20).
+    static bool PointInTriangle(double px, double py, double ax, double ay, double bx, double by,
+                                double cx, double cy);
+
+private:
+    KaSurface* grid_ = nullptr;
+    const KaSurfaceObjInfo* geometry_ = nullptr;
+};

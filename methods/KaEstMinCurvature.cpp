@@ -1,0 +1,3 @@
+#include "methods/KaEstMinCurvature.h"
+
+double KaEstMinCurvature::EstimateNode(double, double) { return BlankValue(); }

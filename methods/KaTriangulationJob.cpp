@@ -1,0 +1,90 @@
+#include "methods/KaTriangulationJob.h"
+
+#include <algorithm>
+#include <cmath>
+#include <vector>
+
+#include "methods/KaEstLinearTriangulation.h"
+#include "platform/kadata/KaDelaunayTriangle.h"
+
+std::unique_ptr<KaEstimatorGrid> KaTriangulationJob::CreateEstimator()
+{
+    return std::make_unique<KaEstLinearTriangulation>();
+}
+
+bool KaTriangulationJob::Fail(std::string reason)
+{
+    failure_ = std::move(reason);
+    return false;
+}
+
+bool KaTriangulationJob::EstimateSurface(KaSurface* surface)
+{
+    if (!surface) return Fail("no output surface");
+    auto* estimator = dynamic_cast<KaEstLinearTriangulation*>(estimator_.get());
+    if (!estimator) return Fail("the estimator is not a triangulation estimator");
+    if (!estimator->GetParam()) return Fail("no parameter record");
+    if (!samples_) return Fail("no samples");
+    const auto* p = dynamic_cast<const KaEstLinearTriangulationParam*>(estimator->GetParam());
+    if (!p) return Fail("the parameter record is not a triangulation record");
+    estimator->SetOutputGrid(surface);
+
+    Message("Ready to griding");
+    Message("Creating Delaunay Triangle...");
+    auto mesh = std::make_unique<KaDelaunayTriangle>();
+    mesh->SetID(KaObject::CreateUniqueID());
+    mesh->SetName(p->DelaunayObjectName());
+
+    std::vector<Ka3DPoint> points;
+    points.reserve(samples_->size());
+    for (const KaSample& s : *samples_)
+        if (std::fabs(s.point.z - p->originalInvalidValue) >= 1e-20) points.push_back(s.point);
+    mesh->SetScatteredPoint(points);
+    const std::size_t usable = mesh->UsedPoints().size();
+    std::vector<Ka3DPoint>().swap(points);
+
+    // The set is shared: it stays valid whatever the observer does with the mesh.
+    const std::shared_ptr<const KaTriangleSet> triangles = mesh->GetTriangles();
+    if (p->createDelaunayObject && observer_) observer_->CreatedObject(std::move(mesh));
+
+    Percent(0, "Estimating");
+    if (!triangles || triangles->empty()) {
+        if (usable < 3)
+            return Fail("fewer than three usable samples to triangulate (" + std::to_string(usable) +
+                        " after dropping invalid values and repeated positions)");
+        return Fail("all " + std::to_string(usable) + " usable samples lie on one line: no triangles");
+    }
+
+    const uint32_t cols = surface->GetColCount(), rows = surface->GetRowCount();
+    KaTDataMatrix2D<double> matrix(kKaMaxDouble);
+    if (!matrix.Create(cols, rows))
+        return Fail("cannot allocate the grid of " + std::to_string(cols) + " x " + std::to_string(rows) +
+                    " nodes");
+    matrix.Fill(surface->GetInvalidValue());
+
+    const std::size_t count = triangles->size();
+    std::size_t lastPercent = 0;  // the 0 sent with "Estimating"
+    for (std::size_t k = 0; k < count; ++k) {
+        const std::size_t percent = k * 100 / count;
+        if (percent != lastPercent) {
+            Percent(static_cast<int>(percent), "");
+            lastPercent = percent;
+        }
+        estimator->RasterizeTriangle((*triangles)[k], matrix);
+    }
+
+    double zMin = kKaMaxDouble, zMax = -kKaMaxDouble;
+    const double blank = p->blankValue;
+    for (std::size_t i = 0, n = matrix.Size(); i < n; ++i) {
+        const double v = matrix.data[i];
+        if (std::fabs(v - blank) > 1e-20) {
+            zMax = std::max(zMax, v);
+            zMin = std::min(zMin, v);
+        }
+    }
+    SetSurfaceLimits(*surface, zMin, zMax);
+    mesh.reset();  // still held only when the mesh was not asked for
+
+    if (!surface->SetGridDataArray(std::move(matrix))) return Fail("the surface refused the grid");
+    return true;
+}
