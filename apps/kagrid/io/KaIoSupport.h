@@ -1,0 +1,56 @@
+#pragma once
+
+// Helpers shared by the readers and writers of kagridio; not part of the
+// interface kagrid uses.
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include <gdal_priv.h>
+
+namespace kaio {
+
+// The file name without directory and last extension: "data/wells.csv" -> "wells".
+std::string FileStem(const std::string& path);
+std::string Lower(std::string s);
+
+// Throws KaIoError unless `path` is an existing regular file this process can
+// open for reading.
+void CheckInputFile(const std::string& path);
+
+struct GdalClose {
+    void operator()(GDALDataset* ds) const;
+};
+using GdalDatasetPtr = std::unique_ptr<GDALDataset, GdalClose>;
+
+// Collects GDAL's errors while it lives instead of letting them reach the
+// terminal; the last failure becomes the text of a KaIoError.
+class GdalErrorCapture {
+public:
+    GdalErrorCapture();
+    ~GdalErrorCapture();
+    GdalErrorCapture(const GdalErrorCapture&) = delete;
+    GdalErrorCapture& operator=(const GdalErrorCapture&) = delete;
+
+    bool Failed() const { return failed_; }
+    // The last failure GDAL reported, or `fallback` when it said nothing.
+    std::string Message(const std::string& fallback) const;
+    void Reset();
+
+private:
+    static void CPL_STDCALL Handler(CPLErr level, CPLErrorNum num, const char* msg);
+    bool failed_ = false;
+    std::string message_;
+};
+
+// Creates a raster file without ever leaving a half-written `target`: `build`
+// makes the complete dataset at the temporary path it is given (a hidden name
+// next to `target` with the same extension) and returns it open; it is
+// closed, reopened as a check and only then renamed over `target` (through
+// the driver when the format has more than one file). On any failure every
+// temporary file is removed and KaIoError is thrown naming `target`.
+void WriteThroughTemp(GDALDriver* driver, const std::string& target,
+                      const std::function<GdalDatasetPtr(const std::string& tempPath)>& build);
+
+}  // namespace kaio

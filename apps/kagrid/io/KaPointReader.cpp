@@ -1,0 +1,329 @@
+#include "apps/kagrid/io/KaPointReader.h"
+
+#include <cerrno>
+#include <charconv>
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string_view>
+#include <vector>
+
+#include <ogrsf_frmts.h>
+
+#include "apps/kagrid/io/KaIoError.h"
+#include "apps/kagrid/io/KaIoSupport.h"
+#include "apps/kagrid/io/KaRasterIo.h"
+
+namespace fs = std::filesystem;
+using kaio::Lower;
+
+bool LooksLikeTextPoints(const std::string& path)
+{
+    const std::string ext = Lower(fs::path(path).extension().string());
+    for (const char* e : {".csv", ".txt", ".xyz", ".dat", ".tsv", ".pts"})
+        if (ext == e) return true;
+    return false;
+}
+
+namespace {
+
+constexpr const char* kRoles[3] = {"x", "y", "z"};
+
+bool IsBlank(char ch) { return ch == ' ' || ch == '\t' || ch == '\r' || ch == '\v' || ch == '\f'; }
+
+std::string_view Trim(std::string_view s)
+{
+    while (!s.empty() && IsBlank(s.front())) s.remove_prefix(1);
+    while (!s.empty() && IsBlank(s.back())) s.remove_suffix(1);
+    return s;
+}
+
+bool AllDigits(std::string_view s)
+{
+    if (s.empty()) return false;
+    for (char ch : s)
+        if (ch < '0' || ch > '9') return false;
+    return true;
+}
+
+// A whole token as a number, in the C locale whatever the user's locale is.
+// "nan" and "inf" parse here; the caller refuses them.
+bool ParseNumber(std::string_view t, double& v)
+{
+    if (!t.empty() && t.front() == '+') t.remove_prefix(1);
+    if (t.empty()) return false;
+    const auto [end, ec] = std::from_chars(t.data(), t.data() + t.size(), v);
+    return ec == std::errc() && end == t.data() + t.size();
+}
+
+// Splits one line. sep 0 means runs of blanks; otherwise every separator
+// starts a new field, so "1,,3" has an empty second field. A field may be
+// wrapped in double quotes ("" inside stands for one quote).
+std::vector<std::string> SplitFields(std::string_view line, char sep)
+{
+    std::vector<std::string> fields;
+    std::size_t i = 0;
+    const std::size_t n = line.size();
+    auto skipPad = [&] {
+        while (i < n && IsBlank(line[i]) && line[i] != sep) ++i;
+    };
+    for (;;) {
+        skipPad();
+        if (sep == 0 && i >= n) break;
+        std::string field;
+        if (i < n && line[i] == '"') {
+            for (++i; i < n; ++i) {
+                if (line[i] == '"') {
+                    if (i + 1 < n && line[i + 1] == '"') {
+                        field += '"';
+                        ++i;
+                    } else {
+                        ++i;
+                        break;
+                    }
+                } else {
+                    field += line[i];
+                }
+            }
+            while (i < n && line[i] != sep && !(sep == 0 && IsBlank(line[i]))) ++i;  // junk after the quote
+        } else {
+            const std::size_t start = i;
+            while (i < n && line[i] != sep && !(sep == 0 && IsBlank(line[i]))) ++i;
+            field = std::string(Trim(line.substr(start, i - start)));
+        }
+        fields.push_back(std::move(field));
+        if (sep == 0) continue;
+        if (i >= n) break;
+        ++i;  // the separator
+    }
+    return fields;
+}
+
+// ';' or ',' when the line has one. A tab separates fields in a .tsv file, or
+// when no tab-separated field holds blanks of its own; otherwise tabs and
+// spaces are mixed padding ("1   2\t 3").
+char DetectSeparator(std::string_view line, bool tsv)
+{
+    for (char sep : {';', ','})
+        if (line.find(sep) != std::string_view::npos) return sep;
+    if (line.find('\t') == std::string_view::npos) return 0;
+    if (tsv) return '\t';
+    for (const std::string& f : SplitFields(line, '\t'))
+        for (char ch : f)
+            if (IsBlank(ch)) return 0;
+    return '\t';
+}
+
+struct ColumnChoice {
+    bool byName = false;
+    std::size_t index = 0;  // 0-based once resolved
+    std::string name;
+};
+
+ColumnChoice ParseChoice(const std::string& path, const std::string& spec, const char* role)
+{
+    const std::string_view s = Trim(spec);
+    ColumnChoice c;
+    if (s.empty()) throw KaIoError(path, std::string("no column given for ") + role);
+    if (AllDigits(s)) {
+        unsigned long n = 0;
+        const auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), n);
+        if (ec != std::errc() || end != s.data() + s.size() || n == 0 || n > 100000)
+            throw KaIoError(path, "column " + std::string(s) + " for " + role +
+                                      ": columns are numbered from 1");
+        c.index = n - 1;
+    } else {
+        c.byName = true;
+        c.name = std::string(s);
+    }
+    return c;
+}
+
+std::string Quote(std::string_view s)
+{
+    std::string q(1, '\'');
+    q += s;
+    q += '\'';
+    return q;
+}
+
+std::vector<Ka3DPoint> ReadTextPoints(const std::string& path, const KaPointColumns& columns)
+{
+    ColumnChoice choice[3] = {ParseChoice(path, columns.x, "x"), ParseChoice(path, columns.y, "y"),
+                              ParseChoice(path, columns.z, "z")};
+    const bool needHeader = choice[0].byName || choice[1].byName || choice[2].byName;
+
+    std::ifstream in(path, std::ios::binary);
+    if (!in) throw KaIoError(path, std::string("cannot open the file: ") + std::strerror(errno));
+
+    std::vector<Ka3DPoint> points;
+    std::string raw;
+    std::size_t lineNo = 0, needed = 0;
+    char sep = 0;
+    bool first = true;
+    while (std::getline(in, raw)) {
+        ++lineNo;
+        std::string_view line(raw);
+        if (lineNo == 1 && line.substr(0, 3) == "\xEF\xBB\xBF") line.remove_prefix(3);  // UTF-8 mark
+        const std::string_view body = Trim(line);
+        if (body.empty() || body.front() == '#') continue;
+
+        if (first) sep = DetectSeparator(body, Lower(fs::path(path).extension().string()) == ".tsv");
+        const std::vector<std::string> fields = SplitFields(body, sep);
+
+        if (first) {
+            first = false;
+            bool header = needHeader;
+            for (const ColumnChoice& c : choice) {
+                double v;
+                if (!c.byName && c.index < fields.size() && !ParseNumber(fields[c.index], v))
+                    header = true;
+            }
+            if (header) {
+                for (int k = 0; k < 3; ++k) {
+                    if (!choice[k].byName) continue;
+                    const std::string want = Lower(choice[k].name);
+                    std::size_t f = 0;
+                    while (f < fields.size() && Lower(fields[f]) != want) ++f;
+                    if (f == fields.size())
+                        throw KaIoError(path, lineNo,
+                                        "no column named " + Quote(choice[k].name) + " for " +
+                                            kRoles[k] + " in the header");
+                    choice[k].index = f;
+                }
+                for (const ColumnChoice& c : choice) needed = std::max(needed, c.index + 1);
+                continue;
+            }
+            for (const ColumnChoice& c : choice) needed = std::max(needed, c.index + 1);
+        }
+
+        if (fields.size() < needed)
+            throw KaIoError(path, lineNo,
+                            "expected at least " + std::to_string(needed) + " fields, found " +
+                                std::to_string(fields.size()));
+        double v[3];
+        for (int k = 0; k < 3; ++k) {
+            const std::string& t = fields[choice[k].index];
+            if (t.empty())
+                throw KaIoError(path, lineNo,
+                                "expected 3 numbers, found an empty field for " +
+                                    std::string(kRoles[k]));
+            if (!ParseNumber(t, v[k])) throw KaIoError(path, lineNo, "expected 3 numbers, found " + Quote(t));
+            if (!std::isfinite(v[k]))
+                throw KaIoError(path, lineNo, "expected 3 finite numbers, found " + Quote(t));
+        }
+        points.emplace_back(v[0], v[1], v[2]);
+    }
+    if (in.bad()) throw KaIoError(path, lineNo + 1, "read error");
+    return points;
+}
+
+// Vector formats -----------------------------------------------------------
+
+std::string GeometryName(const OGRGeometry& g)
+{
+    return g.getGeometryName();
+}
+
+std::vector<Ka3DPoint> ReadVectorPoints(const std::string& path, const KaPointColumns& columns)
+{
+    KaIoInit();
+    kaio::GdalErrorCapture capture;
+    kaio::GdalDatasetPtr ds(GDALDataset::Open(path.c_str(), GDAL_OF_VECTOR | GDAL_OF_READONLY));
+    if (!ds) throw KaIoError(path, capture.Message("not a point file kagrid can read"));
+
+    const std::string zSpec(Trim(columns.z));
+    const bool severalLayers = ds->GetLayerCount() > 1;
+    std::vector<Ka3DPoint> points;
+    for (OGRLayer* layer : ds->GetLayers()) {
+        OGRFeatureDefn* defn = layer->GetLayerDefn();
+        if (defn->GetGeomFieldCount() == 0) continue;
+        const std::string where =
+            severalLayers ? "layer '" + std::string(layer->GetName()) + "', " : std::string();
+
+        int zField = -1;
+        if (!zSpec.empty()) {
+            zField = defn->GetFieldIndex(zSpec.c_str());  // case-insensitive
+            if (zField < 0 && AllDigits(zSpec)) {
+                const long n = std::strtol(zSpec.c_str(), nullptr, 10);
+                if (n >= 1 && n <= defn->GetFieldCount()) zField = static_cast<int>(n - 1);
+            }
+            if (zField < 0) {
+                std::string names;
+                for (int i = 0; i < defn->GetFieldCount(); ++i)
+                    names += (i ? ", " : "") + std::string(defn->GetFieldDefn(i)->GetNameRef());
+                throw KaIoError(path, where + "no field " + Quote(zSpec) + " for z (fields: " +
+                                          (names.empty() ? "none" : names) + ")");
+            }
+        }
+
+        layer->ResetReading();
+        std::size_t featureNo = 0;
+        while (std::unique_ptr<OGRFeature> f{layer->GetNextFeature()}) {
+            ++featureNo;
+            auto refuse = [&](const std::string& why) {
+                throw KaIoError(path, where + "feature " + std::to_string(featureNo) + ": " + why);
+            };
+            const OGRGeometry* g = f->GetGeometryRef();
+            if (!g || g->IsEmpty()) refuse("no geometry");
+
+            double z = 0.0;
+            if (zField >= 0) {
+                const char* fname = defn->GetFieldDefn(zField)->GetNameRef();
+                if (!f->IsFieldSetAndNotNull(zField)) refuse("field " + Quote(fname) + " is empty");
+                switch (defn->GetFieldDefn(zField)->GetType()) {
+                case OFTReal:
+                case OFTInteger:
+                case OFTInteger64:
+                    z = f->GetFieldAsDouble(zField);
+                    break;
+                case OFTString:
+                    if (!ParseNumber(Trim(f->GetFieldAsString(zField)), z))
+                        refuse("field " + Quote(fname) + " holds " + Quote(f->GetFieldAsString(zField)) +
+                               ", not a number");
+                    break;
+                default:
+                    refuse("field " + Quote(fname) + " is not numeric");
+                }
+            } else if (!g->Is3D()) {
+                refuse(GeometryName(*g) + " without z; name the attribute field that holds z");
+            }
+
+            auto add = [&](const OGRPoint& p) {
+                const double pz = zField >= 0 ? z : p.getZ();
+                if (!std::isfinite(p.getX()) || !std::isfinite(p.getY()) || !std::isfinite(pz))
+                    refuse("not a finite point");
+                points.emplace_back(p.getX(), p.getY(), pz);
+            };
+            switch (wkbFlatten(g->getGeometryType())) {
+            case wkbPoint:
+                add(*g->toPoint());
+                break;
+            case wkbMultiPoint:
+                for (const OGRPoint* p : *g->toMultiPoint())
+                    if (!p->IsEmpty()) add(*p);
+                break;
+            default:
+                refuse("a " + GeometryName(*g) + " is not a point; only point geometries are read");
+            }
+        }
+    }
+    return points;
+}
+
+}  // namespace
+
+std::unique_ptr<KaScatteredPoints> ReadPointFile(const std::string& path, const KaPointColumns& columns)
+{
+    kaio::CheckInputFile(path);
+    std::vector<Ka3DPoint> points =
+        LooksLikeTextPoints(path) ? ReadTextPoints(path, columns) : ReadVectorPoints(path, columns);
+    if (points.empty()) throw KaIoError(path, "no points");
+
+    auto object = std::make_unique<KaScatteredPoints>();
+    object->SetID(KaObject::CreateUniqueID());
+    object->SetName(kaio::FileStem(path));
+    object->SetScatteredPoints(std::move(points));
+    return object;
+}

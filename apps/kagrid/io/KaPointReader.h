@@ -1,0 +1,38 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "platform/kadata/KaDataObject.h"
+
+// Where x, y and z come from.
+//
+// Text files: each entry is a 1-based column number ("3") or a header name,
+// matched without regard to case ("Elev").
+// Vector files: x and y always come from the point geometry; `z` names an
+// attribute field (by name, or by 1-based field number when no field has
+// that name) and "" takes z from the geometry (Point Z / MultiPoint Z).
+struct KaPointColumns {
+    std::string x = "1", y = "2", z = "3";
+};
+
+// True when the extension says x y z text (.csv .txt .xyz .dat .tsv .pts, any
+// case); those are read as text, everything else through GDAL.
+bool LooksLikeTextPoints(const std::string& path);
+
+// Reads scattered points from x y z text or from any vector format GDAL knows
+// (shp, gpkg, geojson, ...). The object is named after the file's stem.
+//
+// Text: fields separated by ';' or ',' (the first of these found in the first
+// non-comment line), else by tabs (in a .tsv file, or when the tabs there
+// separate fields without inner blanks), else by runs of blanks; double quotes
+// around a field are dropped. Lines whose first non-blank character is '#'
+// and blank lines are skipped. The first non-comment line is a header when a
+// chosen column holds something that is not a number there (always, when a
+// column is chosen by name). Every other line must hold a finite number in
+// each chosen column; anything else is refused with its line number.
+// Vector: every layer with a geometry is read; only point and multipoint
+// geometries are accepted.
+// Throws KaIoError; a file without a single point is refused ("no points").
+std::unique_ptr<KaScatteredPoints> ReadPointFile(const std::string& path,
+                                                 const KaPointColumns& columns = {});

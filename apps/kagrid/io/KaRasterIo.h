@@ -1,0 +1,39 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "apps/kagrid/io/KaPointReader.h"
+#include "platform/kadata/KaDataObject.h"
+
+// Registers GDAL's drivers and silences GDAL's own messages (failures come
+// back as KaIoError instead). Every function here calls it; calling it again
+// does nothing.
+void KaIoInit();
+
+// Reads band 1 of a raster as a surface named after the file's stem. The
+// band's nodata value becomes the surface's invalid value (1.70141e38 when it
+// has none; NaN cells, which the engine cannot compare, become that value too).
+// Node (r, c) lies at xMin + c*dx, yMin + r*dy, each node at a pixel centre,
+// row 0 the southernmost raster row (north-up rasters are flipped); a raster
+// without georeferencing is taken as north-up with unit pixels and its
+// lower-left corner at (0, 0). Rotated or sheared rasters are refused.
+// Throws KaIoError.
+std::unique_ptr<KaSurface> ReadRasterSurface(const std::string& path);
+
+// Reads an input file: x y z text (by extension, see LooksLikeTextPoints),
+// else a raster (a surface), else a vector file (points). Throws KaIoError
+// for a missing or unreadable file.
+std::unique_ptr<KaDataObject> ReadInput(const std::string& path, const KaPointColumns& columns = {});
+
+// Writes a surface as a Float64 raster, north up, nodata = the surface's
+// invalid value. `format` is a GDAL driver name; empty means by extension:
+// .tif/.tiff GeoTIFF, .asc Arc ASCII grid, .nc netCDF, .img Erdas Imagine, any
+// other GeoTIFF (.vrt is refused: it would only point at other files). Each
+// node is a pixel centre: origin (xMin - dx/2, yMax + dy/2), pixel size
+// (dx, -dy). A grid of one column has no dx of its own and uses dy (and the
+// other way round); a single node uses 1 for both.
+// The file is written under a temporary name next to `path` and renamed over
+// it only when complete: on failure `path` is untouched, no temporary is left
+// and KaIoError is thrown.
+void WriteSurface(const KaSurface& surface, const std::string& path, const std::string& format = "");

@@ -1,0 +1,382 @@
+#include <gtest/gtest.h>
+
+#include <sys/resource.h>
+
+#include <csignal>
+#include <cmath>
+#include <cstring>
+#include <filesystem>
+#include <set>
+
+#include <gdal_priv.h>
+
+#include "KaTestSupport.h"
+#include "apps/kagrid/io/KaIoError.h"
+#include "apps/kagrid/io/KaPointReader.h"
+#include "apps/kagrid/io/KaPreview.h"
+#include "apps/kagrid/io/KaRasterIo.h"
+
+namespace fs = std::filesystem;
+using katest::TempDir;
+using katest::WriteFile;
+
+namespace {
+
+std::vector<Ka3DPoint> ReadText(const std::string& path, const std::string& text,
+                                const KaPointColumns& columns = {})
+{
+    WriteFile(path, text);
+    return ReadPointFile(path, columns)->Points();
+}
+
+// The message of the KaIoError `f` throws, or "" when it throws nothing.
+template <typename F>
+std::string ErrorOf(F f)
+{
+    try {
+        f();
+    } catch (const KaIoError& e) {
+        return e.what();
+    }
+    return "";
+}
+
+std::set<std::string> Entries(const fs::path& dir)
+{
+    std::set<std::string> names;
+    for (const auto& e : fs::directory_iterator(dir)) names.insert(e.path().filename().string());
+    return names;
+}
+
+// A cols x rows surface over an awkward lattice, values that do not print
+// short, and a few blank nodes.
+std::unique_ptr<KaSurface> MakeSurface(uint32_t cols, uint32_t rows, double blank = 1.70141e38)
+{
+    auto s = std::make_unique<KaSurface>();
+    KaSurfaceObjInfo& info = s->GetSurfaceObjInfo();
+    info.columnCount = cols;
+    info.rowCount = rows;
+    info.xMin = 0.1;
+    info.xMax = 1234.567;
+    info.yMin = -3.3;
+    info.yMax = 1e5 / 3;
+    info.invalidValue = blank;
+    KaTDataMatrix2D<double> m(blank);
+    m.Create(cols, rows);
+    for (uint32_t r = 0; r < rows; ++r)
+        for (uint32_t c = 0; c < cols; ++c) m.At(r, c) = std::sin(r * 7.1 + c * 0.37) * 1000 / 3;
+    m.At(0, 0) = blank;
+    m.At(rows - 1, cols - 1) = blank;
+    s->SetGridDataArray(std::move(m));
+    return s;
+}
+
+// Writes a one-band Float64 GeoTIFF with the given geotransform, raster rows top to bottom.
+void WriteRaw(const std::string& path, int cols, int rows, const double gt[6], std::vector<double> values)
+{
+    KaIoInit();
+    GDALDriver* drv = GetGDALDriverManager()->GetDriverByName("GTiff");
+    GDALDataset* ds = drv->Create(path.c_str(), cols, rows, 1, GDT_Float64, nullptr);
+    ds->SetGeoTransform(const_cast<double*>(gt));
+    ASSERT_EQ(ds->GetRasterBand(1)->RasterIO(GF_Write, 0, 0, cols, rows, values.data(), cols, rows,
+                                             GDT_Float64, 0, 0, nullptr),
+              CE_None);
+    GDALClose(ds);
+}
+
+}  // namespace
+
+// --- text points -----------------------------------------------------------
+
+TEST(KaPointReader, SeparatorsCommentsHeadersAndQuotes)
+{
+    TempDir dir;
+    const std::vector<Ka3DPoint> expect = {{1, 2, 3}, {4.5, -6, 7e2}};
+    const std::vector<std::pair<std::string, std::string>> files = {
+        {"a.csv", "x,y,z\n1,2,3\n4.5,-6,7e2\n"},
+        {"b.txt", "# survey 12\n\n   1   2\t 3\n  # mid comment\n+4.5 -6 700\n\n"},
+        {"c.csv", "\xEF\xBB\xBFX;Y;Z\r\n1;2;3\r\n4.5;-6;700\r\n"},
+        {"d.tsv", "x\ty\tz\n1\t2\t3\n4.5\t-6\t700\n"},
+        {"e.csv", "\"x\",\"y\",\"z\"\n\"1\", \"2\" ,3\n4.5,-6,700\n"},
+    };
+    for (const auto& [name, text] : files) {
+        SCOPED_TRACE(name);
+        EXPECT_EQ(ReadText(dir / name, text), expect);
+    }
+    auto obj = ReadPointFile(dir / "a.csv");
+    EXPECT_EQ(obj->GetName(), "a");
+    EXPECT_EQ(obj->GetLimit().zMax, 700);
+}
+
+TEST(KaPointReader, ColumnsByNumberAndByName)
+{
+    TempDir dir;
+    const std::string text = "id;Easting;Northing;Elev\nW1;10;20;30\nW2;11;21;31\n";
+    const std::vector<Ka3DPoint> expect = {{10, 20, 30}, {11, 21, 31}};
+    EXPECT_EQ(ReadText(dir / "w.csv", text, {"2", "3", "4"}), expect);
+    EXPECT_EQ(ReadText(dir / "w.csv", text, {"easting", "NORTHING", "elev"}), expect);
+    EXPECT_EQ(ReadText(dir / "w.csv", text, {"Northing", "2", "elev"}),
+              (std::vector<Ka3DPoint>{{20, 10, 30}, {21, 11, 31}}));
+    EXPECT_EQ(ErrorOf([&] { ReadText(dir / "w.csv", text, {"2", "3", "depth"}); }),
+              dir / "w.csv" + ":1: no column named 'depth' for z in the header");
+    EXPECT_NE(ErrorOf([&] { ReadText(dir / "w.csv", text, {"0", "3", "4"}); }), "");
+}
+
+TEST(KaPointReader, HeaderIsDecidedByTheChosenColumnsOnly)
+{
+    TempDir dir;
+    // Text outside the chosen columns does not make a header: both lines are data.
+    EXPECT_EQ(ReadText(dir / "p.txt", "A 1 2 3\nB 4 5 6\n", {"2", "3", "4"}).size(), 2u);
+    // With column 1 chosen, the first line is taken as a header and "B" is refused.
+    EXPECT_EQ(ErrorOf([&] { ReadText(dir / "p.txt", "A 1 2 3\nB 4 5 6\n"); }),
+              dir / "p.txt" + ":2: expected 3 numbers, found 'B'");
+}
+
+TEST(KaPointReader, MalformedLinesAreRefusedWithTheirLineNumber)
+{
+    TempDir dir;
+    const std::string p = dir / "points.csv";
+    const std::string head = "# header follows\nx,y,z\n1,2,3\n\n";
+    EXPECT_EQ(ErrorOf([&] { ReadText(p, head + "1,2,abc\n"); }), p + ":5: expected 3 numbers, found 'abc'");
+    EXPECT_EQ(ErrorOf([&] { ReadText(p, head + "1,2\n"); }), p + ":5: expected at least 3 fields, found 2");
+    EXPECT_EQ(ErrorOf([&] { ReadText(p, head + "1,,3\n"); }),
+              p + ":5: expected 3 numbers, found an empty field for y");
+    EXPECT_EQ(ErrorOf([&] { ReadText(p, head + "1,2,3,\n1,2,nan\n"); }),
+              p + ":6: expected 3 finite numbers, found 'nan'");
+    EXPECT_EQ(ErrorOf([&] { ReadText(p, head + "1,2,inf\n"); }),
+              p + ":5: expected 3 finite numbers, found 'inf'");
+    EXPECT_EQ(ErrorOf([&] { ReadText(p, head + "1,2,3.0.1\n"); }),
+              p + ":5: expected 3 numbers, found '3.0.1'");
+    EXPECT_EQ(ErrorOf([&] { ReadText(p, ""); }), p + ": no points");
+    EXPECT_EQ(ErrorOf([&] { ReadText(p, "# nothing\nx,y,z\n"); }), p + ": no points");
+    EXPECT_EQ(ErrorOf([&] { ReadPointFile(dir / "missing.csv", {}); }), dir / "missing.csv" + ": no such file");
+}
+
+// --- vector points ---------------------------------------------------------
+
+TEST(KaPointReader, VectorPointsThroughOgr)
+{
+    TempDir dir;
+    const std::string p = dir / "wells.geojson";
+    auto feature = [](const std::string& geom, const std::string& props) {
+        return R"({"type":"Feature","properties":{)" + props + R"(},"geometry":)" + geom + "}";
+    };
+    auto collection = [](const std::vector<std::string>& features) {
+        std::string s = R"({"type":"FeatureCollection","features":[)";
+        for (std::size_t i = 0; i < features.size(); ++i) s += (i ? "," : "") + features[i];
+        return s + "]}";
+    };
+    WriteFile(p, collection({feature(R"({"type":"Point","coordinates":[1,2,3]})", R"("name":"a","elev":30)"),
+                             feature(R"({"type":"MultiPoint","coordinates":[[4,5,6],[7,8,9]]})",
+                                     R"("name":"b","elev":60)")}));
+    EXPECT_EQ(ReadPointFile(p, {"1", "2", ""})->Points(),
+              (std::vector<Ka3DPoint>{{1, 2, 3}, {4, 5, 6}, {7, 8, 9}}));
+    EXPECT_EQ(ReadPointFile(p, {"1", "2", "ELEV"})->Points(),
+              (std::vector<Ka3DPoint>{{1, 2, 30}, {4, 5, 60}, {7, 8, 60}}));
+    auto input = ReadInput(p, {"1", "2", "elev"});
+    ASSERT_NE(dynamic_cast<KaScatteredPoints*>(input.get()), nullptr);
+    EXPECT_EQ(input->GetName(), "wells");
+    EXPECT_NE(ErrorOf([&] { ReadPointFile(p, {"1", "2", "depth"}); }).find("no field 'depth'"),
+              std::string::npos);
+
+    WriteFile(p, collection({feature(R"({"type":"Point","coordinates":[1,2]})", R"("elev":1)"),
+                             feature(R"({"type":"LineString","coordinates":[[0,0],[1,1]]})", R"("elev":2)")}));
+    EXPECT_EQ(ErrorOf([&] { ReadPointFile(p, {"1", "2", "elev"}); }),
+              p + ": feature 2: a LINESTRING is not a point; only point geometries are read");
+    EXPECT_EQ(ErrorOf([&] { ReadPointFile(p, {"1", "2", ""}); }),
+              p + ": feature 1: POINT without z; name the attribute field that holds z");
+}
+
+// --- rasters ---------------------------------------------------------------
+
+TEST(KaRasterIo, RoundTripKeepsLatticeValuesAndBlankExactly)
+{
+    TempDir dir;
+    for (double blank : {1.70141e38, -9999.5}) {
+        SCOPED_TRACE(blank);
+        auto s = MakeSurface(7, 5, blank);
+        const std::string p = dir / "grid.tif";
+        WriteSurface(*s, p);
+        auto back = ReadRasterSurface(p);
+        const KaSurfaceObjInfo &a = s->GetSurfaceObjInfo(), &b = back->GetSurfaceObjInfo();
+        EXPECT_EQ(back->GetName(), "grid");
+        EXPECT_EQ(b.columnCount, 7u);
+        EXPECT_EQ(b.rowCount, 5u);
+        EXPECT_EQ(b.xMin, a.xMin);
+        EXPECT_EQ(b.xMax, a.xMax);
+        EXPECT_EQ(b.yMin, a.yMin);
+        EXPECT_EQ(b.yMax, a.yMax);
+        EXPECT_EQ(b.corners[1], Ka3DPoint(a.xMax, a.yMin, 0));
+        EXPECT_EQ(b.corners[2], Ka3DPoint(a.xMin, a.yMax, 0));
+        EXPECT_EQ(b.invalidValue, blank);
+        ASSERT_EQ(back->GridData().Size(), s->GridData().Size());
+        EXPECT_EQ(std::memcmp(back->GridData().data, s->GridData().data, s->GridData().Size() * 8), 0);
+        double lo = 1e300, hi = -1e300;
+        for (std::size_t i = 1; i + 1 < s->GridData().Size(); ++i) {
+            lo = std::min(lo, s->GridData().data[i]);
+            hi = std::max(hi, s->GridData().data[i]);
+        }
+        EXPECT_EQ(b.zMin, lo);
+        EXPECT_EQ(b.zMax, hi);
+        EXPECT_TRUE(b.limit.IsLimitValid());
+    }
+    // Formats without the exact lattice in the file still keep the values.
+    for (const char* name : {"grid.asc", "grid.img", "grid.nc"}) {
+        SCOPED_TRACE(name);
+        auto s = MakeSurface(6, 4, -1);
+        WriteSurface(*s, dir / name);
+        auto back = ReadRasterSurface(dir / name);
+        EXPECT_NEAR(back->GetSurfaceObjInfo().xMax, s->GetSurfaceObjInfo().xMax, 1e-9);
+        EXPECT_NEAR(back->GetSurfaceObjInfo().yMin, s->GetSurfaceObjInfo().yMin, 1e-9);
+        EXPECT_EQ(std::memcmp(back->GridData().data, s->GridData().data, s->GridData().Size() * 8), 0);
+    }
+    EXPECT_EQ(Entries(dir.path), (std::set<std::string>{"grid.tif", "grid.asc", "grid.img", "grid.nc"}));
+}
+
+TEST(KaRasterIo, WrittenRasterIsNorthUpWithNodesAtPixelCentres)
+{
+    TempDir dir;
+    auto s = MakeSurface(4, 3);
+    WriteSurface(*s, dir / "g.tif");
+    GDALDatasetUniquePtr ds(GDALDataset::Open((dir / "g.tif").c_str(), GDAL_OF_RASTER));
+    double gt[6];
+    ASSERT_EQ(ds->GetGeoTransform(gt), CE_None);
+    const double dx = s->GetSurfaceObjInfo().GetDx(), dy = s->GetSurfaceObjInfo().GetDy();
+    EXPECT_DOUBLE_EQ(gt[0], 0.1 - dx / 2);
+    EXPECT_DOUBLE_EQ(gt[3], 1e5 / 3 + dy / 2);
+    EXPECT_EQ(gt[1], dx);
+    EXPECT_EQ(gt[5], -dy);
+    double topLeft = 0;
+    ASSERT_EQ(ds->GetRasterBand(1)->RasterIO(GF_Read, 1, 0, 1, 1, &topLeft, 1, 1, GDT_Float64, 0, 0, nullptr), CE_None);
+    EXPECT_EQ(topLeft, s->GridData().At(2, 1));  // raster row 0 is the northernmost surface row
+    EXPECT_EQ(ds->GetRasterBand(1)->GetNoDataValue(), 1.70141e38);
+    ds.reset();
+
+    // A single column borrows the row spacing; a single node gets unit pixels.
+    for (auto [cols, rows, width] : {std::tuple{1u, 3u, (1e5 / 3 + 3.3) / 2}, std::tuple{1u, 1u, 1.0}}) {
+        auto one = MakeSurface(cols, rows);
+        WriteSurface(*one, dir / "one.tif");
+        GDALDatasetUniquePtr d1(GDALDataset::Open((dir / "one.tif").c_str(), GDAL_OF_RASTER));
+        d1->GetGeoTransform(gt);
+        EXPECT_EQ(gt[1], width);
+        EXPECT_EQ(gt[5], -width);
+    }
+}
+
+TEST(KaRasterIo, ReadingPutsTheSouthernRowFirstWhicheverWayTheRasterRuns)
+{
+    TempDir dir;
+    // 3 columns x 2 rows of 10 m pixels, lower-left corner at (100, 200).
+    const double northUp[6] = {100, 10, 0, 220, 0, -10}, southUp[6] = {100, 10, 0, 200, 0, 10};
+    WriteRaw(dir / "n.tif", 3, 2, northUp, {4, 5, 6, 1, 2, 3});  // top row first
+    WriteRaw(dir / "s.tif", 3, 2, southUp, {1, 2, 3, 4, 5, 6});  // bottom row first
+    for (const char* name : {"n.tif", "s.tif"}) {
+        SCOPED_TRACE(name);
+        auto s = ReadRasterSurface(dir / name);
+        const KaSurfaceObjInfo& i = s->GetSurfaceObjInfo();
+        EXPECT_EQ(i.xMin, 105);
+        EXPECT_EQ(i.xMax, 125);
+        EXPECT_EQ(i.yMin, 205);
+        EXPECT_EQ(i.yMax, 215);
+        EXPECT_EQ(i.invalidValue, 1.70141e38);
+        EXPECT_EQ(s->GridData().At(0, 0), 1);
+        EXPECT_EQ(s->GridData().At(0, 2), 3);
+        EXPECT_EQ(s->GridData().At(1, 0), 4);
+        EXPECT_EQ(i.zMin, 1);
+        EXPECT_EQ(i.zMax, 6);
+    }
+    const double rotated[6] = {100, 10, 0.5, 220, 0, -10};
+    WriteRaw(dir / "r.tif", 3, 2, rotated, {1, 2, 3, 4, 5, 6});
+    EXPECT_NE(ErrorOf([&] { ReadRasterSurface(dir / "r.tif"); }).find("rotated"), std::string::npos);
+}
+
+TEST(KaRasterIo, ReadInputDispatchesAndNamesBadFiles)
+{
+    TempDir dir;
+    WriteFile(dir / "pts.xyz", "1 2 3\n");
+    WriteSurface(*MakeSurface(3, 3), dir / "surf.tif");
+    WriteFile(dir / "junk.bin", "not a raster");
+    EXPECT_NE(dynamic_cast<KaScatteredPoints*>(ReadInput(dir / "pts.xyz").get()), nullptr);
+    EXPECT_NE(dynamic_cast<KaSurface*>(ReadInput(dir / "surf.tif").get()), nullptr);
+    EXPECT_EQ(ErrorOf([&] { ReadInput(dir / "nope.tif"); }), dir / "nope.tif" + ": no such file");
+    EXPECT_EQ(ErrorOf([&] { ReadInput(dir / "junk.bin"); }).rfind(dir / "junk.bin" + ": not a file", 0), 0u);
+    EXPECT_EQ(ErrorOf([&] { ReadInput(dir.path.string()); }), dir.path.string() + ": is a directory, not a file");
+}
+
+TEST(KaRasterIo, FailedWritesLeaveNoTemporaryAndKeepTheOldFile)
+{
+    TempDir dir;
+    auto s = MakeSurface(300, 300);
+    EXPECT_NE(ErrorOf([&] { WriteSurface(*s, dir / "no/such/dir/out.tif"); }).find("no/such/dir/out.tif"),
+              std::string::npos);
+    EXPECT_NE(ErrorOf([&] { WriteSurface(*s, dir / "out.vrt"); }), "");
+    EXPECT_NE(ErrorOf([&] { WriteSurface(*s, dir / "out.png", "PNG"); }), "");
+    EXPECT_TRUE(Entries(dir.path).empty());
+
+    // Renaming over a directory fails after the file is complete.
+    fs::create_directories(dir / "taken.tif/inner");
+    EXPECT_NE(ErrorOf([&] { WriteSurface(*s, dir / "taken.tif"); }), "");
+    EXPECT_EQ(Entries(dir.path), std::set<std::string>{"taken.tif"});
+
+    // A disk that fills up half way: the old file stays as it was.
+    WriteFile(dir / "old.tif", "the previous grid");
+    rlimit saved;
+    getrlimit(RLIMIT_FSIZE, &saved);
+    rlimit small = saved;
+    small.rlim_cur = 64 * 1024;  // the grid needs about 700 KiB
+    auto oldHandler = std::signal(SIGXFSZ, SIG_IGN);
+    setrlimit(RLIMIT_FSIZE, &small);
+    const std::string err = ErrorOf([&] { WriteSurface(*s, dir / "old.tif"); });
+    setrlimit(RLIMIT_FSIZE, &saved);
+    std::signal(SIGXFSZ, oldHandler);
+    EXPECT_EQ(err.rfind(dir / "old.tif: ", 0), 0u) << err;
+    EXPECT_EQ(katest::ReadFile(dir / "old.tif"), "the previous grid");
+    EXPECT_EQ(Entries(dir.path), (std::set<std::string>{"taken.tif", "old.tif"}));
+
+    // With room to spare the old file is replaced.
+    WriteSurface(*s, dir / "old.tif");
+    EXPECT_EQ(ReadRasterSurface(dir / "old.tif")->GetColCount(), 300u);
+}
+
+// --- preview ---------------------------------------------------------------
+
+TEST(KaPreview, WritesAColourPngNorthUp)
+{
+    TempDir dir;
+    // Two rows: low values in the south, high in the north, one blank node.
+    auto s = std::make_unique<KaSurface>();
+    KaSurfaceObjInfo& info = s->GetSurfaceObjInfo();
+    info.columnCount = 3;
+    info.rowCount = 2;
+    info.xMax = 3;
+    info.yMax = 2;
+    KaTDataMatrix2D<double> m(info.invalidValue);
+    m.Create(3, 2);
+    m.At(0, 0) = m.At(0, 1) = 0;
+    m.At(1, 0) = m.At(1, 1) = m.At(1, 2) = 10;
+    s->SetGridDataArray(std::move(m));
+    WritePreviewPng(*s, dir / "p.png");
+    EXPECT_EQ(Entries(dir.path), std::set<std::string>{"p.png"});
+
+    GDALDatasetUniquePtr ds(GDALDataset::Open((dir / "p.png").c_str(), GDAL_OF_RASTER));
+    ASSERT_TRUE(ds);
+    EXPECT_STREQ(ds->GetDriver()->GetDescription(), "PNG");
+    ASSERT_EQ(ds->GetRasterCount(), 3);
+    EXPECT_GE(std::max(ds->GetRasterXSize(), ds->GetRasterYSize()), 400);
+    // Down a column through the left of the map: the first coloured pixels are
+    // the high (yellow) north, the last the low (violet) south.
+    const int h = ds->GetRasterYSize();
+    std::vector<uint8_t> rgb[3];
+    for (int k = 0; k < 3; ++k) {
+        rgb[k].resize(h);
+        ASSERT_EQ(ds->GetRasterBand(k + 1)->RasterIO(GF_Read, 40, 0, 1, h, rgb[k].data(), 1, h, GDT_Byte, 0,
+                                                     0, nullptr),
+                  CE_None);
+    }
+    std::vector<int> coloured;
+    for (int y = 0; y < h; ++y)
+        if (std::abs(rgb[0][y] - rgb[1][y]) > 30 || std::abs(rgb[1][y] - rgb[2][y]) > 30) coloured.push_back(y);
+    ASSERT_FALSE(coloured.empty());
+    EXPECT_GT(rgb[1][coloured.front()], 200);  // yellow
+    EXPECT_LT(rgb[1][coloured.back()], 40);    // violet
+}
