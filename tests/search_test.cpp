@@ -271,6 +271,8 @@ TEST(SectorTable, LookupAgreesWithTheExactIndexEverywhere)
                 }
             }
             // where no index is out of range the table decides nearly every sample
-            if (e == 0 || e == 10) EXPECT_GT(decided, 30000) << s << " " << e;
+            if (e == 0 || e == 10) {
+                EXPECT_GT(decided, 30000) << s << " " << e;
+            }
         }
 }

@@ -1,1 +1,224 @@
-int main() { return 0; }
+// kagrid: grids scattered points, or the nodes of a raster, with the engine's
+// methods and writes the grid through GDAL.
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "apps/kagrid/io/KaIoError.h"
+#include "apps/kagrid/io/KaMeshWriter.h"
+#include "apps/kagrid/io/KaParamJson.h"
+#include "apps/kagrid/io/KaPointReader.h"
+#include "apps/kagrid/io/KaPreview.h"
+#include "apps/kagrid/io/KaRasterIo.h"
+#include "apps/kagrid/KaProgress.h"
+#include "core/KaRecordFill.h"
+#include "methods/KaMethodRegistry.h"
+#include "platform/kadata/KaDelaunayTriangle.h"
+#include "search/KaEstGridSearcher.h"
+
+namespace {
+
+constexpr int kExitFailure = 1;
+constexpr int kExitUsage = 2;
+
+const char* kUsage =
+    "usage: kagrid METHOD INPUT OUTPUT [options]\n"
+    "       kagrid methods            list the methods with every parameter\n"
+    "\n"
+    "INPUT   points: CSV or whitespace-separated x y z text, or any vector file GDAL reads;\n"
+    "        a raster GDAL reads: its nodes become the samples\n"
+    "OUTPUT  grid written with GDAL; format from the extension (GeoTIFF by default)\n"
+    "\n"
+    "options:\n"
+    "  --set KEY=VALUE    set one parameter (repeatable; after --params)\n"
+    "  --params FILE      parameters from a JSON object {\"key\": value, ...}\n"
+    "  --print-params     print the effective parameters as JSON and exit\n"
+    "  -of FORMAT         GDAL driver for OUTPUT (e.g. GTiff, AAIGrid)\n"
+    "  --preview FILE.png also write a colour-mapped picture with a legend\n"
+    "  --mesh FILE        triangulation: where to write the triangle mesh\n"
+    "                     (default: DELAUNAYNAME.gpkg beside OUTPUT, when createDelaunayObject)\n"
+    "  --x COL --y COL --z COL\n"
+    "                     text input: columns by 1-based number or header name (default 1 2 3);\n"
+    "                     vector input: --z names the attribute holding z (default: geometry z)\n"
+    "  -q, --quiet        no progress output\n"
+    "  -h, --help         this text\n";
+
+struct Options {
+    std::string method, input, output, format, preview, mesh, paramsFile;
+    std::vector<std::string> settings;
+    KaPointColumns columns;
+    bool printParams = false;
+    bool quiet = false;
+    bool zColumnGiven = false;
+};
+
+[[noreturn]] void Usage(const std::string& message)
+{
+    std::fprintf(stderr, "kagrid: %s\n%s", message.c_str(), kUsage);
+    std::exit(kExitUsage);
+}
+
+Options ParseArguments(int argc, char** argv)
+{
+    Options o;
+    std::vector<std::string> positional;
+    for (int i = 1; i < argc; ++i) {
+        const std::string a = argv[i];
+        auto value = [&](const char* what) -> std::string {
+            if (i + 1 >= argc) Usage(a + " needs " + what);
+            return argv[++i];
+        };
+        if (a == "-h" || a == "--help") {
+            std::fputs(kUsage, stdout);
+            std::exit(0);
+        } else if (a == "--set") o.settings.push_back(value("KEY=VALUE"));
+        else if (a == "--params") o.paramsFile = value("a JSON file");
+        else if (a == "--print-params") o.printParams = true;
+        else if (a == "-of") o.format = value("a format name");
+        else if (a == "--preview") o.preview = value("a PNG file name");
+        else if (a == "--mesh") o.mesh = value("a file name");
+        else if (a == "--x") o.columns.x = value("a column");
+        else if (a == "--y") o.columns.y = value("a column");
+        else if (a == "--z") { o.columns.z = value("a column or field"); o.zColumnGiven = true; }
+        else if (a == "-q" || a == "--quiet") o.quiet = true;
+        else if (a.size() > 1 && a[0] == '-' && !std::isdigit(static_cast<unsigned char>(a[1])))
+            Usage("unknown option " + a);
+        else positional.push_back(a);
+    }
+    if (positional.empty()) Usage("no method given");
+    o.method = positional[0];
+    if (o.method == "methods") return o;
+    if (positional.size() < 2) Usage("no INPUT given");
+    if (positional.size() < 3 && !o.printParams) Usage("no OUTPUT given");
+    if (positional.size() > 3) Usage("unexpected argument " + positional[3]);
+    o.input = positional[1];
+    if (positional.size() > 2) o.output = positional[2];
+    return o;
+}
+
+void ListMethods()
+{
+    for (const KaMethodInfo& m : KaMethods()) {
+        std::printf("%s  (%s; output name suffix \"%s\")\n", m.key, m.title, m.suffix);
+        auto record = m.makeParam();
+        for (const KaFieldDescription& f : DescribeFields(*record))
+            std::printf("    %-22s %-26s default %-12s %s\n", f.key.c_str(), ("[" + f.type + "]").c_str(),
+                        f.defaultValue.c_str(), f.help.c_str());
+        std::printf("\n");
+    }
+    std::printf(
+        "Geometry (xMin .. rowCount), originalInvalidValue and, for searching methods, the search\n"
+        "caps, minimum and radii are first filled from the input as the method's dialog does;\n"
+        "the defaults above are the record's own. Use --print-params to see the effective values.\n");
+}
+
+// The mesh file: --mesh, or the Delaunay object's name beside the output.
+std::string MeshPath(const Options& o, const KaDataObject& mesh)
+{
+    if (!o.mesh.empty()) return o.mesh;
+    const std::filesystem::path out(o.output);
+    return (out.parent_path() / (mesh.GetName() + ".gpkg")).string();
+}
+
+int Run(const Options& o)
+{
+    const KaMethodInfo* method = FindMethod(o.method);
+    if (!method) {
+        std::string names;
+        for (const KaMethodInfo& m : KaMethods()) names += std::string(names.empty() ? "" : ", ") + m.key;
+        Usage("unknown method '" + o.method + "' (one of: " + names + ")");
+    }
+
+    KaPointColumns columns = o.columns;
+    std::unique_ptr<KaDataObject> input = ReadInput(o.input, columns);
+
+    std::unique_ptr<KaEstimatorGridParam> record = method->makeParam();
+    const KaFillResult fill = FillRecordFromObject(record.get(), input.get(), method->suffix);
+    if (fill == KaFillResult::Failed) throw KaIoError(o.input, "not a point set or a surface");
+
+    std::set<std::string> given;
+    if (!o.paramsFile.empty()) {
+        std::ifstream in(o.paramsFile);
+        if (!in) throw KaIoError(o.paramsFile, "cannot open the parameter file");
+        nlohmann::json j = nlohmann::json::parse(in, nullptr, false);
+        if (j.is_discarded()) throw KaParamError(o.paramsFile + ": not valid JSON");
+        ApplyJson(*record, j, o.paramsFile, &given);
+    }
+    for (const std::string& s : o.settings) ApplySetting(*record, s, &given);
+
+    if (fill == KaFillResult::NeedsExplicitGeometry && !given.count("columnCount"))
+        throw KaParamError(
+            "the points of " + o.input + " have zero width or height, so the grid's column count "
+            "cannot be derived from them; give the grid explicitly, e.g. --set xMin=... --set xMax=... "
+            "--set yMin=... --set yMax=... --set columnCount=... --set rowCount=...");
+    const std::string invalid = record->Validate();
+    if (!invalid.empty()) throw KaParamError("invalid parameter " + invalid);
+
+    if (o.printParams) {
+        nlohmann::ordered_json j;
+        j["method"] = method->key;
+        j["parameters"] = RecordToJson(*record);
+        std::printf("%s\n", j.dump(2).c_str());
+        return 0;
+    }
+
+    KaSampleList* raw = nullptr;
+    if (!BuildSampleList(raw, input.get())) throw KaIoError(o.input, "cannot read its samples");
+    std::unique_ptr<KaSampleList> samples(raw);
+    if (samples->empty()) throw KaIoError(o.input, "no samples");
+    input.reset();  // the samples hold everything needed from here on
+
+    KaProgress progress(o.quiet);
+    std::unique_ptr<KaGridJob> job = MakeJob(*method, &progress);
+    job->SetSampleList(std::move(samples));
+    job->SetEstimator(method->makeEstimator());
+    if (!job->StartEstimate(std::move(record))) throw KaParamError("the parameters were refused");
+    std::unique_ptr<KaSurface> surface;
+    try {
+        surface = job->Run();
+    } catch (const KaSearchError& e) {
+        progress.Finish();
+        throw std::runtime_error(std::string("the search failed: ") + e.what());
+    }
+    progress.Finish();
+    if (!surface) {
+        std::string reason = job->FailureReason();
+        if (reason.empty()) reason = "the gridding job ended without a surface";
+        throw std::runtime_error(std::string(method->key) + ": " + reason + "; nothing was written");
+    }
+
+    WriteSurface(*surface, o.output, o.format);
+    if (!o.preview.empty()) WritePreviewPng(*surface, o.preview);
+    for (const auto& object : progress.Created())
+        if (auto* mesh = dynamic_cast<const KaDelaunayTriangle*>(object.get()))
+            WriteTriangleMesh(*mesh, MeshPath(o, *mesh));
+    if (!o.quiet) std::fprintf(stderr, "kagrid: wrote %s\n", o.output.c_str());
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    const Options o = ParseArguments(argc, argv);
+    try {
+        KaIoInit();
+        if (o.method == "methods") {
+            ListMethods();
+            return 0;
+        }
+        return Run(o);
+    } catch (const std::exception& e) {
+        std::fprintf(stderr, "kagrid: %s\n", e.what());
+        return kExitFailure;
+    }
+}

@@ -1,0 +1,205 @@
+// End-to-end runs of the kagrid executable on small files.
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <nlohmann/json.hpp>
+
+#include "KaTestSupport.h"
+#include "apps/kagrid/io/KaRasterIo.h"
+
+namespace fs = std::filesystem;
+using katest::Kagrid;
+
+namespace {
+
+// The grid of a raster as rows from the south, blank cells as written.
+std::vector<std::vector<double>> Grid(const std::string& path)
+{
+    auto s = ReadRasterSurface(path);
+    std::vector<std::vector<double>> rows;
+    for (uint32_t r = 0; r < s->GetRowCount(); ++r) {
+        rows.emplace_back();
+        for (uint32_t c = 0; c < s->GetColCount(); ++c) rows.back().push_back(s->GridData().At(r, c));
+    }
+    return rows;
+}
+
+bool NoStrayFiles(const katest::TempDir& d, std::size_t expected)
+{
+    std::size_t n = 0;
+    for ([[maybe_unused]] const auto& e : fs::directory_iterator(d.path)) ++n;
+    return n == expected;
+}
+
+const char* kOneSector = "--set sectorCount=1 --set blankSectors=1 ";
+
+}  // namespace
+
+TEST(Kagrid, InverseDistanceMatchesHandWorkedValues)
+{
+    katest::TempDir d;
+    // One sample left of every node, one two buckets right of every node, so
+    // the ring walk reaches both from each node (it never visits the cells
+    // diagonally right of the node cell at the ring's own distance).
+    katest::WriteFile(d / "p.csv", "x,y,z\n-2,0.5,10\n6,0.5,20\n");
+    const std::string grid = "--set xMin=0 --set xMax=3 --set yMin=0 --set yMax=1 "
+                             "--set columnCount=4 --set rowCount=2 ";
+    const auto usage = Kagrid(d / "p.csv " + d / "out.tif -q");
+    EXPECT_EQ(usage.status, 2) << usage.output;  // a file where the method belongs
+    const auto r = Kagrid("inverse-distance " + d / "p.csv " + d / "out.tif -q " + kOneSector +
+                          "--set minInAll=2 --set radius1=10 --set radius2=10 " + grid);
+    ASSERT_EQ(r.status, 0) << r.output;
+    const auto g = Grid(d / "out.tif");
+    ASSERT_EQ(g.size(), 2u);
+    for (int row = 0; row < 2; ++row)
+        for (int col = 0; col < 4; ++col) {
+            const double y = row, x = col;
+            const double a = (x + 2) * (x + 2) + (y - 0.5) * (y - 0.5);
+            const double b = (x - 6) * (x - 6) + (y - 0.5) * (y - 0.5);
+            EXPECT_DOUBLE_EQ(g[row][col], (10 / a + 20 / b) / (1 / a + 1 / b)) << row << "," << col;
+        }
+    EXPECT_DOUBLE_EQ(g[0][0], (10 / 4.25 + 20 / 36.25) / (1 / 4.25 + 1 / 36.25));
+    EXPECT_TRUE(NoStrayFiles(d, 2));
+}
+
+TEST(Kagrid, NearestNeighbourGoldenGridWithBlanks)
+{
+    katest::TempDir d;
+    katest::WriteFile(d / "p.txt", "# two wells\n0 0 1\n2 2 9\n");
+    const auto r = Kagrid("nearest-neighbor " + d / "p.txt " + d / "g.asc -q " + kOneSector +
+                          "--set minInAll=1 --set radius1=1.2 --set radius2=1.2 --set blankValue=-9999 "
+                          "--set xMin=0 --set xMax=2 --set yMin=0 --set yMax=2 "
+                          "--set columnCount=3 --set rowCount=3");
+    ASSERT_EQ(r.status, 0) << r.output;
+    // Rows from the south. Radius 1.2 on unit buckets allows two rings, so
+    // (1, 0) and (0, 1), whose well lies two buckets away, are blank although
+    // it is only 1 away; (1, 1) is beyond 1.2 of both wells.
+    const std::vector<std::vector<double>> golden{{1, -9999, -9999}, {-9999, -9999, 9}, {-9999, 9, 9}};
+    EXPECT_EQ(Grid(d / "g.asc"), golden);
+    const std::string text = katest::ReadFile(d / "g.asc");
+    EXPECT_NE(text.find("-9999"), std::string::npos);
+}
+
+TEST(Kagrid, RasterInputReproducesItsLattice)
+{
+    katest::TempDir d;
+    katest::WriteFile(d / "p.csv", "x,y,z\n0,0,1\n10,0,2\n0,5,3\n10,5,4\n4,2,7\n");
+    ASSERT_EQ(Kagrid("moving-average " + d / "p.csv " + d / "a.tif -q --set columnCount=6 --set rowCount=4 "
+                     "--set minInAll=1")
+                  .status,
+              0);
+    // Gridding a grid's own nodes with nearest neighbour gives the grid back.
+    const auto r = Kagrid("nearest-neighbor " + d / "a.tif " + d / "b.tif -q");
+    ASSERT_EQ(r.status, 0) << r.output;
+    EXPECT_EQ(Grid(d / "a.tif"), Grid(d / "b.tif"));
+    auto a = ReadRasterSurface(d / "a.tif");
+    auto b = ReadRasterSurface(d / "b.tif");
+    EXPECT_EQ(a->GetSurfaceObjInfo().xMax, b->GetSurfaceObjInfo().xMax);
+    EXPECT_EQ(a->GetSurfaceObjInfo().yMin, b->GetSurfaceObjInfo().yMin);
+    EXPECT_EQ(b->GetName(), "b");
+}
+
+TEST(Kagrid, PrintParamsShowsTheFilledRecord)
+{
+    katest::TempDir d;
+    katest::WriteFile(d / "w.csv", "x,y,z\n0,0,1\n20,10,3\n5,5,2\n");
+    const auto r = Kagrid("inverse-distance " + d / "w.csv --print-params --set power=3");
+    ASSERT_EQ(r.status, 0) << r.output;
+    const auto j = nlohmann::json::parse(r.output);
+    EXPECT_EQ(j["method"], "inverse-distance");
+    EXPECT_EQ(j["parameters"]["name"], "w_Inverse");
+    EXPECT_EQ(j["parameters"]["rowCount"], 100);
+    EXPECT_EQ(j["parameters"]["columnCount"], 200);
+    EXPECT_EQ(j["parameters"]["power"], 3.0);
+    EXPECT_EQ(j["parameters"]["minInAll"], 3);
+}
+
+TEST(Kagrid, ParameterFileThenSettings)
+{
+    katest::TempDir d;
+    katest::WriteFile(d / "w.csv", "x,y,z\n0,0,1\n20,10,3\n5,5,2\n");
+    katest::WriteFile(d / "p.json", R"({"power": 1, "smoothing": 0.5, "rowCount": 7})");
+    const auto r = Kagrid("inverse-distance " + d / "w.csv --print-params --params " + d / "p.json" +
+                          " --set power=4");
+    ASSERT_EQ(r.status, 0) << r.output;
+    const auto j = nlohmann::json::parse(r.output)["parameters"];
+    EXPECT_EQ(j["power"], 4.0);
+    EXPECT_EQ(j["smoothing"], 0.5);
+    EXPECT_EQ(j["rowCount"], 7);
+
+    katest::WriteFile(d / "bad.json", R"({"power": "high"})");
+    const auto bad = Kagrid("inverse-distance " + d / "w.csv x.tif --params " + d / "bad.json");
+    EXPECT_EQ(bad.status, 1);
+    EXPECT_NE(bad.output.find("bad.json: power: expected a number"), std::string::npos) << bad.output;
+}
+
+TEST(Kagrid, BadInputIsRefusedAndNothingIsLost)
+{
+    katest::TempDir d;
+    katest::WriteFile(d / "ok.csv", "x,y,z\n0,0,1\n2,1,3\n1,2,2\n");
+    katest::WriteFile(d / "out.tif", "precious");
+    struct Case {
+        std::string args, expect;
+    };
+    const std::vector<Case> cases{
+        {"inverse-distance " + d / "missing.csv", "missing.csv"},
+        {"inverse-distance " + d / "ok.csv --set pwer=2", "pwer: unknown parameter"},
+        {"inverse-distance " + d / "ok.csv --set sectorCount=0", "invalid parameter sectorCount"},
+        {"inverse-distance " + d / "ok.csv --set tolerance=-1", "invalid parameter tolerance"},
+        {"no-such-method " + d / "ok.csv", "unknown method 'no-such-method'"},
+    };
+    for (const Case& c : cases) {
+        const auto r = Kagrid(c.args + " " + d / "out.tif -q");
+        EXPECT_NE(r.status, 0) << c.args;
+        EXPECT_NE(r.output.find(c.expect), std::string::npos) << c.args << "\n" << r.output;
+        EXPECT_EQ(katest::ReadFile(d / "out.tif"), "precious") << c.args;
+    }
+    katest::WriteFile(d / "bad.csv", "x,y,z\n0,0,1\n2,oops,3\n");
+    const auto r = Kagrid("inverse-distance " + d / "bad.csv " + d / "new.tif -q");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.output.find("bad.csv:3"), std::string::npos) << r.output;
+    EXPECT_TRUE(NoStrayFiles(d, 3));  // ok.csv, out.tif, bad.csv: no new.tif, no temporary
+}
+
+TEST(Kagrid, ZeroHeightPointsNeedExplicitGeometry)
+{
+    katest::TempDir d;
+    katest::WriteFile(d / "line.csv", "x,y,z\n0,5,1\n10,5,2\n4,5,3\n");
+    const auto refused = Kagrid("moving-average " + d / "line.csv " + d / "o.tif -q");
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_NE(refused.output.find("zero width or height"), std::string::npos) << refused.output;
+    const auto ok = Kagrid("moving-average " + d / "line.csv " + d / "o.tif -q --set yMin=0 --set yMax=10 "
+                           "--set columnCount=11 --set rowCount=11 --set minInAll=1");
+    EXPECT_EQ(ok.status, 0) << ok.output;
+}
+
+TEST(Kagrid, SectorOutOfRangeStopsWithTheSample)
+{
+    katest::TempDir d;
+    // Due west of the top-row node (1, 1) and a hair below it.
+    katest::WriteFile(d / "p.csv", "x,y,z\n0,0.999999999999,5\n2,0,1\n");
+    const auto r = Kagrid("inverse-distance " + d / "p.csv " + d / "o.tif -q " + kOneSector +
+                          "--set minInAll=1 --set xMin=0 --set xMax=2 --set yMin=0 --set yMax=1 "
+                          "--set columnCount=3 --set rowCount=2 --set radius1=5 --set radius2=5");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.output.find("sector index out of range"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("(0, 0.99999999999"), std::string::npos) << r.output;
+    EXPECT_FALSE(fs::exists(d / "o.tif"));
+}
+
+TEST(Kagrid, MethodsListEveryKeyAndPreviewIsWritten)
+{
+    const auto m = Kagrid("methods");
+    ASSERT_EQ(m.status, 0);
+    for (const char* key : {"inverse-distance", "nearest-neighbor", "moving-average", "power", "smoothing",
+                            "anisotropyRatio", "sectorCount", "maxFromEach", "ellipseAngle", "tolerance"})
+        EXPECT_NE(m.output.find(key), std::string::npos) << key;
+
+    katest::TempDir d;
+    const std::string sample = std::string(KA_SOURCE_DIR) + "/data/sample_points.csv";
+    const auto r = Kagrid("inverse-distance " + sample + " " + d / "s.tif --preview " + d / "s.png");
+    ASSERT_EQ(r.status, 0) << r.output;
+    EXPECT_GT(fs::file_size(d / "s.png"), 1000u);
+    EXPECT_NE(r.output.find("Estimat"), std::string::npos);  // progress on stderr
+}
