@@ -3,6 +3,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -21,6 +22,7 @@
 #include "apps/kagrid/io/KaRasterIo.h"
 #include "apps/kagrid/KaProgress.h"
 #include "core/KaRecordFill.h"
+#include "methods/KaEstDataMetrics.h"
 #include "methods/KaMethodRegistry.h"
 #include "platform/kadata/KaDelaunayTriangle.h"
 #include "search/KaEstGridSearcher.h"
@@ -105,20 +107,52 @@ Options ParseArguments(int argc, char** argv)
     return o;
 }
 
+void PrintFields(const std::vector<KaFieldDescription>& fields, const std::set<std::string>& skip)
+{
+    for (const KaFieldDescription& f : fields)
+        if (!skip.count(f.key))
+            std::printf("    %-22s %s, default %s\n%28s%s\n", f.key.c_str(), f.type.c_str(), f.defaultValue.c_str(), "",
+                        f.help.c_str());
+}
+
+std::set<std::string> Keys(const std::vector<KaFieldDescription>& fields)
+{
+    std::set<std::string> keys;
+    for (const KaFieldDescription& f : fields) keys.insert(f.key);
+    return keys;
+}
+
 void ListMethods()
 {
+    KaEstimatorGridParam base;
+    KaEstGridSearcherParam search;
+    const auto baseFields = DescribeFields(base);
+    const auto searchFields = DescribeFields(search);
+    std::set<std::string> common = Keys(baseFields), searchKeys = Keys(searchFields);
+
+    std::printf("Parameters of every method (geometry is filled from the input first):\n");
+    PrintFields(baseFields, {});
+    std::printf("\nSearch parameters of the searching methods (caps, minimum and radii are filled from\n"
+                "the input first):\n");
+    PrintFields(searchFields, common);
+    std::printf("\nMethods and their own parameters:\n");
     for (const KaMethodInfo& m : KaMethods()) {
-        std::printf("%s  (%s; output name suffix \"%s\")\n", m.key, m.title, m.suffix);
         auto record = m.makeParam();
-        for (const KaFieldDescription& f : DescribeFields(*record))
-            std::printf("    %-22s %-26s default %-12s %s\n", f.key.c_str(), ("[" + f.type + "]").c_str(),
-                        f.defaultValue.c_str(), f.help.c_str());
-        std::printf("\n");
+        const auto fields = DescribeFields(*record);
+        const std::set<std::string> keys = Keys(fields);
+        const bool searching = std::includes(keys.begin(), keys.end(), searchKeys.begin(), searchKeys.end());
+        std::printf("\n%s: %s (output name suffix \"%s\"%s)\n", m.key, m.title, m.suffix,
+                    searching ? ", searching" : "");
+        std::set<std::string> skip = searching ? searchKeys : common;
+        PrintFields(fields, skip);
+        if (std::string_view(m.key) == "data-metrics") {
+            std::printf("    metrics:\n");
+            const auto names = KaDataMetricNames();
+            for (std::size_t i = 0; i < names.size(); ++i)
+                std::printf("      %-20s %s\n", names[i], KaDataMetricDescription(static_cast<int>(i)));
+        }
     }
-    std::printf(
-        "Geometry (xMin .. rowCount), originalInvalidValue and, for searching methods, the search\n"
-        "caps, minimum and radii are first filled from the input as the method's dialog does;\n"
-        "the defaults above are the record's own. Use --print-params to see the effective values.\n");
+    std::printf("\nUse --print-params to see the effective values for an input.\n");
 }
 
 // The mesh file: --mesh, or the Delaunay object's name beside the output.
