@@ -220,17 +220,19 @@ TEST(KaRasterIo, RoundTripKeepsLatticeValuesAndBlankExactly)
         EXPECT_EQ(b.zMax, hi);
         EXPECT_TRUE(b.limit.IsLimitValid());
     }
-    // Formats without the exact lattice in the file still keep the values.
-    for (const char* name : {"grid.asc", "grid.img", "grid.nc"}) {
+    // Formats without the exact lattice in the file still keep the values;
+    // ENVI (data, header and side file) goes through the driver's rename.
+    for (auto [name, format] : {std::pair{"grid.asc", ""}, {"grid.img", ""}, {"grid.nc", ""}, {"grid.bin", "ENVI"}}) {
         SCOPED_TRACE(name);
         auto s = MakeSurface(6, 4, -1);
-        WriteSurface(*s, dir / name);
+        WriteSurface(*s, dir / name, format);
         auto back = ReadRasterSurface(dir / name);
         EXPECT_NEAR(back->GetSurfaceObjInfo().xMax, s->GetSurfaceObjInfo().xMax, 1e-9);
         EXPECT_NEAR(back->GetSurfaceObjInfo().yMin, s->GetSurfaceObjInfo().yMin, 1e-9);
         EXPECT_EQ(std::memcmp(back->GridData().data, s->GridData().data, s->GridData().Size() * 8), 0);
     }
-    EXPECT_EQ(Entries(dir.path), (std::set<std::string>{"grid.tif", "grid.asc", "grid.img", "grid.nc"}));
+    EXPECT_EQ(Entries(dir.path), (std::set<std::string>{"grid.tif", "grid.asc", "grid.img", "grid.nc", "grid.bin",
+                                                         "grid.hdr", "grid.bin.aux.xml"}));
 }
 
 TEST(KaRasterIo, WrittenRasterIsNorthUpWithNodesAtPixelCentres)

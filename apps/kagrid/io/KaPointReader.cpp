@@ -192,10 +192,9 @@ std::vector<Ka3DPoint> ReadTextPoints(const std::string& path, const KaPointColu
                                             kRoles[k] + " in the header");
                     choice[k].index = f;
                 }
-                for (const ColumnChoice& c : choice) needed = std::max(needed, c.index + 1);
-                continue;
             }
             for (const ColumnChoice& c : choice) needed = std::max(needed, c.index + 1);
+            if (header) continue;
         }
 
         if (fields.size() < needed)
