@@ -23,29 +23,32 @@ std::unique_ptr<KaEstimatorGrid> Estimator() { return std::make_unique<T>(); }
 template <typename T>
 std::unique_ptr<KaGridJob> Job(KaJobObserver* observer) { return std::make_unique<T>(observer); }
 
+// In the order of the host menu's slots.
 const KaMethodInfo kMethods[] = {
     {"kriging", "Kriging", "_Krig", Param<KaEstKrigParam>, Estimator<KaEstKrig>},
+    {"linear-kriging", "Kriging", "_Krig", Param<KaEstKrigingParam>, Estimator<KaEstKriging>},
     {"inverse-distance", "Inverse Distance to a Power", "_Inverse",
      Param<KaEstInverseDistanceParam>, Estimator<KaEstInverseDistance>},
     {"nearest-neighbor", "Nearest Neighbor", "_Near",
      Param<KaEstNearestNeighborParam>, Estimator<KaEstNearestNeighbor>},
-    {"triangulation", "Triangulation with Linear Interpolation", "_GridTri",
-     Param<KaEstLinearTriangulationParam>, Estimator<KaEstLinearTriangulation>, Job<KaTriangulationJob>},
     {"moving-average", "Arithmetic Mean", "_Mean",
      Param<KaEstMovingAverageParam>, Estimator<KaEstMovingAverage>},
     {"modified-shepard", "Modified Shepard's Method", "_shepard",
      Param<KaEstModifiedShepardParam>, Estimator<KaEstModifiedShepard>},
     {"data-metrics", "Data Metrics", "_Metrics",
      Param<KaEstDataMetricsParam>, Estimator<KaEstDataMetrics>},
+    {"radial-basis", "Radial Basis Function", "_Radial",
+     Param<KaEstRadialBasisParam>, Estimator<KaEstRadialBasis>},
     {"polynomial-regression", "Polynomial Regression", "_Poly",
-     Param<KaEstPolynomialRegressionParam>, Estimator<KaEstPolynomialRegression>},
+     Param<KaEstPolynomialRegressionParam>, Estimator<KaEstPolynomialRegression>, nullptr,
+     "a shell in this release: every node of its grid is blank"},
     {"local-polynomial", "Local Polynomial", "_Poly",
      Param<KaEstLocalPolynomialParam>, Estimator<KaEstLocalPolynomial>},
     {"minimum-curvature", "Minimum Curvature", "_Curvature",
-     Param<KaEstMinCurvatureParam>, Estimator<KaEstMinCurvature>},
-    {"linear-kriging", "Kriging", "_Krig", Param<KaEstKrigingParam>, Estimator<KaEstKriging>},
-    {"radial-basis", "Radial Basis Function", "_Radial",
-     Param<KaEstRadialBasisParam>, Estimator<KaEstRadialBasis>},
+     Param<KaEstMinCurvatureParam>, Estimator<KaEstMinCurvature>, nullptr,
+     "a shell in this release: its gridding job ends without a surface"},
+    {"triangulation", "Triangulation with Linear Interpolation", "_GridTri",
+     Param<KaEstLinearTriangulationParam>, Estimator<KaEstLinearTriangulation>, Job<KaTriangulationJob>},
 };
 
 }  // namespace

@@ -16,6 +16,7 @@ struct KaMethodInfo {
     std::unique_ptr<KaEstimatorGrid> (*makeEstimator)();
     // The job that drives the estimator; null means the row-by-row KaGridJob.
     std::unique_ptr<KaGridJob> (*makeJob)(KaJobObserver* observer) = nullptr;
+    const char* note = nullptr;  // what a user should know first, e.g. that it is a shell
 };
 
 // Every method, in menu order.

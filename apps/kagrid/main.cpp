@@ -143,6 +143,7 @@ void ListMethods()
         const bool searching = std::includes(keys.begin(), keys.end(), searchKeys.begin(), searchKeys.end());
         std::printf("\n%s: %s (output name suffix \"%s\"%s)\n", m.key, m.title, m.suffix,
                     searching ? ", searching" : "");
+        if (m.note) std::printf("    (%s)\n", m.note);
         std::set<std::string> skip = searching ? searchKeys : common;
         PrintFields(fields, skip);
         if (std::string_view(m.key) == "data-metrics") {
@@ -227,6 +228,7 @@ int Run(const Options& o)
     if (!surface) {
         std::string reason = job->FailureReason();
         if (reason.empty()) reason = "the gridding job ended without a surface";
+        if (method->note) reason = std::string(method->note) + " (" + reason + ")";
         throw std::runtime_error(std::string(method->key) + ": " + reason + "; nothing was written");
     }
 
