@@ -33,10 +33,21 @@ std::string KaEstLinearTriangulationParam::DelaunayObjectName() const
 
 double KaEstLinearTriangulation::EstimateNode(double, double) { return BlankValue(); }
 
+void KaEstLinearTriangulation::SetParam(std::unique_ptr<KaEstimatorGridParam> param)
+{
+    KaEstimatorGrid::SetParam(std::move(param));
+    // checked once here rather than for each of millions of triangles
+    typed_ = dynamic_cast<const KaEstLinearTriangulationParam*>(GetParam());
+}
+
 void KaEstLinearTriangulation::SetOutputGrid(KaSurface* grid)
 {
     grid_ = grid;
-    geometry_ = grid ? &grid->GetSurfaceObjInfo() : nullptr;
+    geometry_.reset();
+    if (grid) {
+        const KaSurfaceObjInfo& g = grid->GetSurfaceObjInfo();
+        geometry_ = Geometry{g.xMin, g.yMin, g.GetDx(), g.GetDy(), g.columnCount, g.rowCount};
+    }
 }
 
 namespace {
@@ -54,10 +65,8 @@ double SquaredLength(const Ka3DVertex& a, const Ka3DVertex& b, bool withZ)
     return s;
 }
 
-}  // namespace
-
-bool KaEstLinearTriangulation::PointInTriangle(double px, double py, double ax, double ay, double bx,
-                                               double by, double cx, double cy)
+// Inlined into the rasteriser's node loop.
+inline bool InTriangle(double px, double py, double ax, double ay, double bx, double by, double cx, double cy)
 {
     if (std::fabs(px - ax) < 1e-20 && std::fabs(py - ay) < 1e-20) return true;
     if (std::fabs(px - bx) < 1e-20 && std::fabs(py - by) < 1e-20) return true;
@@ -73,11 +82,19 @@ bool KaEstLinearTriangulation::PointInTriangle(double px, double py, double ax, 
     return false;
 }
 
+}  // namespace
+
+bool KaEstLinearTriangulation::PointInTriangle(double px, double py, double ax, double ay, double bx,
+                                               double by, double cx, double cy)
+{
+    return InTriangle(px, py, ax, ay, bx, by, cx, cy);
+}
+
 bool KaEstLinearTriangulation::RasterizeTriangle(const Ka3DTriangle& t, KaTDataMatrix2D<double>& matrix) const
 {
-    const auto* p = dynamic_cast<const KaEstLinearTriangulationParam*>(GetParam());
+    const KaEstLinearTriangulationParam* p = typed_;
     if (!p || !geometry_) return false;
-    const KaSurfaceObjInfo& g = *geometry_;
+    const Geometry& g = *geometry_;
     if (matrix.IsEmpty() || matrix.columnCount != g.columnCount || matrix.rowCount != g.rowCount) return false;
     const Ka3DVertex &v0 = t.v[0], &v1 = t.v[1], &v2 = t.v[2];
 
@@ -92,7 +109,7 @@ bool KaEstLinearTriangulation::RasterizeTriangle(const Ka3DTriangle& t, KaTDataM
 
     const double xMin = std::min({v0.x, v1.x, v2.x}), xMax = std::max({v0.x, v1.x, v2.x});
     const double yMin = std::min({v0.y, v1.y, v2.y}), yMax = std::max({v0.y, v1.y, v2.y});
-    const double x0 = g.xMin, y0 = g.yMin, dx = g.GetDx(), dy = g.GetDy();
+    const double x0 = g.x0, y0 = g.y0, dx = g.dx, dy = g.dy;
     if (!(dx > 0) || !(dy > 0)) return false;
 
     // Node ranges truncate toward zero, so a box starting less than one spacing
@@ -119,7 +136,7 @@ bool KaEstLinearTriangulation::RasterizeTriangle(const Ka3DTriangle& t, KaTDataM
         double* row = matrix.data + static_cast<std::size_t>(j) * matrix.columnCount;
         for (int64_t i = i0; i <= i1; ++i) {
             const double x = x0 + i * dx;
-            if (PointInTriangle(x, y, v0.x, v0.y, v1.x, v1.y, v2.x, v2.y))
+            if (InTriangle(x, y, v0.x, v0.y, v1.x, v1.y, v2.x, v2.y))
                 row[i] = -(a * x + b * y + d) / c;
         }
     }

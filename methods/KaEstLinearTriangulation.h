@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string>
 
 #include "core/KaEstimatorGrid.h"
@@ -31,9 +33,10 @@ public:
 class KaEstLinearTriangulation : public KaEstimatorGrid {
 public:
     double EstimateNode(double x, double y) override;
+    void SetParam(std::unique_ptr<KaEstimatorGridParam> param) override;
 
-    // The grid the triangles are drawn into; its lattice gives the node
-    // positions. Null clears it.
+    // The grid the triangles are drawn into; its lattice (origin, spacing,
+    // counts) is read here and gives the node positions. Null clears it.
     void SetOutputGrid(KaSurface* grid);
     KaSurface* GetOutputGrid() const { return grid_; }
 
@@ -50,6 +53,11 @@ public:
                                 double cx, double cy);
 
 private:
+    const KaEstLinearTriangulationParam* typed_ = nullptr;  // the record, when of this kind
     KaSurface* grid_ = nullptr;
-    const KaSurfaceObjInfo* geometry_ = nullptr;
+    struct Geometry {
+        double x0, y0, dx, dy;
+        uint32_t columnCount, rowCount;
+    };
+    std::optional<Geometry> geometry_;
 };
