@@ -55,14 +55,19 @@ struct QuietErrors {
     QuietErrors& operator=(const QuietErrors&) = delete;
 };
 
-void WriteFeatures(GDALDriver* driver, const KaDelaunayTriangle& mesh, const std::string& tmp,
+void WriteFeatures(GDALDriver* driver, bool shape, const KaDelaunayTriangle& mesh, const std::string& tmp,
                    const std::string& path, const std::string& layerName)
 {
     QuietErrors quiet;
     CPLErrorReset();
     Dataset ds(driver->Create(tmp.c_str(), 0, 0, 0, GDT_Unknown, nullptr));
     if (!ds) Throw(path, "cannot create the file");
-    OGRLayer* layer = ds->CreateLayer(layerName.c_str(), nullptr, wkbPolygon25D, nullptr);
+    // No spatial index in a GeoPackage: building its R-tree costs several
+    // times the rest of the write for a large mesh; a reader that wants one
+    // can add it (SELECT CreateSpatialIndex('layer', 'geom')).
+    char** options = shape ? nullptr : CSLSetNameValue(nullptr, "SPATIAL_INDEX", "NO");
+    OGRLayer* layer = ds->CreateLayer(layerName.c_str(), nullptr, wkbPolygon25D, options);
+    CSLDestroy(options);
     if (!layer) Throw(path, "cannot create the layer");
     for (const char* name : {"z0", "z1", "z2"}) {
         OGRFieldDefn field(name, OFTReal);
@@ -135,7 +140,7 @@ void WriteTriangleMesh(const KaDelaunayTriangle& mesh, const std::string& path)
     };
     removeTemporary();
     try {
-        WriteFeatures(driver, mesh, tmp.string(), path, layerName);
+        WriteFeatures(driver, shape, mesh, tmp.string(), path, layerName);
         std::error_code ec;
         if (shape) {
             for (const char* part : kShapeParts) {

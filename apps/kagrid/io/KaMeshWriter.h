@@ -9,7 +9,8 @@ class KaDelaunayTriangle;
 // in the triangle's sorted vertex order). The format follows the extension:
 // ".shp" gives a Shapefile, anything else a GeoPackage (".gpkg"). The layer is
 // named after the mesh (or the file when the mesh has no name). A mesh without
-// triangles gives an empty layer.
+// triangles gives an empty layer. A GeoPackage gets no spatial index: for a
+// large mesh its R-tree would cost several times the rest of the write.
 //
 // The file is written under a temporary name in the same directory and renamed
 // when complete, so a failed or interrupted write never leaves a partial file
