@@ -11,7 +11,8 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/deps.sh"
 command -v /usr/bin/time > /dev/null || apt-get install -y -qq time
 dpkg-query -W python3-scipy > /dev/null 2>&1 || apt-get install -y -qq python3-scipy
-"$root/scripts/build.sh" "$root/build" > /dev/null
+cmake -S "$root" -B "$root/build" -G Ninja > /dev/null
+cmake --build "$root/build" --target kagrid > /dev/null
 kagrid="$root/build/kagrid"
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -28,8 +29,13 @@ PY
 
 grid=(--set xMin=0.0005 --set xMax=0.9995 --set yMin=0.0005 --set yMax=0.9995
       --set columnCount=1000 --set rowCount=1000 --set tolerance=1e-9 -q)
-gdal=(-txe 0 1 -tye 0 1 -outsize 1000 1000 -ot Float64 -of GTiff -q
-      -oo X_POSSIBLE_NAMES=x -oo Y_POSSIBLE_NAMES=y -zfield z -l points)
+gdal=(-txe 0 1 -tye 0 1 -outsize 1000 1000 -ot Float64 -of GTiff -q -zfield z -l points)
+cat > "$work/points.vrt" <<VRT
+<OGRVRTDataSource><OGRVRTLayer name="points"><SrcDataSource>$work/points.csv</SrcDataSource>
+<SrcLayer>points</SrcLayer><GeometryType>wkbPoint</GeometryType>
+<GeometryField encoding="PointFromColumns" x="x" y="y"/>
+<Field name="z" type="Real"/></OGRVRTLayer></OGRVRTDataSource>
+VRT
 
 # run NAME COMMAND...: prints "seconds peak_kib" into $work/NAME.t
 run() {
@@ -57,11 +63,11 @@ run kagrid_mean "$kagrid" moving-average "$work/points.csv" "$work/k_mean.tif" "
 
 export GDAL_NUM_THREADS=1
 run gdal_invdistnn gdal_grid -a invdistnn:power=2:smoothing=0:radius=0.02:max_points=16:min_points=0:nodata=-9999 \
-  "${gdal[@]}" "$work/points.csv" "$work/g_idw.tif"
+  "${gdal[@]}" "$work/points.vrt" "$work/g_idw.tif"
 run gdal_nearest gdal_grid -a nearest:radius1=0.02:radius2=0.02:nodata=-9999 \
-  "${gdal[@]}" "$work/points.csv" "$work/g_near.tif"
+  "${gdal[@]}" "$work/points.vrt" "$work/g_near.tif"
 run gdal_average gdal_grid -a average:radius1=0.02:radius2=0.02:min_points=1:nodata=-9999 \
-  "${gdal[@]}" "$work/points.csv" "$work/g_mean.tif"
+  "${gdal[@]}" "$work/points.vrt" "$work/g_mean.tif"
 
 cat > "$work/kdtree.py" <<'PY'
 import sys, numpy as np

@@ -104,7 +104,7 @@ double KaAnisotropy::MatrixForm(double dx, double dy, double dz) const
     return sum;
 }
 
-double KaAnisotropy::SquaredDistance(double dx, double dy, double dz) const
+double KaAnisotropy::TransformedSquaredDistance(double dx, double dy, double dz) const
 {
     if (dirty_) UpdateRotation();
     if (!isAnisotropic_) return dx * dx + dy * dy + dz * dz;

@@ -24,7 +24,12 @@ public:
     void SetAnisotropy(double angle1, double angle2, double angle3, double ratio1, double ratio2);
 
     // The anisotropic squared length of (dx, dy, dz); 2D callers pass dz = 0.
-    double SquaredDistance(double dx, double dy, double dz) const;
+    double SquaredDistance(double dx, double dy, double dz) const
+    {
+        // The plain path inline: it is what nearly every caller takes.
+        if (!dirty_ && !isAnisotropic_) return dx * dx + dy * dy + dz * dz;
+        return TransformedSquaredDistance(dx, dy, dz);
+    }
 
     double Angle1() const { return angle1_; }
     double Angle2() const { return angle2_; }
@@ -39,6 +44,7 @@ public:
     const double* Rotation() const { return rotation_.get(); }
 
 private:
+    double TransformedSquaredDistance(double dx, double dy, double dz) const;
     void UpdateRotation() const;
     double MatrixForm(double dx, double dy, double dz) const;
 

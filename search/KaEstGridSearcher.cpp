@@ -40,7 +40,7 @@ struct KaEstGridSearcher::Context {
     bool stopAtCoincident;
     // Shortcuts that give the same answers as the full test (see KaSectorTable).
     bool circle;
-    double rimIn, rimOut;
+    double rimIn2, rimOut2;  // squared radius less and more a margin
     const KaSectorTable* table;
 };
 
@@ -71,6 +71,10 @@ void KaEstGridSearcher::ClearSearchGrid()
     offsets_.shrink_to_fit();
     samplesByBucket_.clear();
     samplesByBucket_.shrink_to_fit();
+    columnOffsets_.clear();
+    columnOffsets_.shrink_to_fit();
+    samplesByColumn_.clear();
+    samplesByColumn_.shrink_to_fit();
 }
 
 KaSampleList* KaEstGridSearcher::SetSampleList(KaSampleList* samples)
@@ -136,35 +140,50 @@ void KaEstGridSearcher::BuildSearchGrid(KaSampleList* samples)
     std::vector<uint32_t> next(offsets_.begin(), offsets_.end() - 1);
     std::size_t i = 0;
     for (const KaSample& s : *samples) samplesByBucket_[next[bucketOf[i++]]++] = s.point;
+
+    // The same samples column by column, so that a column edge of a ring is one
+    // contiguous run too (bucket order and sample order kept).
+    const std::size_t nc = static_cast<std::size_t>(g.columnCount), nr = static_cast<std::size_t>(g.rowCount);
+    columnOffsets_.assign(buckets + 1, 0);
+    for (std::size_t c = 0; c < nc; ++c)
+        for (std::size_t r = 0; r < nr; ++r)
+            columnOffsets_[c * nr + r + 1] = offsets_[r * nc + c + 1] - offsets_[r * nc + c];
+    for (std::size_t b = 0; b < buckets; ++b) columnOffsets_[b + 1] += columnOffsets_[b];
+    samplesByColumn_.resize(samples->size());
+    for (std::size_t c = 0; c < nc; ++c)
+        for (std::size_t r = 0; r < nr; ++r) {
+            const std::size_t b = r * nc + c;
+            std::copy(samplesByBucket_.begin() + offsets_[b], samplesByBucket_.begin() + offsets_[b + 1],
+                      samplesByColumn_.begin() + columnOffsets_[c * nr + r]);
+        }
     grid_ = g;
 }
 
-KaEstGridSearcher::Visit KaEstGridSearcher::VisitCell(int64_t bucket, const Context& ctx,
-                                                     KaNeighbours& result)
+KaEstGridSearcher::Visit KaEstGridSearcher::VisitSamples(const Ka3DPoint* begin, const Ka3DPoint* end,
+                                                        const Context& ctx, KaNeighbours& result)
 {
-    if (bucket < 0 || static_cast<std::size_t>(bucket) >= BucketCount()) return Visit::Continue;
-    const Ka3DPoint* end = BucketEnd(bucket);
-    for (const Ka3DPoint* s = BucketBegin(bucket); s != end; ++s) {
+    for (const Ka3DPoint* s = begin; s != end; ++s) {
         if (std::fabs(s->z - ctx.invalid) < 1e-20) continue;
-        const double ex = ctx.x - s->x, ey = ctx.y - s->y;
+        const double dx = s->x - ctx.x, dy = s->y - ctx.y;
+        const double dist2 = dx * dx + dy * dy;  // (x - sx)^2 + (y - sy)^2 to the last bit
         int64_t sector;
-        if (ex * ex + ey * ey <= ctx.tol2) {
+        if (dist2 <= ctx.tol2) {
             if (ctx.stopAtCoincident) {
                 result.assign(1, *s);
                 return Visit::Finished;
             }
             sector = 0;
         } else {
-            const double dx = s->x - ctx.x, dy = s->y - ctx.y;
-            const double dist = std::sqrt(dx * dx + dy * dy);
             sector = -1;
             if (ctx.circle) {
                 // The ellipse radius of a circle is its radius to a few ulps:
                 // only samples right at the rim need the exact test.
-                if (dist > ctx.rimOut) continue;
-                if (dist < ctx.rimIn && ctx.table) sector = ctx.table->Lookup(dx / dist, dy < 0);
+                if (dist2 > ctx.rimOut2) continue;
+                if (dist2 < ctx.rimIn2 && dist2 > 1e-200 && ctx.table)
+                    sector = ctx.table->Lookup(dx, dist2, dy < 0);
             }
             if (sector < 0) {
+                const double dist = std::sqrt(dist2);
                 double theta;
                 const double idx = KaSectorIndex(dx, dy, dist, ctx.sectorCount, ctx.ellipseAngle, &theta);
                 // kept: sin and cos take the angle in degrees as if it were radians
@@ -201,7 +220,7 @@ bool KaEstGridSearcher::Search(double x, double y, KaNeighbours& result, bool st
     const Context ctx{x, y, p->tolerance * p->tolerance, p->originalInvalidValue,
                       p->radius1, p->radius2, p->ellipseAngle, p->sectorCount,
                       p->maxFromEach, stopAtCoincident,
-                      circle, p->radius1 * (1 - 1e-9), p->radius1 * (1 + 1e-9),
+                      circle, p->radius1 * p->radius1 * (1 - 2e-9), p->radius1 * p->radius1 * (1 + 3e-9),
                       tableReady ? &sectorTable_ : nullptr};
 
     // kept: the node cell is found by plain division, not by the formula that
@@ -230,7 +249,9 @@ bool KaEstGridSearcher::Search(double x, double y, KaNeighbours& result, bool st
         int64_t r0 = std::max<int64_t>(cy - k, 0), r1 = std::min<int64_t>(cy + k, rows - 1);
         const int64_t rect[4] = {c0, c1, r0, r1};
         if (c0 == c1 && r0 == r1) {
-            if (VisitCell(cols * r0 + c0, ctx, result) == Visit::Finished) return true;
+            if (0 <= c0 && c0 < cols && 0 <= r0 && r0 < rows &&
+                VisitRow(r0, c0, c0 + 1, ctx, result) == Visit::Finished)
+                return true;
         } else {
             if (c0 == c1 && c1 == 0) c1 = 1;
             if (r0 == r1 && r1 == 0) r1 = 1;
@@ -238,16 +259,12 @@ bool KaEstGridSearcher::Search(double x, double y, KaNeighbours& result, bool st
             const bool colEdges = 0 <= r0 && r0 < rows - 1 && 0 < r1 && r1 <= rows - 1;
             // kept: the corner cells (r0, c1) and (r1, c1) are never visited
             if (rowEdges) {
-                for (int64_t c = c0; c < c1; ++c)
-                    if (VisitCell(cols * r0 + c, ctx, result) == Visit::Finished) return true;
-                for (int64_t c = c0; c < c1; ++c)
-                    if (VisitCell(cols * r1 + c, ctx, result) == Visit::Finished) return true;
+                if (r0 < rows && VisitRow(r0, c0, c1, ctx, result) == Visit::Finished) return true;
+                if (r1 >= 0 && VisitRow(r1, c0, c1, ctx, result) == Visit::Finished) return true;
             }
             if (colEdges) {
-                for (int64_t r = r0 + 1; r < r1; ++r)
-                    if (VisitCell(cols * r + c0, ctx, result) == Visit::Finished) return true;
-                for (int64_t r = r0 + 1; r < r1; ++r)
-                    if (VisitCell(cols * r + c1, ctx, result) == Visit::Finished) return true;
+                if (c0 < cols && VisitColumn(c0, r0 + 1, r1, ctx, result) == Visit::Finished) return true;
+                if (c1 >= 0 && VisitColumn(c1, r0 + 1, r1, ctx, result) == Visit::Finished) return true;
             }
         }
         std::size_t total = 0;

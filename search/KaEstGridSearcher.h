@@ -39,8 +39,10 @@ struct KaSearchGridInfo {
 // output grid plus a margin, and selects a node's neighbours ring by ring.
 //
 // The buckets are stored compactly: one flat sample array ordered by bucket
-// (sample order kept inside each bucket) and one offset array, so a large output
-// grid costs four bytes of bookkeeping per bucket.
+// (sample order kept inside each bucket) and one offset array, row-major, plus
+// the same column-major, so that every edge of a search ring is one contiguous
+// run of samples. A large output grid costs eight bytes of bookkeeping per
+// bucket.
 class KaEstGridSearcher : public KaEstimatorGrid {
 public:
     static constexpr uint32_t marginCells = 5;
@@ -79,11 +81,28 @@ private:
     struct Context;
 
     void BuildSearchGrid(KaSampleList* samples);
-    Visit VisitCell(int64_t bucket, const Context& ctx, KaNeighbours& result);
+    // Offers samples to the sector lists in order; Finished on a coincident
+    // sample when the search stops there.
+    Visit VisitSamples(const Ka3DPoint* begin, const Ka3DPoint* end, const Context& ctx, KaNeighbours& result);
+    // Cells [c0, c1) of row r, and cells [r0, r1) of column c, in that order.
+    Visit VisitRow(int64_t r, int64_t c0, int64_t c1, const Context& ctx, KaNeighbours& result)
+    {
+        const std::size_t b = static_cast<std::size_t>(r) * grid_.columnCount;
+        return VisitSamples(samplesByBucket_.data() + offsets_[b + c0], samplesByBucket_.data() + offsets_[b + c1],
+                            ctx, result);
+    }
+    Visit VisitColumn(int64_t c, int64_t r0, int64_t r1, const Context& ctx, KaNeighbours& result)
+    {
+        const std::size_t b = static_cast<std::size_t>(c) * grid_.rowCount;
+        return VisitSamples(samplesByColumn_.data() + columnOffsets_[b + r0],
+                            samplesByColumn_.data() + columnOffsets_[b + r1], ctx, result);
+    }
 
     KaSearchGridInfo grid_;
     std::vector<uint32_t> offsets_;          // bucket b holds [offsets_[b], offsets_[b+1])
     std::vector<Ka3DPoint> samplesByBucket_;
+    std::vector<uint32_t> columnOffsets_;    // the same, column-major: column c, row r at c * rows + r
+    std::vector<Ka3DPoint> samplesByColumn_;
     // Working sector lists, emptied at the start of every search; one searcher
     // serves one job, so reusing them only saves allocations.
     std::vector<std::vector<Ka3DPoint>> sectors_;

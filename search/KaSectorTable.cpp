@@ -31,14 +31,21 @@ bool KaSectorTable::Prepare(int32_t sectorCount, double ellipseAngle)
         const double lo = sectorCount * (base - ellipseAngle) / 360;
         const double hi = sectorCount * (base + 180.0000003 - ellipseAngle) / 360;
         for (double k = std::floor(lo); k <= std::ceil(hi); k += 1) {
+            if (k == 0) continue;  // truncation toward zero gives 0 on both sides of 0
             const double a = 360 * k / sectorCount + ellipseAngle - base;
             if (a > -1e-6 && a < 180.0000003) steps.push_back(a);
         }
         std::sort(steps.begin(), steps.end());
         Half& half = halves_[h];
-        half.cuts.clear();
-        half.sectors.clear();
-        for (double a : steps) half.cuts.push_back(std::cos(std::clamp(a, 0.0, 180.0) * 3.14159265 / 180));
+        half = Half{};
+        for (double a : steps) {
+            const double c = std::cos(std::clamp(a, 0.0, 180.0) * 3.14159265 / 180);
+            half.cuts.push_back(c);
+            half.above.push_back(c + kMargin);
+            half.above2.push_back((c + kMargin) * (c + kMargin));
+            half.below.push_back(c - kMargin);
+            half.below2.push_back((c - kMargin) * (c - kMargin));
+        }
         // The sector of each interval from a cosine in its middle, by the exact formula.
         std::vector<double> bounds{1.0};
         bounds.insert(bounds.end(), half.cuts.begin(), half.cuts.end());
@@ -49,6 +56,18 @@ bool KaSectorTable::Prepare(int32_t sectorCount, double ellipseAngle)
             half.sectors.push_back(idx > -1.0 && idx < sectorCount ? static_cast<int64_t>(idx) : -1);
         }
     }
+    // Both halves get the same number of cuts (padding with cuts below every
+    // cosine), so the lookup's loop runs alike on either side of the node.
+    const std::size_t n = std::max(halves_[0].cuts.size(), halves_[1].cuts.size());
+    for (Half& half : halves_)
+        while (half.cuts.size() < n) {
+            half.cuts.push_back(-2.0);
+            half.above.push_back(-2.0 + kMargin);
+            half.above2.push_back((-2.0 + kMargin) * (-2.0 + kMargin));
+            half.below.push_back(-2.0 - kMargin);
+            half.below2.push_back((-2.0 - kMargin) * (-2.0 - kMargin));
+            half.sectors.push_back(-1);
+        }
     usable_ = true;
     return true;
 }

@@ -20,26 +20,39 @@ class KaSectorTable {
 public:
     // Returns true when the table can serve these settings (few enough steps).
     bool Prepare(int32_t sectorCount, double ellipseAngle);
-    // The sector for c = dx / dist in the lower (dy < 0) or upper half-plane,
-    // or -1 when only the exact computation can tell (near a step, an index
-    // out of range, or c not a number).
-    int64_t Lookup(double c, bool lower) const
+    // The sector for c = dx / dist, given dx and dist^2 > 0 (no square root or
+    // division needed), in the lower (dy < 0) or upper half-plane; -1 when
+    // only the exact computation can tell (near a step, or an index out of
+    // range).
+    int64_t Lookup(double dx, double dist2, bool lower) const
     {
-        if (!(c >= -1.0 && c <= 1.0)) return -1;  // also NaN
         const Half& h = halves_[lower ? 1 : 0];
         std::size_t i = 0;
         for (; i < h.cuts.size(); ++i) {
-            const double d = c - h.cuts[i];
-            if (!(d >= kMargin || d <= -kMargin)) return -1;
-            if (d > 0) break;
+            if (AtLeast(dx, dist2, h.above[i], h.above2[i])) break;      // c >= cut + margin
+            if (!AtMost(dx, dist2, h.below[i], h.below2[i])) return -1;  // within the margin
         }
         return h.sectors[i];
     }
 
 private:
     static constexpr double kMargin = 1e-9;
+    // c >= k and c <= k for c = dx / sqrt(dist2), by squares.
+    // Bitwise operators on purpose: no branch on the sample's side of the node.
+    static bool AtLeast(double dx, double dist2, double k, double k2)
+    {
+        const bool pos = dx >= 0, big = dx * dx >= k2 * dist2, small = dx * dx <= k2 * dist2;
+        return k >= 0 ? (pos & big) : (pos | small);
+    }
+    static bool AtMost(double dx, double dist2, double k, double k2)
+    {
+        const bool nonPos = dx <= 0, neg = dx < 0, big = dx * dx >= k2 * dist2, small = dx * dx <= k2 * dist2;
+        return k >= 0 ? (nonPos | small) : (neg & big);
+    }
+
     struct Half {
         std::vector<double> cuts;       // cosines of the steps, descending
+        std::vector<double> above, above2, below, below2;  // cut +- margin and their squares
         std::vector<int64_t> sectors;   // sector between cuts; -1 for out of range
     };
     Half halves_[2];

@@ -174,6 +174,8 @@ int Run(const Options& o)
     }
 
     KaPointColumns columns = o.columns;
+    // Vector files take z from the geometry unless a field is named.
+    if (!o.zColumnGiven && !LooksLikeTextPoints(o.input)) columns.z = "";
     std::unique_ptr<KaDataObject> input = ReadInput(o.input, columns);
 
     std::unique_ptr<KaEstimatorGridParam> record = method->makeParam();
