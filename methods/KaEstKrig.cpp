@@ -90,7 +90,8 @@ double KaEstKrig::EstimateNode(double x, double y)
     order_ = count_ + (p->krigType == 1 ? 1 : 0);
     if (!BuildMatrix(*p, neighbours_)) return p->blankValue;
     BuildRightHandSide(*p, x, y, neighbours_);
-    if (GaussJordanSolve(matrix_.data(), order_, weights_.data()) == 0) return p->blankValue;
+    // The solution alone: the per-node inverse is never read.
+    if (GaussJordanSolution(matrix_.data(), order_, weights_.data()) == 0) return p->blankValue;
     return Combine(*p, neighbours_);
 }
 

@@ -102,7 +102,8 @@ bool KaEstRadialBasis::BuildSystem(const KaNeighbours& nb)
 bool KaEstRadialBasis::Solve(int32_t count)
 {
     if (matrix_.empty() || values_.empty()) return false;
-    const int ok = GaussJordanSolve(matrix_.data(), count, values_.data());
+    // The solution alone: the per-node inverse is never read.
+    const int ok = GaussJordanSolution(matrix_.data(), count, values_.data());
     if (!constantCoefficients_.empty()) {
         double sum = 0.0;
         for (int32_t i = 0; i < count; ++i) sum += constantCoefficients_[i] * values_[i];

@@ -73,6 +73,12 @@ private:
 // n < 1 returns 1 and touches nothing.
 int GaussJordanSolve(double* a, int n, double* b);
 
+// The solution alone: the same pivots, the same arithmetic on every value that
+// reaches b, hence the same return value and bit for bit the same b as
+// GaussJordanSolve, in about half the work. `a` is left in an unspecified
+// state (no inverse). For the per-node solvers, which never read the inverse.
+int GaussJordanSolution(double* a, int n, double* b);
+
 // Crout LU decomposition with implicit (row-scaled) partial pivoting, in place.
 // False when a row's largest magnitude is below 1.5e-16; later near-zero
 // pivots are replaced by 1.5e-16 instead.

@@ -1,0 +1,128 @@
+#!/usr/bin/env bash
+# Local ordinary kriging and local radial basis interpolation of 10 000 random
+# points of the unit square to a 200 x 200 grid, side by side with R gstat
+# (krige, nmax = 32) and SciPy's RBFInterpolator (neighbors = 32) on the same
+# points and node positions.
+#
+# kagrid kriging: one Linear component (gamma = h), one sector, 16 to 32
+# neighbours; gstat: the same unbounded linear model, the 32 nearest points.
+# kagrid radial-basis: inverse multiquadric 1 / sqrt(1 + d^2), no polynomial
+# term, 16 to 32 neighbours; SciPy: kernel inverse_multiquadric, epsilon 1,
+# degree -1, the 32 nearest points.
+#
+# kagrid is timed as a whole process (reading, gridding, writing); the peers
+# only around their gridding call (their start-up, reading and writing are
+# left out), so the ratios are on the peers' side. Node positions: 200 nodes
+# from 0.0025 to 0.9975 (spacing 0.005) on both axes.
+#
+# KA_BUILD_DIR picks the build directory (default: build/ of the source tree).
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+build=${KA_BUILD_DIR:-$root/build}
+if [ "$(id -u)" -ne 0 ]; then SUDO=sudo; else SUDO=; fi
+need() {  # need PACKAGE...: installs the Debian packages that are missing
+  local missing=()
+  for p in "$@"; do
+    dpkg-query -W -f='${Status}' "$p" 2> /dev/null | grep -q "install ok installed" || missing+=("$p")
+  done
+  if ((${#missing[@]})); then
+    DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq "${missing[@]}" > /dev/null
+  fi
+}
+"$root/scripts/deps.sh"
+need r-cran-gstat python3-scipy time bc
+"$root/scripts/build.sh" "$build" > /dev/null
+kagrid="$build/kagrid"
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+PY=/usr/bin/python3
+export OMP_NUM_THREADS=1 OPENBLAS_NUM_THREADS=1 MKL_NUM_THREADS=1
+
+$PY - "$work/points.csv" <<'PY'
+import sys, numpy as np
+rng = np.random.default_rng(20261123)
+n = 10_000
+x, y = rng.random(n), rng.random(n)
+z = np.sin(6 * x) * np.cos(4 * y) + 0.3 * x
+np.savetxt(sys.argv[1], np.column_stack([x, y, z]), delimiter=",", header="x,y,z", comments="", fmt="%.9f")
+PY
+
+common=(--set xMin=0.0025 --set xMax=0.9975 --set yMin=0.0025 --set yMax=0.9975
+        --set columnCount=200 --set rowCount=200 --set tolerance=1e-9
+        --set sectorCount=1 --set blankSectors=1 --set minInAll=16 --set maxFromAll=32
+        --set maxFromEach=32 --set radius1=0.1 --set radius2=0.1 -of AAIGrid -q)
+
+# run NAME COMMAND...: wall seconds of the whole command into $work/NAME.t
+run() {
+  local name=$1; shift
+  /usr/bin/time -f "%e" -o "$work/$name.t" "$@" > "$work/$name.out" 2> "$work/$name.err" ||
+    { cat "$work/$name.err"; exit 1; }
+}
+
+run kagrid_krig "$kagrid" kriging "$work/points.csv" "$work/k_krig.asc" "${common[@]}" \
+  --set krigType=Ordinary \
+  --set 'variogram={"components": [{"model": "Linear", "sill": 1, "range": 1}]}'
+run kagrid_rbf "$kagrid" radial-basis "$work/points.csv" "$work/k_rbf.asc" "${common[@]}" \
+  --set basisFunction=0 --set r2Parameter=1
+
+cat > "$work/gstat.R" <<'R'
+suppressPackageStartupMessages({ library(sp); library(gstat) })
+a <- commandArgs(TRUE)
+d <- read.csv(a[1])
+coordinates(d) <- ~x + y
+g <- seq(0.0025, 0.9975, length.out = 200)
+nd <- expand.grid(x = g, y = g)  # x fastest: row-major from the minimum y
+coordinates(nd) <- ~x + y
+m <- vgm(psill = 1, model = "Lin", range = 0)  # unbounded: gamma = h
+t <- system.time(k <- krige(z ~ 1, d, nd, model = m, nmax = 32, debug.level = 0))[["elapsed"]]
+cat(t, "\n", file = a[3])
+write.table(k$var1.pred, a[2], row.names = FALSE, col.names = FALSE)
+R
+run gstat Rscript "$work/gstat.R" "$work/points.csv" "$work/g_krig.txt" "$work/gstat.inner"
+
+cat > "$work/rbf.py" <<'PY'
+import sys, time, warnings, numpy as np
+from scipy.interpolate import RBFInterpolator
+pts = np.loadtxt(sys.argv[1], delimiter=",", skiprows=1)
+g = np.linspace(0.0025, 0.9975, 200)
+gx, gy = np.meshgrid(g, g)
+q = np.column_stack([gx.ravel(), gy.ravel()])
+warnings.simplefilter("ignore")  # the flat kernel makes ill-conditioned local systems
+t0 = time.perf_counter()
+f = RBFInterpolator(pts[:, :2], pts[:, 2], neighbors=32, kernel="inverse_multiquadric",
+                    epsilon=1.0, degree=-1)
+out = f(q)
+t = time.perf_counter() - t0
+open(sys.argv[3], "w").write(f"{t}\n")
+np.savetxt(sys.argv[2], out)
+PY
+run scipy_rbf $PY "$work/rbf.py" "$work/points.csv" "$work/s_rbf.txt" "$work/scipy.inner"
+
+# Agreement: median and 99th percentile of |ours - peer| over the nodes both estimate.
+cat > "$work/compare.py" <<'PY'
+import sys, numpy as np
+def asc(path):
+    with open(path) as f:
+        head = [next(f) for _ in range(6)]
+    nodata = float(head[5].split()[1])
+    a = np.loadtxt(path, skiprows=6)[::-1].ravel()  # written from the top row
+    a[np.isclose(a, nodata)] = np.nan
+    return a
+ours, peer = asc(sys.argv[1]), np.loadtxt(sys.argv[2])
+d = np.abs(ours - peer)
+d = d[np.isfinite(d)]
+print(f"median |diff| {np.median(d):.2e}, 99th percentile {np.percentile(d, 99):.2e}, "
+      f"z range {np.nanmin(peer):.2f} .. {np.nanmax(peer):.2f}")
+PY
+
+t() { cat "$work/$1.t"; }
+inner() { tr -d ' \n' < "$work/$1.inner"; }
+echo "10 000 points -> 200 x 200 nodes, single-threaded (ratio = peer time / kagrid time)"
+printf "%-40s %8.2f s\n" "kagrid kriging (whole run)" "$(t kagrid_krig)"
+printf "%-40s %8.2f s   (whole run %.2f s)\n" "R gstat krige nmax=32 (call only)" "$(inner gstat)" "$(t gstat)"
+printf "%-40s %8.1fx\n" "ratio gstat / kagrid" "$(echo "$(inner gstat) / $(t kagrid_krig)" | bc -l)"
+printf "%-40s " "kriging agreement:"; $PY "$work/compare.py" "$work/k_krig.asc" "$work/g_krig.txt"
+printf "%-40s %8.2f s\n" "kagrid radial-basis (whole run)" "$(t kagrid_rbf)"
+printf "%-40s %8.2f s   (whole run %.2f s)\n" "SciPy RBFInterpolator k=32 (call only)" "$(inner scipy)" "$(t scipy_rbf)"
+printf "%-40s %8.1fx\n" "ratio SciPy / kagrid" "$(echo "$(inner scipy) / $(t kagrid_rbf)" | bc -l)"
+printf "%-40s " "radial basis agreement:"; $PY "$work/compare.py" "$work/k_rbf.asc" "$work/s_rbf.txt"
