@@ -71,7 +71,7 @@ TEST(SampleList, PointsKeepOrderAndDuplicatesAndOldListIsDeletedEvenOnFailure)
     EXPECT_EQ(list->back().point, Ka3DPoint(1, 1, 1));
 
     deleted = false;
-    owned.release();
+    owned.reset();
     list = new CountingList(&deleted);
     KaSurface empty;  // no data: the build fails
     EXPECT_FALSE(BuildSampleList(list, &empty));
