@@ -25,6 +25,7 @@
 #include "methods/KaEstDataMetrics.h"
 #include "methods/KaMethodRegistry.h"
 #include "platform/kadata/KaDelaunayTriangle.h"
+#include "platform/kadata/KaEventsLog.h"
 #include "search/KaEstGridSearcher.h"
 
 namespace {
@@ -164,6 +165,19 @@ std::string MeshPath(const Options& o, const KaDataObject& mesh)
     return (out.parent_path() / (mesh.GetName() + ".gpkg")).string();
 }
 
+// Refuses an output path whose folder cannot take a new file, before any work.
+void CheckWritable(const std::string& path)
+{
+    if (path.empty()) return;
+    const std::filesystem::path p(path);
+    const std::filesystem::path dir = p.has_parent_path() ? p.parent_path() : std::filesystem::path(".");
+    std::error_code ec;
+    if (!std::filesystem::is_directory(dir, ec))
+        throw KaIoError(path, "the folder '" + dir.string() + "' does not exist");
+    if (access(dir.c_str(), W_OK) != 0) throw KaIoError(path, "the folder '" + dir.string() + "' is not writable");
+    if (std::filesystem::is_directory(p, ec)) throw KaIoError(path, "is a folder");
+}
+
 int Run(const Options& o)
 {
     const KaMethodInfo* method = FindMethod(o.method);
@@ -208,6 +222,10 @@ int Run(const Options& o)
         return 0;
     }
 
+    CheckWritable(o.output);
+    CheckWritable(o.preview);
+    CheckWritable(o.mesh);
+
     KaSampleList* raw = nullptr;
     if (!BuildSampleList(raw, input.get())) throw KaIoError(o.input, "cannot read its samples");
     std::unique_ptr<KaSampleList> samples(raw);
@@ -230,6 +248,7 @@ int Run(const Options& o)
     if (!surface) {
         std::string reason = job->FailureReason();
         if (reason.empty()) reason = "the gridding job ended without a surface";
+        if (reason.back() == '.') reason.pop_back();
         if (method->note) reason = std::string(method->note) + " (" + reason + ")";
         throw std::runtime_error(std::string(method->key) + ": " + reason + "; nothing was written");
     }
@@ -248,6 +267,9 @@ int Run(const Options& o)
 int main(int argc, char** argv)
 {
     const Options o = ParseArguments(argc, argv);
+    // The job's own log lines (an allocation failure) reach the user as the
+    // run's one-line failure instead.
+    SetEventsLogSink([](int, const std::string&) {});
     try {
         KaIoInit();
         if (o.method == "methods") {
