@@ -155,6 +155,9 @@ TEST(Kagrid, BadInputIsRefusedAndNothingIsLost)
         EXPECT_NE(r.output.find(c.expect), std::string::npos) << c.args << "\n" << r.output;
         EXPECT_EQ(katest::ReadFile(d / "out.tif"), "precious") << c.args;
     }
+    const auto noFolder = Kagrid("inverse-distance " + d / "ok.csv " + d / "no/such/out.tif -q");
+    EXPECT_EQ(noFolder.status, 1);
+    EXPECT_NE(noFolder.output.find("does not exist"), std::string::npos) << noFolder.output;
     katest::WriteFile(d / "bad.csv", "x,y,z\n0,0,1\n2,oops,3\n");
     const auto r = Kagrid("inverse-distance " + d / "bad.csv " + d / "new.tif -q");
     EXPECT_EQ(r.status, 1);
