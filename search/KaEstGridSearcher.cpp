@@ -173,6 +173,10 @@ KaEstGridSearcher::Visit KaEstGridSearcher::VisitSamples(const Ka3DPoint* begin,
                 return Visit::Finished;
             }
             sector = 0;
+            if (ctx.sectorCount < 1)  // only without search validation
+                throw KaSearchError(Format("sector index out of range (0 of %d sectors) for the sample at "
+                                           "(%.17g, %.17g) on the node; sectorCount must be at least 1",
+                                           ctx.sectorCount, s->x, s->y));
         } else {
             sector = -1;
             if (ctx.circle) {
@@ -236,7 +240,7 @@ bool KaEstGridSearcher::Search(double x, double y, KaNeighbours& result, bool st
     const int64_t kx = static_cast<int64_t>(std::min(fkx, 1e15));
     const int64_t ky = static_cast<int64_t>(std::min(fky, 1e15));
 
-    sectors_.resize(static_cast<std::size_t>(p->sectorCount));
+    sectors_.resize(static_cast<std::size_t>(std::max(p->sectorCount, 0)));
     for (auto& s : sectors_) s.clear();
 
     const int64_t cols = grid_.columnCount, rows = grid_.rowCount;

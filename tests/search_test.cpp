@@ -160,14 +160,9 @@ TEST(Search, SectorIndexOutOfRangeFailsWithTheSampleInTheMessage)
     // Due west and a hair below: acos(-1) * 180 / 3.14159265 is above 180,
     // so the angle is 360.0000004 and the index equals sectorCount.
     g.Build({{0, 2 - 1e-12, 1}});
-    try {
-        g.Find(1, 2);
-        FAIL() << "no error";
-    } catch (const KaSearchError& e) {
-        const std::string m = e.what();
-        EXPECT_NE(m.find("(0, 1.99999999999"), std::string::npos) << m;
-        EXPECT_NE(m.find("angle 360.0000002"), std::string::npos) << m;
-    }
+    const std::string m = katest::ErrorOf<KaSearchError>([&] { g.Find(1, 2); });
+    EXPECT_NE(m.find("(0, 1.99999999999"), std::string::npos) << m;
+    EXPECT_NE(m.find("angle 360.0000002"), std::string::npos) << m;
     // A negative theta of a full sector: the index is not wrapped.
     Rig h(0, 2, 0, 2, 3, 3);
     h.p->sectorCount = 4;
@@ -277,4 +272,17 @@ TEST(SectorTable, LookupAgreesWithTheExactIndexEverywhere)
                 EXPECT_GT(decided, 30000) << s << " " << e;
             }
         }
+}
+
+TEST(Search, NoSectorsWithoutValidationFailTheSearchNotTheProcess)
+{
+    Rig g(0, 2, 0, 2, 3, 3);
+    g.p->useSearch = false;  // sectorCount is then not checked
+    g.p->radius1 = g.p->radius2 = 5;
+    g.Build({{0, 0, 1}});
+    for (int32_t count : {0, -3}) {
+        g.p->sectorCount = count;
+        EXPECT_THROW(g.Find(1, 1), KaSearchError);         // a sample in no sector
+        EXPECT_THROW(g.Find(0, 0, false), KaSearchError);  // a coincident one too
+    }
 }
