@@ -277,6 +277,9 @@ int main(int argc, char** argv)
             return 0;
         }
         return Run(o);
+    } catch (const std::bad_alloc&) {
+        std::fprintf(stderr, "kagrid: out of memory (a smaller grid, or fewer neighbours per node, may fit)\n");
+        return kExitFailure;
     } catch (const std::exception& e) {
         std::fprintf(stderr, "kagrid: %s\n", e.what());
         return kExitFailure;
