@@ -2,20 +2,28 @@
 
 // Helpers shared by the test suites.
 
+#include <gtest/gtest.h>
+
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <initializer_list>
+#include <map>
 #include <memory>
 #include <random>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "apps/kagrid/io/KaParamJson.h"
 #include "core/KaEstimatorSample.h"
 #include "core/KaGridJob.h"
+#include "methods/KaMethodRegistry.h"
 #include "platform/kadata/KaDataObject.h"
+#include "search/KaEstGridSearcherParam.h"
 
 namespace katest {
 
@@ -46,6 +54,117 @@ inline std::vector<Ka3DPoint> RandomPoints(std::size_t n, unsigned seed, double 
         v.emplace_back(x, y, std::sin(3 * x) + std::cos(2 * y) + 0.5 * x * y);
     }
     return v;
+}
+
+// An output grid [lo, hi]^2 of nodes x nodes searched in one circular sector
+// of `radius` that needs `minInAll` samples; blankSectors 1 never lets the
+// rings stop early by the minimum.
+inline void SetGridAndSearch(KaEstGridSearcherParam& q, double lo, double hi, uint64_t nodes, double radius,
+                             int64_t minInAll)
+{
+    q.xMin = q.yMin = lo;
+    q.xMax = q.yMax = hi;
+    q.columnCount = q.rowCount = nodes;
+    q.sectorCount = 1;
+    q.blankSectors = 1;
+    q.minInAll = minInAll;
+    q.radius1 = q.radius2 = radius;
+}
+
+// [0, 10]^2 with 11 x 11 nodes and one sector asking for `n` samples within
+// `radius` (minInAll, maxFromAll and maxFromEach all n). The ring search never
+// visits the cells diagonally right of the node's cell, so a test that needs
+// every sample keeps the samples in the columns left of the nodes, or in one
+// bucket (the buckets are 1.05 wide, the one of x = 5 spans [4.45, 5.5)).
+inline void SearchEverything(KaEstGridSearcherParam& q, int64_t n, double radius)
+{
+    SetGridAndSearch(q, 0, 10, 11, radius, n);
+    q.maxFromAll = q.maxFromEach = n;
+}
+
+// A searching estimator E with a fresh record P (see SearchEverything) over
+// its own copy of `points`; `p` stays valid while the rig lives.
+template <typename E, typename P>
+struct SearchRig {
+    E est;
+    P* p;
+    std::unique_ptr<KaSampleList> samples;
+
+    // Every sample wanted; `tune` then changes the record before E takes it.
+    explicit SearchRig(const std::vector<Ka3DPoint>& points, double radius = 100,
+                       const std::function<void(P&)>& tune = nullptr)
+    {
+        auto param = std::make_unique<P>();
+        SearchEverything(*param, static_cast<int64_t>(points.size()), radius);
+        if (tune) tune(*param);
+        p = param.get();
+        est.SetParam(std::move(param));
+        samples = Samples(points);
+        est.SetSampleList(samples.get());
+    }
+
+    // At least `minInAll` samples, and caps (1000) no test reaches.
+    SearchRig(const std::vector<Ka3DPoint>& points, double radius, int64_t minInAll)
+        : SearchRig(points, radius, [minInAll](P& q) {
+              q.minInAll = minInAll;
+              q.maxFromAll = q.maxFromEach = 1000;
+          })
+    {
+    }
+};
+
+// The keys a record shows to the command line, in field order.
+inline std::vector<std::string> Keys(KaEstimatorGridParam& record)
+{
+    std::vector<std::string> keys;
+    for (const KaFieldDescription& f : DescribeFields(record)) keys.push_back(f.key);
+    return keys;
+}
+
+// The keys `record` adds to those of `base` (a fresh record of the class it
+// builds on), failing the test unless the base's keys come first.
+inline std::vector<std::string> OwnKeys(KaEstimatorGridParam& record, KaEstimatorGridParam&& base)
+{
+    const std::vector<std::string> all = Keys(record), inherited = Keys(base);
+    const bool first = all.size() >= inherited.size() && std::equal(inherited.begin(), inherited.end(), all.begin());
+    EXPECT_TRUE(first) << "the base record's keys do not lead";
+    if (!first) return all;
+    return {all.begin() + static_cast<std::ptrdiff_t>(inherited.size()), all.end()};
+}
+
+// The display names of every choice field, by key.
+inline std::map<std::string, std::vector<std::string>> Choices(KaEstimatorGridParam& record)
+{
+    std::map<std::string, std::vector<std::string>> choices;
+    for (const KaFieldDescription& f : DescribeFields(record))
+        if (!f.choices.empty()) choices[f.key] = f.choices;
+    return choices;
+}
+
+// The method `key` is registered under `title` and `suffix` and makes a
+// record of class Param and an estimator of class Estimator.
+template <typename Param, typename Estimator>
+void ExpectMethod(const char* key, const char* title, const char* suffix)
+{
+    SCOPED_TRACE(key);
+    const KaMethodInfo* m = FindMethod(key);
+    ASSERT_TRUE(m);
+    EXPECT_STREQ(m->title, title);
+    EXPECT_STREQ(m->suffix, suffix);
+    EXPECT_TRUE(dynamic_cast<Param*>(m->makeParam().get()));
+    EXPECT_TRUE(dynamic_cast<Estimator*>(m->makeEstimator().get()));
+}
+
+// The message of the Error `f` throws, or "" when it throws nothing.
+template <typename Error, typename F>
+std::string ErrorOf(F f)
+{
+    try {
+        f();
+    } catch (const Error& e) {
+        return e.what();
+    }
+    return "";
 }
 
 // Records messages and progress of a job.

@@ -29,17 +29,7 @@ std::vector<Ka3DPoint> ReadText(const std::string& path, const std::string& text
     return ReadPointFile(path, columns)->Points();
 }
 
-// The message of the KaIoError `f` throws, or "" when it throws nothing.
-template <typename F>
-std::string ErrorOf(F f)
-{
-    try {
-        f();
-    } catch (const KaIoError& e) {
-        return e.what();
-    }
-    return "";
-}
+std::string ErrorOf(auto f) { return katest::ErrorOf<KaIoError>(f); }
 
 std::set<std::string> Entries(const fs::path& dir)
 {

@@ -7,40 +7,16 @@
 
 namespace {
 
-// Prepares any searching estimator over [0, 10]^2 with one sector taking every
-// sample within `radius` of a node.
-template <typename E, typename P>
-struct Rig {
-    E est;
-    P* p;
-    std::unique_ptr<KaSampleList> samples;
-
-    explicit Rig(std::vector<Ka3DPoint> pts, double radius = 20, int64_t minInAll = 1)
-    {
-        auto param = std::make_unique<P>();
-        param->xMax = param->yMax = 10;
-        param->columnCount = param->rowCount = 11;
-        param->sectorCount = 1;
-        param->minInAll = minInAll;
-        param->blankSectors = 1;  // never stop early by the minimum: take every ring
-        param->maxFromAll = param->maxFromEach = 1000;
-        param->radius1 = param->radius2 = radius;
-        p = param.get();
-        est.SetParam(std::move(param));
-        samples = katest::Samples(pts);
-        est.SetSampleList(samples.get());
-    }
-};
-
-using Idw = Rig<KaEstInverseDistance, KaEstInverseDistanceParam>;
-using Near = Rig<KaEstNearestNeighbor, KaEstNearestNeighborParam>;
-using Mean = Rig<KaEstMovingAverage, KaEstMovingAverageParam>;
+// One sector taking every sample within the radius; minInAll as given.
+using Idw = katest::SearchRig<KaEstInverseDistance, KaEstInverseDistanceParam>;
+using Near = katest::SearchRig<KaEstNearestNeighbor, KaEstNearestNeighborParam>;
+using Mean = katest::SearchRig<KaEstMovingAverage, KaEstMovingAverageParam>;
 
 }  // namespace
 
 TEST(InverseDistance, WeightsPowerSmoothingAndCoincidence)
 {
-    Idw r({{6, 5, 10}, {5, 7, 20}});
+    Idw r({{6, 5, 10}, {5, 7, 20}}, 20, 1);
     EXPECT_DOUBLE_EQ(r.est.EstimateAt(5, 5), 12.0);  // weights 1 and 1/4
     r.p->power = 0;
     EXPECT_DOUBLE_EQ(r.est.EstimateAt(5, 5), 15.0);  // plain mean
@@ -63,24 +39,24 @@ TEST(InverseDistance, WeightsPowerSmoothingAndCoincidence)
 
 TEST(InverseDistance, NodeOnASampleTakesItsValue)
 {
-    Idw r({{5, 5, 3}, {6, 5, 10}});
+    Idw r({{5, 5, 3}, {6, 5, 10}}, 20, 1);
     EXPECT_EQ(r.est.EstimateAt(5, 5), 3);
     EXPECT_EQ(r.est.EstimateAt(5.0009, 5), 3);
 }
 
 TEST(NearestNeighbor, ClosestWinsTiesGoToTheEarlierAndEllipseBounds)
 {
-    Near r({{6, 5, 1}, {4, 5, 2}, {5, 7, 3}});
+    Near r({{6, 5, 1}, {4, 5, 2}, {5, 7, 3}}, 20, 1);
     EXPECT_EQ(r.est.EstimateAt(5, 5), 1);  // 6,5 and 4,5 tie: the first in the result
     EXPECT_EQ(r.est.EstimateAt(5.2, 6.5), 3);
-    Near far({{9, 9, 1}}, 2);
+    Near far({{9, 9, 1}}, 2, 1);
     EXPECT_EQ(far.est.EstimateAt(5, 5), far.p->blankValue);
     EXPECT_EQ(far.est.EstimateAt(9.0001, 9), 1);
 }
 
 TEST(MovingAverage, MeanOfDividedTermsMinimumAndCoincidence)
 {
-    Mean r({{6, 5, 1}, {4, 5, 2}, {5, 7, 3}});
+    Mean r({{6, 5, 1}, {4, 5, 2}, {5, 7, 3}}, 20, 1);
     EXPECT_DOUBLE_EQ(r.est.EstimateAt(5, 5), 1.0 / 3 + 2.0 / 3 + 3.0 / 3);
     EXPECT_EQ(r.est.EstimateAt(6, 5), 1);
     Mean few({{6, 5, 1}, {4, 5, 2}, {5, 7, 3}, {5, 3, 4}}, 20, 5);

@@ -7,33 +7,23 @@
 #include <vector>
 
 #include "KaTestSupport.h"
-#include "core/KaFieldVisitor.h"
 #include "methods/KaEstDataMetrics.h"
 #include "methods/KaEstModifiedShepard.h"
 #include "methods/KaMethodRegistry.h"
 
 namespace {
 
-template <typename Record>
-void SetGridAndSearch(Record& p, double x0, double x1, uint64_t nodes, double r, int64_t minInAll)
-{
-    p.xMin = p.yMin = x0;
-    p.xMax = p.yMax = x1;
-    p.columnCount = p.rowCount = nodes;
-    p.sectorCount = 1;
-    p.blankSectors = 1;
-    p.minInAll = minInAll;
-    p.radius1 = p.radius2 = r;
-}
-
 // ---- modified Shepard -------------------------------------------------------
 
 std::unique_ptr<KaEstModifiedShepardParam> ShepardRecord(double r, int64_t minInAll)
 {
     auto p = std::make_unique<KaEstModifiedShepardParam>();
-    SetGridAndSearch(*p, 0, 10, 11, r, minInAll);
+    katest::SetGridAndSearch(*p, 0, 10, 11, r, minInAll);
     return p;
 }
+
+// Every sample within the radius wanted.
+using Shepard = katest::SearchRig<KaEstModifiedShepard, KaEstModifiedShepardParam>;
 
 double Quadratic(double x, double y) { return 3 - x + 0.5 * y + 0.2 * x * x - 0.3 * x * y + 0.1 * y * y; }
 
@@ -52,7 +42,7 @@ const std::vector<Ka3DPoint> kFive = {{0, 0, 4}, {3, 4, 1}, {-1, 0, 7}, {0, -2, 
 double MetricAt(int32_t metric, const std::vector<Ka3DPoint>& pts, int64_t minInAll, double blank = -1)
 {
     auto p = std::make_unique<KaEstDataMetricsParam>();
-    SetGridAndSearch(*p, -10, 10, 21, 20, minInAll);
+    katest::SetGridAndSearch(*p, -10, 10, 21, 20, minInAll);
     p->metric = metric;
     p->blankValue = blank;
     KaEstDataMetrics e;
@@ -62,35 +52,13 @@ double MetricAt(int32_t metric, const std::vector<Ka3DPoint>& pts, int64_t minIn
     return e.EstimateAt(0, 0);
 }
 
-struct ChoiceCollector : KaFieldVisitor {
-    std::vector<std::string> keys;
-    std::vector<std::string> names;
-    void Field(const char* k, double&, const char*) override { keys.push_back(k); }
-    void Field(const char* k, int32_t&, const char*) override { keys.push_back(k); }
-    void Field(const char* k, int64_t&, const char*) override { keys.push_back(k); }
-    void Field(const char* k, uint32_t&, const char*) override { keys.push_back(k); }
-    void Field(const char* k, uint64_t&, const char*) override { keys.push_back(k); }
-    void Field(const char* k, bool&, const char*) override { keys.push_back(k); }
-    void Field(const char* k, std::string&, const char*) override { keys.push_back(k); }
-    void Choice(const char* k, int32_t&, std::span<const char* const> n, const char*) override
-    {
-        keys.push_back(k);
-        names.assign(n.begin(), n.end());
-    }
-    void Field(const char* k, KaAnisotropy&, const char*) override { keys.push_back(k); }
-    void Field(const char* k, KaVarioVector*&, const char*) override { keys.push_back(k); }
-};
-
 }  // namespace
 
 TEST(ModifiedShepard, NodeOnASampleTakesItsValue)
 {
-    auto samples = katest::Samples({{5, 5, 42}, {4, 5, 1}, {6, 5, 2}, {5, 4, 3}, {5, 6, 4}, {4, 4, 9}, {6, 6, 8}});
-    KaEstModifiedShepard e;
-    e.SetParam(ShepardRecord(3, 7));
-    e.SetSampleList(samples.get());
-    EXPECT_EQ(e.EstimateAt(5, 5), 42.0);
-    EXPECT_EQ(e.EstimateAt(5.0005, 4.9995), 42.0);  // within the tolerance
+    Shepard r({{5, 5, 42}, {4, 5, 1}, {6, 5, 2}, {5, 4, 3}, {5, 6, 4}, {4, 4, 9}, {6, 6, 8}}, 3);
+    EXPECT_EQ(r.est.EstimateAt(5, 5), 42.0);
+    EXPECT_EQ(r.est.EstimateAt(5.0005, 4.9995), 42.0);  // within the tolerance
 }
 
 TEST(ModifiedShepard, FailedQuadraticFallsBackToInverseDistance)
@@ -100,23 +68,17 @@ TEST(ModifiedShepard, FailedQuadraticFallsBackToInverseDistance)
     // plain mean. The blank value is not the default, so the fallback also
     // shows that the inner fit reports failure with the outer blank value.
     const std::vector<Ka3DPoint> ring = {{4, 5, 1}, {5, 6, 2}, {6, 5, 3}, {5, 4, 4}, {9, 9, 100}};
-    auto samples = katest::Samples(ring);
-    auto p = ShepardRecord(3, 4);
-    p->blankValue = -5;
-    KaEstModifiedShepard e;
-    e.SetParam(std::move(p));
-    e.SetSampleList(samples.get());
-    EXPECT_EQ(e.EstimateAt(5, 5), 2.5);
+    Shepard r(ring, 3, [](KaEstModifiedShepardParam& q) {
+        q.minInAll = 4;
+        q.blankValue = -5;
+    });
+    EXPECT_EQ(r.est.EstimateAt(5, 5), 2.5);
 
-    auto q = std::make_unique<KaEstInverseDistanceParam>();
-    SetGridAndSearch(*q, 0, 10, 11, 3, 4);
-    KaEstInverseDistance idw;
-    idw.SetParam(std::move(q));
-    idw.SetSampleList(samples.get());
-    EXPECT_EQ(idw.EstimateAt(5, 5), 2.5);
+    katest::SearchRig<KaEstInverseDistance, KaEstInverseDistanceParam> idw(ring, 3, 4);
+    EXPECT_EQ(idw.est.EstimateAt(5, 5), 2.5);
 
     // Too few neighbours for the search: blank, no fallback.
-    EXPECT_EQ(e.EstimateAt(9, 5), -5.0);
+    EXPECT_EQ(r.est.EstimateAt(9, 5), -5.0);
 }
 
 TEST(ModifiedShepard, ReproducesAnExactQuadratic)
@@ -175,18 +137,11 @@ TEST(ModifiedShepard, ValidationAndRegistration)
     EXPECT_FALSE(katest::RunJob(std::make_unique<KaEstModifiedShepard>(), std::move(bad),
                                 katest::Samples({{1, 1, 1}})));
 
-    ChoiceCollector keys;
-    p.VisitFields(keys);
-    ASSERT_GE(keys.keys.size(), 3u);
-    EXPECT_EQ(std::vector<std::string>(keys.keys.end() - 3, keys.keys.end()),
+    EXPECT_EQ(katest::OwnKeys(p, KaEstInverseDistanceParam()),
               (std::vector<std::string>{"smoothingFactor", "quadraticNeighbors", "weightingNeighbors"}));
 
-    const KaMethodInfo* m = FindMethod("modified-shepard");
-    ASSERT_TRUE(m);
-    EXPECT_STREQ(m->title, "Modified Shepard's Method");
-    EXPECT_STREQ(m->suffix, "_shepard");
-    EXPECT_TRUE(dynamic_cast<KaEstModifiedShepardParam*>(m->makeParam().get()));
-    EXPECT_TRUE(dynamic_cast<KaEstModifiedShepard*>(m->makeEstimator().get()));
+    katest::ExpectMethod<KaEstModifiedShepardParam, KaEstModifiedShepard>("modified-shepard",
+                                                                        "Modified Shepard's Method", "_shepard");
 }
 
 TEST(DataMetrics, ZStatisticsOfAHandCheckedNeighbourhood)
@@ -267,10 +222,8 @@ TEST(DataMetrics, NamesDescriptionsAndRecord)
 
     KaEstDataMetricsParam p;
     EXPECT_EQ(p.metric, kMetricMinimum);
-    ChoiceCollector v;
-    p.VisitFields(v);
-    EXPECT_EQ(v.keys.back(), "metric");
-    EXPECT_EQ(v.names.size(), names.size());
+    EXPECT_EQ(katest::Keys(p).back(), "metric");
+    EXPECT_EQ(katest::Choices(p)["metric"].size(), names.size());
     EXPECT_EQ(p.Validate(), "");
     p.metric = kDataMetricCount;
     EXPECT_EQ(p.Validate(), "metric: unknown metric");
@@ -287,7 +240,7 @@ TEST(DataMetrics, WholeJobThroughTheRegistry)
     auto record = m->makeParam();
     auto* p = dynamic_cast<KaEstDataMetricsParam*>(record.get());
     ASSERT_TRUE(p);
-    SetGridAndSearch(*p, 0, 2, 3, 50, 4);
+    katest::SetGridAndSearch(*p, 0, 2, 3, 50, 4);
     p->metric = kMetricMaximum;
     // Four samples on the centre node: every node sees all of them, the centre
     // node too (a sample on the node does not end the search here).

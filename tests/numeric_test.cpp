@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "KaTestSupport.h"
 #include "methods/numeric/KaMatrix.h"
 #include "methods/numeric/KaVario.h"
 #include "search/KaAnisotropy.h"
@@ -286,12 +287,7 @@ TEST(VarioVector, IndexingClearAndClone)
     v.Add(new KaVario(Component(kKaVarioLinear, 1, 1)));
     v.Add(new KaVario(Component(kKaVarioCubic, 2, 5)));
     EXPECT_EQ(v[1].modelType, kKaVarioCubic);
-    try {
-        (void)v[2];
-        FAIL() << "no exception";
-    } catch (const std::out_of_range& e) {
-        EXPECT_STREQ(e.what(), "invalid vector<T> subscript");
-    }
+    EXPECT_EQ(katest::ErrorOf<std::out_of_range>([&] { (void)v[2]; }), "invalid vector<T> subscript");
     const KaVarioVector& cv = v;
     EXPECT_THROW((void)cv[5], std::out_of_range);
 
@@ -444,46 +440,49 @@ TEST(GaussJordan, SolutionOnlyVariantMatchesBitForBit)
 
 namespace {
 
-void Fill(KaT2DMatrix<double>& m, std::initializer_list<double> values)
-{
-    const uint32_t n = static_cast<uint32_t>(std::lround(std::sqrt(values.size())));
-    m.Resize(n, n);
-    std::size_t i = 0;
-    for (double v : values) m.Data()[i++] = v;
-}
+// A square matrix given row by row, its LU decomposition and solves with it.
+struct Lu {
+    KaT2DMatrix<double> m;
+    std::vector<int32_t> perm;
+    int32_t parity = 0;
+
+    bool Decompose(std::initializer_list<double> values)
+    {
+        const uint32_t n = static_cast<uint32_t>(std::lround(std::sqrt(values.size())));
+        m.Resize(n, n);
+        std::size_t i = 0;
+        for (double v : values) m.Data()[i++] = v;
+        return LuDecompose(m, perm, parity);
+    }
+    std::vector<double> Substitute(std::vector<double> b) const
+    {
+        LuSubstitute(m, perm, b);
+        return b;
+    }
+};
 
 }  // namespace
 
 TEST(LuDecompose, RejectsRowsBelowTheFloor)
 {
-    KaT2DMatrix<double> m;
-    std::vector<int32_t> perm;
-    int32_t parity = 0;
-    Fill(m, {1, 2, 0, 0});
-    EXPECT_FALSE(LuDecompose(m, perm, parity));
-    Fill(m, {1, 2, 1e-17, -1e-17});
-    EXPECT_FALSE(LuDecompose(m, perm, parity));
-    Fill(m, {1, 2, 2e-16, 0});
-    EXPECT_TRUE(LuDecompose(m, perm, parity));
-    Fill(m, {0});
-    EXPECT_FALSE(LuDecompose(m, perm, parity));  // a lone neighbour's kriging system
+    Lu lu;
+    EXPECT_FALSE(lu.Decompose({1, 2, 0, 0}));
+    EXPECT_FALSE(lu.Decompose({1, 2, 1e-17, -1e-17}));
+    EXPECT_TRUE(lu.Decompose({1, 2, 2e-16, 0}));
+    EXPECT_FALSE(lu.Decompose({0}));  // a lone neighbour's kriging system
 }
 
 TEST(LuDecompose, PivotsByScaledMeritAndCountsParity)
 {
-    KaT2DMatrix<double> m;
-    std::vector<int32_t> perm;
-    int32_t parity = 0;
-    Fill(m, {1, 2, 3, 4, 5, 6, 7, 8, 10});
-    ASSERT_TRUE(LuDecompose(m, perm, parity));
+    Lu lu;
+    ASSERT_TRUE(lu.Decompose({1, 2, 3, 4, 5, 6, 7, 8, 10}));
     // Scaled merits of column 0: 1/3, 4/6, 7/10, so row 2 comes first.
-    EXPECT_EQ(perm[0], 2);
-    EXPECT_EQ(parity, perm[1] == 1 ? -1 : 1);
+    EXPECT_EQ(lu.perm[0], 2);
+    EXPECT_EQ(lu.parity, lu.perm[1] == 1 ? -1 : 1);
 
     // With the first permuted entry zero the skipped-term rule does not bite,
     // and the solution is the exact one.
-    std::vector<double> b = {-1.8, -0.6, 0.0};
-    LuSubstitute(m, perm, b);
+    const std::vector<double> b = lu.Substitute({-1.8, -0.6, 0.0});
     EXPECT_NEAR(b[0], 2.0, 1e-14);
     EXPECT_NEAR(b[1], -1.0, 1e-14);
     EXPECT_NEAR(b[2], -0.6, 1e-14);
@@ -491,14 +490,10 @@ TEST(LuDecompose, PivotsByScaledMeritAndCountsParity)
 
 TEST(LuDecompose, SingularMatrixGetsTheFloorPivot)
 {
-    KaT2DMatrix<double> m;
-    std::vector<int32_t> perm;
-    int32_t parity = 0;
-    Fill(m, {1, 2, 2, 4});
-    ASSERT_TRUE(LuDecompose(m, perm, parity));
-    EXPECT_EQ(m(1, 1), 1.5e-16);
-    std::vector<double> b = {1.0, 0.0};
-    LuSubstitute(m, perm, b);
+    Lu lu;
+    ASSERT_TRUE(lu.Decompose({1, 2, 2, 4}));
+    EXPECT_EQ(lu.m(1, 1), 1.5e-16);
+    const std::vector<double> b = lu.Substitute({1.0, 0.0});
     EXPECT_EQ(b[1], 1 / 1.5e-16);
     EXPECT_TRUE(std::isfinite(b[0]));
 }
@@ -506,27 +501,18 @@ TEST(LuDecompose, SingularMatrixGetsTheFloorPivot)
 TEST(LuSubstitute, MarkerSkipsTermsWhenTheFirstEntryIsAtRowZero)
 {
     // Lower triangular: no row exchanges, L = (1; .5 1; .5 .5 1), U = 2 I.
-    KaT2DMatrix<double> m;
-    std::vector<int32_t> perm;
-    int32_t parity = 0;
-    Fill(m, {2, 0, 0, 1, 2, 0, 1, 1, 2});
-    ASSERT_TRUE(LuDecompose(m, perm, parity));
-    ASSERT_EQ(perm, (std::vector<int32_t>{0, 1, 2}));
-    EXPECT_EQ(parity, 1);
+    Lu lu;
+    ASSERT_TRUE(lu.Decompose({2, 0, 0, 1, 2, 0, 1, 1, 2}));
+    ASSERT_EQ(lu.perm, (std::vector<int32_t>{0, 1, 2}));
+    EXPECT_EQ(lu.parity, 1);
 
     // Only row 0 non-zero: nothing is subtracted below it (exact: 1, -0.5, -0.25).
-    std::vector<double> b = {2, 0, 0};
-    LuSubstitute(m, perm, b);
-    EXPECT_EQ(b, (std::vector<double>{1, 0, 0}));
+    EXPECT_EQ(lu.Substitute({2, 0, 0}), (std::vector<double>{1, 0, 0}));
 
     // A later non-zero row moves the marker; terms below it stay skipped
     // (exact: 1, 0.5, -0.75).
-    b = {2, 2, 0};
-    LuSubstitute(m, perm, b);
-    EXPECT_EQ(b, (std::vector<double>{1, 1, -0.5}));
+    EXPECT_EQ(lu.Substitute({2, 2, 0}), (std::vector<double>{1, 1, -0.5}));
 
     // First non-zero at row 1: the marker works as intended.
-    b = {0, 2, 2};
-    LuSubstitute(m, perm, b);
-    EXPECT_EQ(b, (std::vector<double>{0, 1, 0.5}));
+    EXPECT_EQ(lu.Substitute({0, 2, 2}), (std::vector<double>{0, 1, 0.5}));
 }

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include "KaTestSupport.h"
 #include "apps/kagrid/io/KaParamJson.h"
 #include "methods/KaEstInverseDistance.h"
 #include "methods/numeric/KaVario.h"
@@ -8,15 +9,7 @@
 
 namespace {
 
-std::string ErrorOf(auto f)
-{
-    try {
-        f();
-    } catch (const KaParamError& e) {
-        return e.what();
-    }
-    return "no error";
-}
+std::string ErrorOf(auto f) { return katest::ErrorOf<KaParamError>(f); }
 
 // A record with one field of every kind the visitor knows.
 struct AllKinds : KaEstimatorGridParam {

@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "KaTestSupport.h"
-#include "core/KaFieldVisitor.h"
 #include "methods/KaEstLocalPolynomial.h"
 #include "methods/KaEstPolynomialRegression.h"
 #include "methods/KaMethodRegistry.h"
@@ -14,18 +13,6 @@
 namespace {
 
 using Terms = std::vector<KaMonomial>;
-
-// Grid [0, 10] x [0, 10], 11 x 11 nodes, one sector, a circle of radius r.
-template <typename Record>
-void SetGridAndSearch(Record& p, double r = 30, int64_t minInAll = 1)
-{
-    p.xMin = 0; p.xMax = 10; p.yMin = 0; p.yMax = 10;
-    p.columnCount = 11; p.rowCount = 11;
-    p.sectorCount = 1;
-    p.blankSectors = 1;
-    p.minInAll = minInAll;
-    p.radius1 = p.radius2 = r;
-}
 
 // A local polynomial estimator holding a record of the given orders and power.
 std::unique_ptr<KaEstLocalPolynomial> Local(int32_t order, double power = 2.0, bool global = false)
@@ -39,21 +26,6 @@ std::unique_ptr<KaEstLocalPolynomial> Local(int32_t order, double power = 2.0, b
 }
 
 double Quadratic(double x, double y) { return 1 + 2 * x - y + 0.5 * x * x + 0.25 * x * y - 0.75 * y * y; }
-
-// Collects the keys a record shows to the command line.
-struct KeyCollector : KaFieldVisitor {
-    std::vector<std::string> keys;
-    void Field(const char* k, double&, const char*) override { keys.push_back(k); }
-    void Field(const char* k, int32_t&, const char*) override { keys.push_back(k); }
-    void Field(const char* k, int64_t&, const char*) override { keys.push_back(k); }
-    void Field(const char* k, uint32_t&, const char*) override { keys.push_back(k); }
-    void Field(const char* k, uint64_t&, const char*) override { keys.push_back(k); }
-    void Field(const char* k, bool&, const char*) override { keys.push_back(k); }
-    void Field(const char* k, std::string&, const char*) override { keys.push_back(k); }
-    void Choice(const char* k, int32_t&, std::span<const char* const>, const char*) override { keys.push_back(k); }
-    void Field(const char* k, KaAnisotropy&, const char*) override { keys.push_back(k); }
-    void Field(const char* k, KaVarioVector*&, const char*) override { keys.push_back(k); }
-};
 
 }  // namespace
 
@@ -209,7 +181,7 @@ TEST(LocalPolynomial, ReproducesAnExactQuadraticOverAGrid)
     for (const Ka3DPoint& q : katest::RandomPoints(60, 11, 0.05, 9.95, 0.05, 9.95))
         pts.emplace_back(q.x, q.y, Quadratic(q.x, q.y));
     auto p = std::make_unique<KaEstLocalPolynomialParam>(2, 2, 2, 0);
-    SetGridAndSearch(*p, 4, 8);
+    katest::SetGridAndSearch(*p, 0, 10, 11, 4, 8);
     auto surface = katest::RunJob(std::make_unique<KaEstLocalPolynomial>(), std::move(p), katest::Samples(pts));
     ASSERT_TRUE(surface);
     const auto& m = surface->GridData();
@@ -227,7 +199,7 @@ TEST(LocalPolynomial, ReproducesAnExactQuadraticOverAGrid)
 TEST(LocalPolynomial, NodeWithoutNeighboursOrSampleListIsBlank)
 {
     auto p = std::make_unique<KaEstLocalPolynomialParam>(1, 1, 1, 0);
-    SetGridAndSearch(*p, 1.5, 3);
+    katest::SetGridAndSearch(*p, 0, 10, 11, 1.5, 3);
     KaEstLocalPolynomial e;
     e.SetParam(std::move(p));
     EXPECT_EQ(e.EstimateAt(5, 5), kKaDefaultBlank);  // no sample list
@@ -241,22 +213,18 @@ TEST(LocalPolynomial, NodeWithoutNeighboursOrSampleListIsBlank)
 TEST(LocalPolynomial, SampleOnTheNodeComesAloneAndLeavesTheNodeBlank)
 {
     // kept: no coincidence shortcut, and a one-sample plane fit is singular
-    std::vector<Ka3DPoint> pts = {{5, 5, 3}, {4, 5, 1}, {6, 5, 2}, {5, 4, 7}, {5, 6, 8}, {4, 4, 1}};
-    auto p = std::make_unique<KaEstLocalPolynomialParam>(1, 1, 1, 0);
-    SetGridAndSearch(*p, 3, 6);
-    KaEstLocalPolynomial e;
-    e.SetParam(std::move(p));
-    auto s = katest::Samples(pts);
-    e.SetSampleList(s.get());
-    EXPECT_EQ(e.EstimateAt(5, 5), kKaDefaultBlank);
-    EXPECT_NE(e.EstimateAt(5, 4.5), kKaDefaultBlank);
+    katest::SearchRig<KaEstLocalPolynomial, KaEstLocalPolynomialParam> r(
+        {{5, 5, 3}, {4, 5, 1}, {6, 5, 2}, {5, 4, 7}, {5, 6, 8}, {4, 4, 1}}, 3,
+        [](KaEstLocalPolynomialParam& q) { q.totalOrder = q.xOrder = q.yOrder = 1; });
+    EXPECT_EQ(r.est.EstimateAt(5, 5), kKaDefaultBlank);
+    EXPECT_NE(r.est.EstimateAt(5, 4.5), kKaDefaultBlank);
 }
 
 TEST(PolynomialRegression, ShellIsBlankEverywhereAndRaisesMinInAll)
 {
     auto p = std::make_unique<KaEstPolynomialRegressionParam>();
     p->totalOrder = 2;
-    SetGridAndSearch(*p, 30, 2);
+    katest::SetGridAndSearch(*p, 0, 10, 11, 30, 2);
     KaEstPolynomialRegression e;
     e.SetParam(std::move(p));
     EXPECT_EQ(e.Terms(), (Terms{{0, 0, 0}, {1, 0, 0}, {0, 1, 0}, {1, 1, 0}}));
@@ -282,14 +250,14 @@ TEST(PolynomialRegression, ShellIsBlankEverywhereAndRaisesMinInAll)
     // Samples are taken, the search grid is not built, every node is blank.
     auto samples = katest::Samples(katest::RandomPoints(30, 5, 0, 10, 0, 10));
     auto reg = std::make_unique<KaEstPolynomialRegressionParam>();
-    SetGridAndSearch(*reg);
+    katest::SetGridAndSearch(*reg, 0, 10, 11, 30, 1);
     e.SetParam(std::move(reg));
     EXPECT_EQ(e.SetSampleList(samples.get()), samples.get());
     EXPECT_EQ(e.GetSampleList(), samples.get());
     EXPECT_EQ(e.BucketCount(), 0u);
 
     auto job = std::make_unique<KaEstPolynomialRegressionParam>();
-    SetGridAndSearch(*job);
+    katest::SetGridAndSearch(*job, 0, 10, 11, 30, 1);
     job->blankValue = -1;
     auto surface = katest::RunJob(std::make_unique<KaEstPolynomialRegression>(), std::move(job),
                                   std::move(samples));
@@ -349,25 +317,13 @@ TEST(PolynomialRecords, DefaultsAndValidation)
 
 TEST(PolynomialRecords, FieldsAndRegistration)
 {
-    KeyCollector keys;
     KaEstLocalPolynomialParam p;
-    p.VisitFields(keys);
-    ASSERT_GE(keys.keys.size(), 6u);
-    EXPECT_EQ(std::vector<std::string>(keys.keys.end() - 6, keys.keys.end()),
+    EXPECT_EQ(katest::OwnKeys(p, KaEstGridSearcherParam()),
               (std::vector<std::string>{"totalOrder", "xOrder", "yOrder", "thirdOrder", "globalFit",
                                         "weightingPower"}));
-    EXPECT_EQ(keys.keys.front(), "name");
 
-    const KaMethodInfo* local = FindMethod("local-polynomial");
-    ASSERT_TRUE(local);
-    EXPECT_STREQ(local->title, "Local Polynomial");
-    EXPECT_STREQ(local->suffix, "_Poly");
-    EXPECT_TRUE(dynamic_cast<KaEstLocalPolynomialParam*>(local->makeParam().get()));
-    EXPECT_TRUE(dynamic_cast<KaEstLocalPolynomial*>(local->makeEstimator().get()));
-    const KaMethodInfo* reg = FindMethod("polynomial-regression");
-    ASSERT_TRUE(reg);
-    EXPECT_STREQ(reg->title, "Polynomial Regression");
-    EXPECT_STREQ(reg->suffix, "_Poly");
-    EXPECT_TRUE(dynamic_cast<KaEstPolynomialRegressionParam*>(reg->makeParam().get()));
-    EXPECT_TRUE(dynamic_cast<KaEstPolynomialRegression*>(reg->makeEstimator().get()));
+    katest::ExpectMethod<KaEstLocalPolynomialParam, KaEstLocalPolynomial>("local-polynomial", "Local Polynomial",
+                                                                        "_Poly");
+    katest::ExpectMethod<KaEstPolynomialRegressionParam, KaEstPolynomialRegression>(
+        "polynomial-regression", "Polynomial Regression", "_Poly");
 }

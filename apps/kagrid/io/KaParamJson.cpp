@@ -262,7 +262,7 @@ public:
     template <typename T>
     void Add(const char* k, const T& v, const char* help)
     {
-        rows.push_back({k, TypeName<T>(), json(v).dump(), help});
+        rows.push_back({k, TypeName<T>(), json(v).dump(), help, {}});
     }
     void Field(const char* k, double& v, const char* h) override { Add(k, v, h); }
     void Field(const char* k, int32_t& v, const char* h) override { Add(k, v, h); }
@@ -276,15 +276,15 @@ public:
         std::string list;
         for (const char* n : names) list += std::string(list.empty() ? "" : "|") + n;
         const std::string def = v >= 0 && static_cast<std::size_t>(v) < names.size() ? names[v] : std::to_string(v);
-        rows.push_back({k, "name or index: " + list, "\"" + def + "\"", h});
+        rows.push_back({k, "name or index: " + list, "\"" + def + "\"", h, {names.begin(), names.end()}});
     }
     void Field(const char* k, KaAnisotropy& v, const char* h) override
     {
-        rows.push_back({k, "JSON object", AnisotropyToJson(v).dump(), h});
+        rows.push_back({k, "JSON object", AnisotropyToJson(v).dump(), h, {}});
     }
     void Field(const char* k, KaVarioVector*& v, const char* h) override
     {
-        rows.push_back({k, "JSON object", v ? VariogramToJson(*v).dump() : "null", h});
+        rows.push_back({k, "JSON object", v ? VariogramToJson(*v).dump() : "null", h, {}});
     }
 };
 

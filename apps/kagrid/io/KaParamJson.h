@@ -4,6 +4,7 @@
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 class KaEstimatorGridParam;
 
@@ -31,5 +32,6 @@ void ApplySetting(KaEstimatorGridParam& record, const std::string& setting,
 // One line per field for `kagrid methods`: key, type, default and meaning.
 struct KaFieldDescription {
     std::string key, type, defaultValue, help;
+    std::vector<std::string> choices;  // the display names of a choice field; empty otherwise
 };
 std::vector<KaFieldDescription> DescribeFields(KaEstimatorGridParam& record);
