@@ -19,18 +19,7 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${KA_BUILD_DIR:-$root/build}
-if [ "$(id -u)" -ne 0 ]; then SUDO=sudo; else SUDO=; fi
-need() {  # need PACKAGE...: installs the Debian packages that are missing
-  local missing=()
-  for p in "$@"; do
-    dpkg-query -W -f='${Status}' "$p" 2> /dev/null | grep -q "install ok installed" || missing+=("$p")
-  done
-  if ((${#missing[@]})); then
-    DEBIAN_FRONTEND=noninteractive $SUDO apt-get install -y -qq "${missing[@]}" > /dev/null
-  fi
-}
-"$root/scripts/deps.sh"
-need r-cran-gstat python3-scipy time bc
+"$root/scripts/deps.sh" r-cran-gstat python3-scipy time bc
 "$root/scripts/build.sh" "$build" > /dev/null
 kagrid="$build/kagrid"
 work=$(mktemp -d)

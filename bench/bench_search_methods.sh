@@ -8,9 +8,7 @@
 # 0.001); gdal_grid's -txe 0 1 -outsize 1000 puts its pixel centres there too.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-"$root/scripts/deps.sh"
-command -v /usr/bin/time > /dev/null || apt-get install -y -qq time
-dpkg-query -W python3-scipy > /dev/null 2>&1 || apt-get install -y -qq python3-scipy
+"$root/scripts/deps.sh" python3-scipy time bc
 cmake -S "$root" -B "$root/build" -G Ninja > /dev/null
 cmake --build "$root/build" --target kagrid > /dev/null
 kagrid="$root/build/kagrid"
@@ -49,7 +47,6 @@ report() {  # report LABEL OURS PEER
     "$1" "$t1" "$(echo "$m1/1024" | bc -l)" "$3" "$t2" "$(echo "$m2/1024" | bc -l)" \
     "$(echo "$t2/$t1" | bc -l)" "$(echo "$m1/$m2" | bc -l)"
 }
-command -v bc > /dev/null || apt-get install -y -qq bc
 
 run kagrid_idw "$kagrid" inverse-distance "$work/points.csv" "$work/k_idw.tif" "${grid[@]}" \
   --set power=2 --set sectorCount=1 --set blankSectors=1 --set minInAll=16 \

@@ -12,15 +12,11 @@
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 PY=/usr/bin/python3  # Debian's python3-scipy, not a pyenv one
+"$root/scripts/deps.sh" python3-scipy python3-gdal time bc
 if [ -z "${KAGRID:-}" ]; then
-  "$root/scripts/deps.sh"
   "$root/scripts/build.sh" "$root/build" > /dev/null
   KAGRID="$root/build/kagrid"
 fi
-command -v /usr/bin/time > /dev/null || apt-get install -y -qq time
-command -v bc > /dev/null || apt-get install -y -qq bc
-dpkg-query -W python3-scipy > /dev/null 2>&1 || apt-get install -y -qq python3-scipy
-dpkg-query -W python3-gdal > /dev/null 2>&1 || apt-get install -y -qq python3-gdal
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 

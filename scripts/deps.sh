@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build and the tests need, when missing.
+# Installs the Debian packages the build and the tests need, when missing,
+# and any further packages named as arguments (the benchmarks' peers).
 set -euo pipefail
 
 packages=(cmake ninja-build g++ pkg-config libgdal-dev gdal-bin libcgal-dev
-          nlohmann-json3-dev libgtest-dev)
+          nlohmann-json3-dev libgtest-dev "$@")
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
