@@ -121,9 +121,9 @@ struct ColumnChoice {
     std::string name;
 };
 
-ColumnChoice ParseChoice(const std::string& path, const std::string& spec, const char* role)
+ColumnChoice ParseChoice(const std::string& path, const std::string& given, const char* role)
 {
-    const std::string_view s = Trim(spec);
+    const std::string_view s = Trim(given);
     ColumnChoice c;
     if (s.empty()) throw KaIoError(path, std::string("no column given for ") + role);
     if (AllDigits(s)) {
