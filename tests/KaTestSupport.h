@@ -5,15 +5,16 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <initializer_list>
 #include <map>
 #include <memory>
 #include <random>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -27,18 +28,28 @@
 
 namespace katest {
 
-inline std::unique_ptr<KaSampleList> Samples(std::initializer_list<Ka3DPoint> points)
+inline std::unique_ptr<KaSampleList> Samples(const std::vector<Ka3DPoint>& points)
 {
     auto list = std::make_unique<KaSampleList>();
     for (const Ka3DPoint& p : points) list->Append(p);
     return list;
 }
 
-inline std::unique_ptr<KaSampleList> Samples(const std::vector<Ka3DPoint>& points)
+// A cols x rows surface over [x0, x1] x [y0, y1] (`box`) holding `values`
+// row by row from the south; nodes past the values stay blank.
+inline std::unique_ptr<KaSurface> MakeSurface(uint32_t cols, uint32_t rows, std::array<double, 4> box,
+                                              const std::vector<double>& values, double blank = 1.70141e38)
 {
-    auto list = std::make_unique<KaSampleList>();
-    for (const Ka3DPoint& p : points) list->Append(p);
-    return list;
+    auto s = std::make_unique<KaSurface>();
+    KaSurfaceObjInfo& info = s->GetSurfaceObjInfo();
+    info.columnCount = cols, info.rowCount = rows;
+    info.xMin = box[0], info.xMax = box[1], info.yMin = box[2], info.yMax = box[3];
+    info.invalidValue = blank;
+    KaTDataMatrix2D<double> m(blank);
+    m.Create(cols, rows);
+    std::copy(values.begin(), values.end(), m.data);
+    EXPECT_TRUE(s->SetGridDataArray(std::move(m)));
+    return s;
 }
 
 // n points uniformly on [x0, x1] x [y0, y1] with a smooth z, reproducible by seed.
@@ -113,19 +124,17 @@ struct SearchRig {
     }
 };
 
-// The keys a record shows to the command line, in field order.
-inline std::vector<std::string> Keys(KaEstimatorGridParam& record)
-{
-    std::vector<std::string> keys;
-    for (const KaFieldDescription& f : DescribeFields(record)) keys.push_back(f.key);
-    return keys;
-}
-
-// The keys `record` adds to those of `base` (a fresh record of the class it
-// builds on), failing the test unless the base's keys come first.
+// The keys (as the command line shows them) that `record` adds to those of
+// `base` (a fresh record of the class it builds on), failing the test unless
+// the base's keys come first.
 inline std::vector<std::string> OwnKeys(KaEstimatorGridParam& record, KaEstimatorGridParam&& base)
 {
-    const std::vector<std::string> all = Keys(record), inherited = Keys(base);
+    auto keys = [](KaEstimatorGridParam& r) {
+        std::vector<std::string> k;
+        for (const KaFieldDescription& f : DescribeFields(r)) k.push_back(f.key);
+        return k;
+    };
+    const std::vector<std::string> all = keys(record), inherited = keys(base);
     const bool first = all.size() >= inherited.size() && std::equal(inherited.begin(), inherited.end(), all.begin());
     EXPECT_TRUE(first) << "the base record's keys do not lead";
     if (!first) return all;
@@ -200,6 +209,12 @@ struct TempDir {
     }
     ~TempDir() { std::filesystem::remove_all(path); }
     std::string operator/(const std::string& name) const { return (path / name).string(); }
+    std::set<std::string> Entries() const  // the names in the directory
+    {
+        std::set<std::string> names;
+        for (const auto& e : std::filesystem::directory_iterator(path)) names.insert(e.path().filename().string());
+        return names;
+    }
 };
 
 inline void WriteFile(const std::string& path, const std::string& text)

@@ -28,20 +28,16 @@ TEST(InverseDistance, WeightsPowerSmoothingAndCoincidence)
     r.p->smoothing = 0;
     EXPECT_DOUBLE_EQ(r.est.EstimateAt(5, 5), 12.0);
 
-    // A sample within the tolerance box returns its value even when not first.
+    // A sample within the tolerance returns its value, found first by the
+    // search or not.
+    Idw on({{5, 5, 3}, {6, 5, 10}}, 20, 1);
+    EXPECT_EQ(on.est.EstimateAt(5.0009, 5), 3);
     KaNeighbours list{{6, 5, 10}, {5.0005, 4.9995, 33}};
     EXPECT_EQ(r.est.WeightedAverage(list, 5, 5), 33);
     // All neighbours blank-valued: the weights vanish.
     r.p->originalInvalidValue = 10;
     KaNeighbours blanks{{6, 5, 10}};
     EXPECT_EQ(r.est.WeightedAverage(blanks, 5, 5), r.p->blankValue);
-}
-
-TEST(InverseDistance, NodeOnASampleTakesItsValue)
-{
-    Idw r({{5, 5, 3}, {6, 5, 10}}, 20, 1);
-    EXPECT_EQ(r.est.EstimateAt(5, 5), 3);
-    EXPECT_EQ(r.est.EstimateAt(5.0009, 5), 3);
 }
 
 TEST(NearestNeighbor, ClosestWinsTiesGoToTheEarlierAndEllipseBounds)

@@ -22,6 +22,16 @@ struct Rig {
         p = param.get();
         searcher.SetParam(std::move(param));
     }
+    // `sectors` sectors of an ellipse with radii r1, r2 wanting `minInAll`
+    // samples; blankSectors 100 lets the rings stop once minInAll are in.
+    void Ellipse(int32_t sectors, int64_t minInAll, double r1, double r2, int64_t blankSectors = 100)
+    {
+        p->sectorCount = sectors;
+        p->minInAll = minInAll;
+        p->radius1 = r1;
+        p->radius2 = r2;
+        p->blankSectors = blankSectors;
+    }
     void Build(const std::vector<Ka3DPoint>& pts)
     {
         samples = katest::Samples(pts);
@@ -43,7 +53,7 @@ bool Less(const Ka3DPoint& a, const Ka3DPoint& b)
 
 }  // namespace
 
-TEST(SearchGrid, GeometryOfATenByTenGrid)
+TEST(SearchGrid, GeometryOfATenByTenGridAndOfAZeroExtentOne)
 {
     Rig g(0, 9, 0, 9, 10, 10);
     g.Build({{0, 0, 1}});
@@ -54,6 +64,13 @@ TEST(SearchGrid, GeometryOfATenByTenGrid)
     EXPECT_EQ(i.xMin, -5.0);
     EXPECT_EQ(i.xMax, 15.0);  // moved to a whole number of cells
     EXPECT_EQ(i.yMax, 15.0);
+
+    Rig z(0, 0, 0, 9, 1, 10);  // one column: cell size 0, no buckets, every node blank
+    z.Build({{0, 0, 1}});
+    EXPECT_EQ(z.searcher.BucketCount(), 0u);
+    bool ok = true;
+    z.Find(0, 0, true, &ok);
+    EXPECT_FALSE(ok);
 }
 
 TEST(SearchGrid, SamplesAreClampedIntoEdgeBucketsInListOrder)
@@ -73,24 +90,10 @@ TEST(SearchGrid, SamplesAreClampedIntoEdgeBucketsInListOrder)
     EXPECT_EQ(g.searcher.BucketBegin(b)[1].z, 4);
 }
 
-TEST(SearchGrid, ZeroExtentGridHasNoBucketsAndBlanksEveryNode)
-{
-    Rig g(0, 0, 0, 9, 1, 10);  // one column: cell size 0
-    g.Build({{0, 0, 1}});
-    EXPECT_EQ(g.searcher.BucketCount(), 0u);
-    bool ok = true;
-    g.Find(0, 0, true, &ok);
-    EXPECT_FALSE(ok);
-}
-
 TEST(Search, SectorsFollowTheMirroredAngle)
 {
     Rig g(0, 10, 0, 10, 11, 11);
-    g.p->sectorCount = 4;
-    g.p->minInAll = 4;  // the rings stop once all four are in
-    g.p->blankSectors = 100;
-    g.p->maxFromAll = 100;
-    g.p->radius1 = g.p->radius2 = 3;
+    g.Ellipse(4, 4, 3, 3);  // the rings stop once all four are in
     // below (270 -> sector 3), below-right (kept: 180 + 45 = 225 -> sector 2),
     // above-left (135 -> sector 1), right (0 -> sector 0)
     g.Build({{5, 3, 3}, {6, 4, 2}, {4, 6, 1}, {6, 5, 0}});
@@ -102,10 +105,7 @@ TEST(Search, SectorsFollowTheMirroredAngle)
 TEST(Search, CoincidentSampleStopsOrCountsInSectorZero)
 {
     Rig g(0, 10, 0, 10, 11, 11);
-    g.p->sectorCount = 4;
-    g.p->minInAll = 3;
-    g.p->blankSectors = 100;
-    g.p->radius1 = g.p->radius2 = 3;
+    g.Ellipse(4, 3, 3, 3);
     g.Build({{5, 4, 7}, {5.0001, 5, 9}, {4, 4, 8}});
     bool ok = false;
     KaNeighbours r = g.Find(5, 5, true, &ok);
@@ -123,9 +123,7 @@ TEST(Search, InvalidValuesAreNeverReturnedAndTooFewFail)
 {
     Rig g(0, 10, 0, 10, 11, 11);
     g.p->originalInvalidValue = -1;
-    g.p->sectorCount = 1;
-    g.p->minInAll = 2;
-    g.p->radius1 = g.p->radius2 = 3;
+    g.Ellipse(1, 2, 3, 3);
     g.Build({{5, 6, -1}, {6, 5, 4}, {9.5, 9.5, 5}});
     bool ok = true;
     KaNeighbours r = g.Find(5, 5, true, &ok);
@@ -137,11 +135,7 @@ TEST(Search, InvalidValuesAreNeverReturnedAndTooFewFail)
 TEST(Search, EllipseUsesDegreesAsRadiansAndExcludesItsEdge)
 {
     Rig g(0, 10, 0, 10, 11, 11);
-    g.p->sectorCount = 1;
-    g.p->minInAll = 1;
-    g.p->blankSectors = 100;
-    g.p->radius1 = 2;
-    g.p->radius2 = 1;
+    g.Ellipse(1, 1, 2, 1);
     // Due north: theta = 90 "radians": sin^2 = 0.7931, so r = 2 / sqrt(0.7931*4 + 0.2069)
     const double s = std::sin(90.0), c = std::cos(90.0);
     const double r = 2 * 1 / std::sqrt(s * s * 4 + c * c * 1);
@@ -154,9 +148,7 @@ TEST(Search, EllipseUsesDegreesAsRadiansAndExcludesItsEdge)
 TEST(Search, SectorIndexOutOfRangeFailsWithTheSampleInTheMessage)
 {
     Rig g(0, 2, 0, 2, 3, 3);
-    g.p->sectorCount = 1;
-    g.p->minInAll = 1;
-    g.p->radius1 = g.p->radius2 = 5;
+    g.Ellipse(1, 1, 5, 5, 4);
     // Due west and a hair below: acos(-1) * 180 / 3.14159265 is above 180,
     // so the angle is 360.0000004 and the index equals sectorCount.
     g.Build({{0, 2 - 1e-12, 1}});
@@ -165,9 +157,8 @@ TEST(Search, SectorIndexOutOfRangeFailsWithTheSampleInTheMessage)
     EXPECT_NE(m.find("angle 360.0000002"), std::string::npos) << m;
     // A negative theta of a full sector: the index is not wrapped.
     Rig h(0, 2, 0, 2, 3, 3);
-    h.p->sectorCount = 4;
+    h.Ellipse(4, 8, 5, 5, 4);
     h.p->ellipseAngle = 100;
-    h.p->radius1 = h.p->radius2 = 5;
     h.Build({{2, 1, 1}});  // angle 0, theta -100
     EXPECT_THROW(h.Find(1, 1), KaSearchError);
 }
@@ -180,11 +171,8 @@ TEST(Search, RingsMatchBruteForceOverRandomClouds)
     for (unsigned seed = 1; seed <= 5; ++seed) {
         Rig g(0, 1, 0, 1, 41, 37);
         const double radius = 0.06 + 0.01 * seed;
-        g.p->sectorCount = 1 + seed % 4;
-        g.p->minInAll = 1 << 20;
+        g.Ellipse(1 + seed % 4, 1 << 20, radius, radius, 1);
         g.p->maxFromAll = g.p->maxFromEach = 1 << 20;
-        g.p->blankSectors = 1;
-        g.p->radius1 = g.p->radius2 = radius;
         g.p->tolerance = 0;
         const auto pts = katest::RandomPoints(3000, seed);
         g.Build(pts);
@@ -219,12 +207,8 @@ TEST(Search, RingsMatchBruteForceOverRandomClouds)
 TEST(Search, CapsAndEarlyStop)
 {
     Rig g(0, 10, 0, 10, 11, 11);
-    g.p->sectorCount = 1;
+    g.Ellipse(1, 1, 4, 4);
     g.p->maxFromEach = 2;
-    g.p->maxFromAll = 100;
-    g.p->minInAll = 1;
-    g.p->blankSectors = 100;
-    g.p->radius1 = g.p->radius2 = 4;
     g.Build({{5.1, 5.1, 1}, {5.2, 5.2, 2}, {5.3, 5.3, 3}, {7, 7, 4}});
     KaNeighbours r = g.Find(5, 5);
     ASSERT_EQ(r.size(), 2u);  // the per-sector cap
