@@ -3,6 +3,26 @@
 #include <algorithm>
 #include <cstring>
 
+namespace {
+template <typename T>
+KaObject* Create() { return new T; }
+}  // namespace
+
+KA_IMPLEMENT_RUNTIME_CLASS(KaDataObject, KaObject, nullptr)
+KA_IMPLEMENT_RUNTIME_CLASS(KaSurface, KaDataObject, Create<KaSurface>)
+KA_IMPLEMENT_RUNTIME_CLASS(KaScatteredPoints, KaDataObject, Create<KaScatteredPoints>)
+KA_IMPLEMENT_RUNTIME_CLASS(KaTextureSurface, KaDataObject, Create<KaTextureSurface>)
+
+namespace {
+// The data classes can be looked up by name as soon as the library is loaded.
+const KaClassRegistration g_registrations[] = {
+    KaClassRegistration(KaDataObject::GetThisClass()),
+    KaClassRegistration(KaSurface::GetThisClass()),
+    KaClassRegistration(KaScatteredPoints::GetThisClass()),
+    KaClassRegistration(KaTextureSurface::GetThisClass()),
+};
+}  // namespace
+
 bool KaSurface::GetGridDataArray(KaTDataMatrix2D<double>& out) const
 {
     if (data_.IsEmpty()) return false;
@@ -40,5 +60,14 @@ void KaScatteredPoints::SetScatteredPoints(std::vector<Ka3DPoint> points)
 bool KaScatteredPoints::GetScatteredPoints(std::vector<Ka3DPoint>& out) const
 {
     out = points_;
+    return true;
+}
+
+bool KaTextureSurface::SetImage(uint32_t width, uint32_t height, std::vector<uint32_t> pixels)
+{
+    if (pixels.size() != static_cast<std::size_t>(width) * height) return false;
+    width_ = width;
+    height_ = height;
+    pixels_ = std::move(pixels);
     return true;
 }

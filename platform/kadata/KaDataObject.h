@@ -9,7 +9,9 @@
 #include "platform/kamessageroute/KaObject.h"
 
 // A data object of the host (surface, point set, mesh).
-class KaDataObject : public KaObject {};
+class KaDataObject : public KaObject {
+    KA_DECLARE_RUNTIME_CLASS(KaDataObject)
+};
 
 // Grid information of a surface: lattice, corners, invalid value, z range.
 // Node (r, c) lies at xMin + c * GetDx(), yMin + r * GetDy().
@@ -28,6 +30,7 @@ struct KaSurfaceObjInfo {
 };
 
 class KaSurface : public KaDataObject {
+    KA_DECLARE_RUNTIME_CLASS(KaSurface)
 public:
     KaSurfaceObjInfo& GetSurfaceObjInfo() { return info_; }
     const KaSurfaceObjInfo& GetSurfaceObjInfo() const { return info_; }
@@ -49,6 +52,7 @@ private:
 };
 
 class KaScatteredPoints : public KaDataObject {
+    KA_DECLARE_RUNTIME_CLASS(KaScatteredPoints)
 public:
     // Stores the points and sets the limit to their extent.
     void SetScatteredPoints(std::vector<Ka3DPoint> points);
@@ -63,5 +67,24 @@ public:
 private:
     std::vector<Ka3DPoint> points_;
     double invalidValue_ = 1.70141e38;
+    Ka3DLimit limit_;
+};
+
+// A surface draped with an image (width x height pixels, 0xAARRGGBB, rows from
+// the top). Not a KaSurface: it carries no grid of values.
+class KaTextureSurface : public KaDataObject {
+    KA_DECLARE_RUNTIME_CLASS(KaTextureSurface)
+public:
+    // False (nothing changed) when the pixel count does not match the size.
+    bool SetImage(uint32_t width, uint32_t height, std::vector<uint32_t> pixels);
+    uint32_t GetImageWidth() const { return width_; }
+    uint32_t GetImageHeight() const { return height_; }
+    const std::vector<uint32_t>& GetImagePixels() const { return pixels_; }
+    Ka3DLimit& GetLimit() { return limit_; }
+    const Ka3DLimit& GetLimit() const { return limit_; }
+
+private:
+    uint32_t width_ = 0, height_ = 0;
+    std::vector<uint32_t> pixels_;
     Ka3DLimit limit_;
 };

@@ -13,6 +13,16 @@
 #include <CGAL/Triangulation_vertex_base_with_info_2.h>
 
 namespace {
+KaObject* CreateDelaunay() { return new KaDelaunayTriangle; }
+}  // namespace
+
+KA_IMPLEMENT_RUNTIME_CLASS(KaDelaunayTriangle, KaDataObject, CreateDelaunay)
+
+namespace {
+const KaClassRegistration g_registration(KaDelaunayTriangle::GetThisClass());
+}  // namespace
+
+namespace {
 
 using Kernel = CGAL::Exact_predicates_inexact_constructions_kernel;
 // Each vertex carries the index of its point in the sorted point list.

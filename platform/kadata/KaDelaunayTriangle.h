@@ -94,6 +94,7 @@ private:
 // perturbation, so the triangulation depends on the point set only, not on the
 // input order. At most 2^32 - 1 usable points (std::length_error beyond).
 class KaDelaunayTriangle : public KaDataObject {
+    KA_DECLARE_RUNTIME_CLASS(KaDelaunayTriangle)
 public:
     // Replaces the points and triangulates them at once.
     void SetScatteredPoint(const std::vector<Ka3DPoint>& points);

@@ -3,12 +3,17 @@
 #include <cstdint>
 #include <string>
 
-// Base of every host object: a unique id and a display name.
+#include "platform/kamessageroute/KaRuntimeClass.h"
+
+// Base of every host object: a unique id, a display name and a runtime class.
 class KaObject {
 public:
     virtual ~KaObject() = default;
 
     static int64_t CreateUniqueID();
+    static const KaRuntimeClass* GetThisClass();
+    virtual const KaRuntimeClass* GetRuntimeClass() const { return GetThisClass(); }
+    bool IsKindOf(const KaRuntimeClass* c) const { return GetRuntimeClass()->IsDerivedFrom(c); }
 
     void SetID(int64_t id) { id_ = id; }
     int64_t GetID() const { return id_; }

@@ -1,0 +1,114 @@
+#include "host/KaMethodDialogs.h"
+
+#include <QCoreApplication>
+#include <QTabWidget>
+
+#include "core/KaRecordFill.h"
+#include "host/KaSheetEstimator2DBase.h"
+#include "methods/KaEstDataMetrics.h"
+#include "methods/KaEstInverseDistance.h"
+#include "methods/KaEstKrig.h"
+#include "methods/KaEstKriging.h"
+#include "methods/KaEstLinearTriangulation.h"
+#include "methods/KaEstLocalPolynomial.h"
+#include "methods/KaEstMinCurvature.h"
+#include "methods/KaEstModifiedShepard.h"
+#include "methods/KaEstMovingAverage.h"
+#include "methods/KaEstNearestNeighbor.h"
+#include "methods/KaEstPolynomialRegression.h"
+#include "methods/KaEstRadialBasis.h"
+#include "methods/KaMethodRegistry.h"
+#include "pages/KaPageEstimatorBase.h"
+#include "platform/kadata/KaDataObject.h"
+#include "platform/kadata/KaEventsLog.h"
+
+namespace {
+
+template <typename T>
+KaPageEstimatorBase* Page(KaSheetEstimator2DBase* dialog) { return new T(dialog); }
+
+template <typename T>
+std::unique_ptr<KaEstimatorGridParam> Copy(const KaEstimatorGridParam& r)
+{
+    const auto* t = dynamic_cast<const T*>(&r);
+    return t ? std::make_unique<T>(*t) : nullptr;
+}
+
+// Tab names, marked for translation in the dialogs' context.
+#define KA_TAB(text) QT_TRANSLATE_NOOP("KaSheetEstimator2DBase", text)
+const KaPageRow kGeometry{KA_TAB("Geometry"), nullptr /* KaPageGridGeometry */};
+const KaPageRow kSearch{KA_TAB("Search"), nullptr /* KaPageSearch */};
+// The method's own page; null until its class is written.
+#define KA_GENERAL(page) KaPageRow{KA_TAB("General"), page}
+
+using Id = KaMethodId;
+const KaMethodDialogRow kRows[] = {
+    {Id::Krig, "kriging", "Gridding - Krig",
+     {kGeometry, KA_GENERAL(nullptr /* KaPageKriging */), kSearch}, Copy<KaEstKrigParam>,
+     "Kriging", "Griding data using Kriging Method.", false},
+    // Deliberately without a "General" page.
+    {Id::KrigingEstimator, "linear-kriging", "Gridding - Kriging", {kGeometry, kSearch}, Copy<KaEstKrigingParam>,
+     "Kriging", "Griding data using Kriging Method.", false},
+    {Id::InverseDistance, "inverse-distance", "Gridding - Inverse Distance to a power",
+     {kGeometry, KA_GENERAL(nullptr /* KaPageInverseGeneral */), kSearch}, Copy<KaEstInverseDistanceParam>,
+     "Inverse Distance", "Griding data using Inverse Distance Method.", false},
+    // Deliberately the search ellipse under the name "General".
+    {Id::NearestNeighbor, "nearest-neighbor", "Gridding - Nearest Neighbor",
+     {kGeometry, KA_GENERAL(nullptr /* KaPageSearchEllipse */)}, Copy<KaEstNearestNeighborParam>,
+     "Nearset Neighbor", "Griding data using Nearset Neighbor Method.", false},
+    {Id::ArithmeticMean, "moving-average", "Gridding - Arithmetic Mean",
+     {kGeometry, KA_GENERAL(nullptr /* KaPageMovingAverage */)}, Copy<KaEstMovingAverageParam>,
+     "Arithmetic Mean", "Griding data using Arithmetic Mean Method.", false},
+    {Id::ModifiedShepard, "modified-shepard", "Gridding - Modified Shepard's Method",
+     {kGeometry, KA_GENERAL(nullptr /* KaPageModifiedShepardMethod */)}, Copy<KaEstModifiedShepardParam>,
+     "Modified Shepard's Method", "Griding data using Modified Shepard's Method.", false},
+    {Id::DataMetrics, "data-metrics", "Gridding - Data Metrics",
+     {kGeometry, KA_GENERAL(nullptr /* KaPageDataMetrics */), kSearch}, Copy<KaEstDataMetricsParam>,
+     "Data Metrics", "Griding data using Data Metrics Method.", false},
+    {Id::RadialBasis, "radial-basis", "Gridding - Radial Basis Function",
+     {kGeometry, KA_GENERAL(nullptr /* KaPageRadialBasis */), kSearch}, Copy<KaEstRadialBasisParam>,
+     "Radial Basis Function", "Griding data using Radial Basis Function Method.", false},
+    {Id::PolynomialRegression, "polynomial-regression", "Gridding - Polynomial Regression",
+     {kGeometry, KA_GENERAL(nullptr /* KaPagePolynomialRegression */)}, Copy<KaEstPolynomialRegressionParam>,
+     "Polynomial Regression", "Griding data using Polynomial Regression Method.", false},
+    {Id::LocalPolynomial, "local-polynomial", "Gridding - Local Polynomial",
+     {kGeometry, KA_GENERAL(nullptr /* KaPageLocalPolynomial */), kSearch}, Copy<KaEstLocalPolynomialParam>,
+     "Local Polynomial", "Griding data using Local Polynomial Method.", false},
+    {Id::MinCurvature, "minimum-curvature", "Gridding - Minimum Curvature",
+     {kGeometry, KA_GENERAL(nullptr /* KaPageMinCurvature */)}, Copy<KaEstMinCurvatureParam>,
+     "Minimum Curvature", "Griding data using Minimum Curvature Method.", false},
+    {Id::LinearTriangulation, "triangulation", "Gridding - Triangulation with Linear Interpolation",
+     {kGeometry, KA_GENERAL(nullptr /* KaPageLinearTriangulation */)}, Copy<KaEstLinearTriangulationParam>,
+     "Triangulation with Linear Interpolation",
+     "Gridding data using Triangulation with Linear Interpolation Method.", true},
+};
+
+}  // namespace
+
+const KaMethodInfo& KaMethodDialogRow::Method() const { return *FindMethod(methodKey); }
+
+std::span<const KaMethodDialogRow> KaMethodDialogRows() { return kRows; }
+
+const KaMethodDialogRow& KaMethodDialog(KaMethodId id) { return kRows[static_cast<int>(id)]; }
+
+KaSheetEstimator2DBase* CreateMethodDialog(const KaMethodDialogRow& row, const KaDataObject* object,
+                                           QWidget* parent)
+{
+    auto* dialog = new KaSheetEstimator2DBase(parent);
+    dialog->setWindowTitle(QString::fromUtf8(row.title));
+    dialog->SetRecordCopier(row.copyRecord);
+    for (const KaPageRow& p : row.pages)
+        if (p.tab && p.make)
+            dialog->AddPage(p.make(dialog), QCoreApplication::translate("KaSheetEstimator2DBase", p.tab));
+
+    const KaMethodInfo& method = row.Method();
+    std::unique_ptr<KaEstimatorGridParam> record = method.makeParam();
+    const KaFillResult fill = FillRecordFromObject(record.get(), object, method.suffix);
+    if (fill == KaFillResult::Failed) return nullptr;  // kept: the dialog is neither shown nor deleted
+    if (fill == KaFillResult::NeedsExplicitGeometry)
+        OutputEventsLog(3, "The point set \"" + object->GetName() +
+                               "\" has no extent on one axis: the grid's column count could not be "
+                               "derived and is set to 1; set the geometry on the \"Geometry\" page.");
+    dialog->SetTaskParameter(record.release());
+    return dialog;
+}
