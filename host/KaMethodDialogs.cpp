@@ -19,6 +19,8 @@
 #include "methods/KaEstRadialBasis.h"
 #include "methods/KaMethodRegistry.h"
 #include "pages/KaPageEstimatorBase.h"
+#include "pages/KaPageGridGeometry.h"
+#include "pages/KaPageSearch.h"
 #include "platform/kadata/KaDataObject.h"
 #include "platform/kadata/KaEventsLog.h"
 
@@ -36,8 +38,10 @@ std::unique_ptr<KaEstimatorGridParam> Copy(const KaEstimatorGridParam& r)
 
 // Tab names, marked for translation in the dialogs' context.
 #define KA_TAB(text) QT_TRANSLATE_NOOP("KaSheetEstimator2DBase", text)
-const KaPageRow kGeometry{KA_TAB("Geometry"), nullptr /* KaPageGridGeometry */};
-const KaPageRow kSearch{KA_TAB("Search"), nullptr /* KaPageSearch */};
+const KaPageRow kGeometry{KA_TAB("Geometry"), Page<KaPageGridGeometry>};
+const KaPageRow kSearch{KA_TAB("Search"), Page<KaPageSearch>};
+// Job titles and descriptions, translated by the agency.
+#define KA_JOB(text) QT_TRANSLATE_NOOP("KaMenuAgencyEstimator2D", text)
 // The method's own page; null until its class is written.
 #define KA_GENERAL(page) KaPageRow{KA_TAB("General"), page}
 
@@ -45,42 +49,42 @@ using Id = KaMethodId;
 const KaMethodDialogRow kRows[] = {
     {Id::Krig, "kriging", "Gridding - Krig",
      {kGeometry, KA_GENERAL(nullptr /* KaPageKriging */), kSearch}, Copy<KaEstKrigParam>,
-     "Kriging", "Griding data using Kriging Method.", false},
+     KA_JOB("Kriging"), KA_JOB("Griding data using Kriging Method."), false},
     // Deliberately without a "General" page.
     {Id::KrigingEstimator, "linear-kriging", "Gridding - Kriging", {kGeometry, kSearch}, Copy<KaEstKrigingParam>,
-     "Kriging", "Griding data using Kriging Method.", false},
+     KA_JOB("Kriging"), KA_JOB("Griding data using Kriging Method."), false},
     {Id::InverseDistance, "inverse-distance", "Gridding - Inverse Distance to a power",
      {kGeometry, KA_GENERAL(nullptr /* KaPageInverseGeneral */), kSearch}, Copy<KaEstInverseDistanceParam>,
-     "Inverse Distance", "Griding data using Inverse Distance Method.", false},
+     KA_JOB("Inverse Distance"), KA_JOB("Griding data using Inverse Distance Method."), false},
     // Deliberately the search ellipse under the name "General".
     {Id::NearestNeighbor, "nearest-neighbor", "Gridding - Nearest Neighbor",
-     {kGeometry, KA_GENERAL(nullptr /* KaPageSearchEllipse */)}, Copy<KaEstNearestNeighborParam>,
-     "Nearset Neighbor", "Griding data using Nearset Neighbor Method.", false},
+     {kGeometry, KA_GENERAL(Page<KaPageSearchEllipse>)}, Copy<KaEstNearestNeighborParam>,
+     KA_JOB("Nearset Neighbor"), KA_JOB("Griding data using Nearset Neighbor Method."), false},
     {Id::ArithmeticMean, "moving-average", "Gridding - Arithmetic Mean",
      {kGeometry, KA_GENERAL(nullptr /* KaPageMovingAverage */)}, Copy<KaEstMovingAverageParam>,
-     "Arithmetic Mean", "Griding data using Arithmetic Mean Method.", false},
+     KA_JOB("Arithmetic Mean"), KA_JOB("Griding data using Arithmetic Mean Method."), false},
     {Id::ModifiedShepard, "modified-shepard", "Gridding - Modified Shepard's Method",
      {kGeometry, KA_GENERAL(nullptr /* KaPageModifiedShepardMethod */)}, Copy<KaEstModifiedShepardParam>,
-     "Modified Shepard's Method", "Griding data using Modified Shepard's Method.", false},
+     KA_JOB("Modified Shepard's Method"), KA_JOB("Griding data using Modified Shepard's Method."), false},
     {Id::DataMetrics, "data-metrics", "Gridding - Data Metrics",
      {kGeometry, KA_GENERAL(nullptr /* KaPageDataMetrics */), kSearch}, Copy<KaEstDataMetricsParam>,
-     "Data Metrics", "Griding data using Data Metrics Method.", false},
+     KA_JOB("Data Metrics"), KA_JOB("Griding data using Data Metrics Method."), false},
     {Id::RadialBasis, "radial-basis", "Gridding - Radial Basis Function",
      {kGeometry, KA_GENERAL(nullptr /* KaPageRadialBasis */), kSearch}, Copy<KaEstRadialBasisParam>,
-     "Radial Basis Function", "Griding data using Radial Basis Function Method.", false},
+     KA_JOB("Radial Basis Function"), KA_JOB("Griding data using Radial Basis Function Method."), false},
     {Id::PolynomialRegression, "polynomial-regression", "Gridding - Polynomial Regression",
      {kGeometry, KA_GENERAL(nullptr /* KaPagePolynomialRegression */)}, Copy<KaEstPolynomialRegressionParam>,
-     "Polynomial Regression", "Griding data using Polynomial Regression Method.", false},
+     KA_JOB("Polynomial Regression"), KA_JOB("Griding data using Polynomial Regression Method."), false},
     {Id::LocalPolynomial, "local-polynomial", "Gridding - Local Polynomial",
      {kGeometry, KA_GENERAL(nullptr /* KaPageLocalPolynomial */), kSearch}, Copy<KaEstLocalPolynomialParam>,
-     "Local Polynomial", "Griding data using Local Polynomial Method.", false},
+     KA_JOB("Local Polynomial"), KA_JOB("Griding data using Local Polynomial Method."), false},
     {Id::MinCurvature, "minimum-curvature", "Gridding - Minimum Curvature",
      {kGeometry, KA_GENERAL(nullptr /* KaPageMinCurvature */)}, Copy<KaEstMinCurvatureParam>,
-     "Minimum Curvature", "Griding data using Minimum Curvature Method.", false},
+     KA_JOB("Minimum Curvature"), KA_JOB("Griding data using Minimum Curvature Method."), false},
     {Id::LinearTriangulation, "triangulation", "Gridding - Triangulation with Linear Interpolation",
      {kGeometry, KA_GENERAL(nullptr /* KaPageLinearTriangulation */)}, Copy<KaEstLinearTriangulationParam>,
-     "Triangulation with Linear Interpolation",
-     "Gridding data using Triangulation with Linear Interpolation Method.", true},
+     KA_JOB("Triangulation with Linear Interpolation"),
+     KA_JOB("Gridding data using Triangulation with Linear Interpolation Method."), true},
 };
 
 }  // namespace

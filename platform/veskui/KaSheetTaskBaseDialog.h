@@ -15,8 +15,9 @@ public:
     KaTaskParameter* GetTaskParameter() const { return parameter_.get(); }
 
 public slots:
-    // Takes the record's values in; the base has nothing to load.
-    virtual bool slotLoadData() { return false; }
+    // Answers false in every case; when the record is missing or refuses its
+    // "set parameter" check, a warning box says so first.
+    virtual bool slotLoadData();
 
 private:
     std::unique_ptr<KaTaskParameter> parameter_;
