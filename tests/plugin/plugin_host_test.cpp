@@ -141,10 +141,27 @@ protected:
         d->findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Ok)->click();
     }
 
+    // The dialog an agency slot opens for `object` (the menu built on it first).
+    KaSheetDialogBase* OpenFromSlot(KaDataObject* object, const char* slot)
+    {
+        Submenu(object, parentMenu);
+        EXPECT_TRUE(QMetaObject::invokeMethod(agencies.back(), slot)) << slot;
+        return LatestDialog();
+    }
+
+    // Accepts the dialog and waits until its job has finished.
+    JobLog& AcceptAndWait(QDialog* dialog)
+    {
+        ClickOk(dialog);
+        EXPECT_TRUE(WaitFor([&] { return !host.jobs.empty() && host.jobs.back()->finished; }));
+        return *host.jobs.back();
+    }
+
     static QPluginLoader* loader;
     QWidget mainWindow;
     std::unique_ptr<KaEmbeddedNode> node;
     std::vector<KaMenuAgencyBase*> agencies;
+    QMenu parentMenu;
     Host host;
 };
 QPluginLoader* PluginHost::loader = nullptr;
@@ -252,9 +269,7 @@ TEST_P(PluginHostMethods, SurfaceIsKagridsGridAndProgressIsTheJobs)
     KaSheetDialogBase* dialog = LatestDialog();
     ASSERT_NE(dialog, nullptr);
     ASSERT_TRUE(dialog->isVisible());
-    ClickOk(dialog);
-    ASSERT_TRUE(WaitFor([&] { return !host.jobs.empty() && host.jobs.back()->finished; }));
-    JobLog& job = *host.jobs.back();
+    JobLog& job = AcceptAndWait(dialog);
     ASSERT_FALSE(job.created.empty());
     auto* surface = dynamic_cast<KaSurface*>(job.created.back().get());
     ASSERT_NE(surface, nullptr);
@@ -319,12 +334,7 @@ INSTANTIATE_TEST_SUITE_P(Entries, PluginHostMethods,
 TEST_F(PluginHost, TriangulationHandsOverTheMeshBeforeTheSurface)
 {
     auto points = PointSet(ProjectedPoints(30, 3), "wells");
-    QMenu parent;
-    Submenu(points.get(), parent);
-    QMetaObject::invokeMethod(agencies.back(), "slotLinearTriangulation");
-    ClickOk(LatestDialog());
-    ASSERT_TRUE(WaitFor([&] { return !host.jobs.empty() && host.jobs.back()->finished; }));
-    const JobLog& job = *host.jobs.back();
+    const JobLog& job = AcceptAndWait(OpenFromSlot(points.get(), "slotLinearTriangulation"));
     ASSERT_EQ(job.created.size(), 2u);
     auto* mesh = dynamic_cast<KaDelaunayTriangle*>(job.created[0].get());
     ASSERT_NE(mesh, nullptr);
@@ -381,10 +391,7 @@ TEST_F(PluginHost, PointSetWithoutHeightOpensWithOneColumnAndSaysSo)
 {
     katest::LogCapture log;
     auto points = PointSet({{0, 5, 1}, {10, 5, 2}, {20, 5, 3}}, "line");
-    QMenu parent;
-    Submenu(points.get(), parent);
-    QMetaObject::invokeMethod(agencies.back(), "slotInverseDistance");
-    KaSheetDialogBase* dialog = LatestDialog();
+    KaSheetDialogBase* dialog = OpenFromSlot(points.get(), "slotInverseDistance");
     ASSERT_NE(dialog, nullptr);
     EXPECT_EQ(dialog->findChild<QSpinBox*>("SpinXCount")->value(), 1);
     EXPECT_EQ(dialog->findChild<QSpinBox*>("SpinYCount")->value(), 100);
@@ -398,22 +405,15 @@ TEST_F(PluginHost, PointSetWithoutHeightOpensWithOneColumnAndSaysSo)
 TEST_F(PluginHost, MinimumCurvatureEndsWithoutASurface)
 {
     auto points = PointSet(ProjectedPoints(20, 9), "wells");
-    QMenu parent;
-    Submenu(points.get(), parent);
-    QMetaObject::invokeMethod(agencies.back(), "slotMinCurvature");
-    ClickOk(LatestDialog());
-    ASSERT_TRUE(WaitFor([&] { return !host.jobs.empty() && host.jobs.back()->finished; }));
-    EXPECT_TRUE(host.jobs.back()->created.empty());
-    EXPECT_EQ(host.jobs.back()->events.back(), "M:Ready to griding");
+    const JobLog& job = AcceptAndWait(OpenFromSlot(points.get(), "slotMinCurvature"));
+    EXPECT_TRUE(job.created.empty());
+    EXPECT_EQ(job.events.back(), "M:Ready to griding");
 }
 
 TEST_F(PluginHost, AcceptingTwiceRunsTwoJobsAndAMissingObjectStartsNone)
 {
     auto points = PointSet(ProjectedPoints(25, 11), "wells");
-    QMenu parent;
-    Submenu(points.get(), parent);
-    QMetaObject::invokeMethod(agencies.back(), "slotArithmeticMean");
-    KaSheetDialogBase* dialog = LatestDialog();
+    KaSheetDialogBase* dialog = OpenFromSlot(points.get(), "slotArithmeticMean");
     ClickOk(dialog);
     ClickOk(dialog);
     ASSERT_TRUE(WaitFor([&] { return host.jobs.size() == 2 && host.jobs[0]->finished && host.jobs[1]->finished; }));
