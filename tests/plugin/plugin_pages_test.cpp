@@ -13,7 +13,6 @@
 #include "core/KaEstimatorGrid.h"
 #include "host/KaMethodDialogs.h"
 #include "host/KaSheetEstimator2DBase.h"
-#include "host/KaTaskDataGriding.h"
 #include "host/KaThreadTriangulation.h"
 #include "methods/KaEstInverseDistance.h"
 #include "methods/KaEstLinearTriangulation.h"
@@ -466,14 +465,6 @@ TEST(KaThreadEstimator2D, AThreadThatNeverStartsIsReclaimedByTheHost)
     EXPECT_TRUE(KaThreadMgr::Instance().Threads().contains(thread.data()));
     EXPECT_EQ(KaThreadMgr::Instance().ReclaimIdle(), 1);
     EXPECT_TRUE(thread.isNull());
-}
-
-TEST(KaTaskDataGriding, RecordAcceptsAndIsNamed)
-{
-    KaTaskDataGridingParam p;
-    EXPECT_TRUE(p.SetParameter());
-    EXPECT_EQ(p.GetName(), "Data Gridding");
-    EXPECT_TRUE(KaTaskDataGriding::GetThisClass()->IsDerivedFrom(KaTask::GetThisClass()));
 }
 
 }  // namespace
