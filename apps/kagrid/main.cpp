@@ -14,6 +14,11 @@
 #include <string>
 #include <vector>
 
+#include <gdal.h>
+
+#include "apps/kagrid/KaGridOptions.h"
+#include "apps/kagrid/KaRunReport.h"
+#include "apps/kagrid/io/KaCrs.h"
 #include "apps/kagrid/io/KaIoError.h"
 #include "apps/kagrid/io/KaMeshWriter.h"
 #include "apps/kagrid/io/KaParamJson.h"
@@ -33,30 +38,46 @@ namespace {
 constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
 
+// The size of the grid being made, for an allocation failure's message.
+std::string gridSize;
+
 const char* kUsage =
     "usage: kagrid METHOD INPUT OUTPUT [options]\n"
-    "       kagrid methods            list the methods with every parameter\n"
+    "       kagrid methods [METHOD]   list the methods (or one) with every parameter\n"
+    "       kagrid --version\n"
     "\n"
     "INPUT   points: CSV or whitespace-separated x y z text, or any vector file GDAL reads;\n"
     "        a raster GDAL reads: its nodes become the samples\n"
-    "OUTPUT  grid written with GDAL; format from the extension (GeoTIFF by default)\n"
+    "OUTPUT  grid written with GDAL; the format from the extension (GeoTIFF without one)\n"
     "\n"
     "options:\n"
     "  --set KEY=VALUE    set one parameter (repeatable; after --params)\n"
     "  --params FILE      parameters from a JSON object {\"key\": value, ...}\n"
     "  --print-params     print the effective parameters as JSON and exit\n"
-    "  -of FORMAT         GDAL driver for OUTPUT (e.g. GTiff, AAIGrid)\n"
+    "  --bounds XMIN,YMIN,XMAX,YMAX   the grid's box (first node at XMIN, YMIN)\n"
+    "  --cell DX[,DY]     node spacing; the counts follow from the bounds\n"
+    "  --size COLS,ROWS   node counts; the spacing follows from the bounds\n"
+    "  --like RASTER      the lattice of an existing grid\n"
+    "  --crs DEF          coordinate system of the output (EPSG:28992, WKT, PROJ string);\n"
+    "                     default: the input's (its layer, raster, or a .prj beside a text file)\n"
+    "  -of FORMAT         GDAL driver for OUTPUT (e.g. GTiff, AAIGrid, XYZ)\n"
+    "  -ot TYPE           band type (Float64 by default; Float32, Int16, ...)\n"
+    "  -co NAME=VALUE     creation option for the driver (repeatable)\n"
     "  --preview FILE.png also write a colour-mapped picture with a legend\n"
-    "  --mesh FILE        triangulation: where to write the triangle mesh\n"
-    "                     (default: DELAUNAYNAME.gpkg beside OUTPUT, when createDelaunayObject)\n"
+    "  --mesh FILE        triangulation: also write the triangle mesh (.gpkg or .shp)\n"
     "  --x COL --y COL --z COL\n"
     "                     text input: columns by 1-based number or header name (default 1 2 3);\n"
     "                     vector input: --z names the attribute holding z (default: geometry z)\n"
     "  -q, --quiet        no progress output\n"
-    "  -h, --help         this text\n";
+    "  -h, --help         this text\n"
+    "  --version          kagrid's and GDAL's versions\n";
 
 struct Options {
     std::string method, input, output, format, preview, mesh, paramsFile;
+    std::string methodFilter;  // kagrid methods METHOD
+    std::string crs, dataType;
+    std::vector<std::string> creationOptions;
+    KaGridRequest grid;
     std::vector<std::string> settings;
     KaPointColumns columns;
     bool printParams = false;
@@ -83,10 +104,20 @@ Options ParseArguments(int argc, char** argv)
         if (a == "-h" || a == "--help") {
             std::fputs(kUsage, stdout);
             std::exit(0);
+        } else if (a == "--version") {
+            std::printf("kagrid %s (GDAL %s)\n", KAGRID_VERSION, GDALVersionInfo("RELEASE_NAME"));
+            std::exit(0);
         } else if (a == "--set") o.settings.push_back(value("KEY=VALUE"));
         else if (a == "--params") o.paramsFile = value("a JSON file");
         else if (a == "--print-params") o.printParams = true;
         else if (a == "-of") o.format = value("a format name");
+        else if (a == "-ot") o.dataType = value("a data type");
+        else if (a == "-co") o.creationOptions.push_back(value("NAME=VALUE"));
+        else if (a == "--crs") o.crs = value("a coordinate system");
+        else if (a == "--bounds") o.grid.bounds = value("XMIN,YMIN,XMAX,YMAX");
+        else if (a == "--cell") o.grid.cell = value("DX[,DY]");
+        else if (a == "--size") o.grid.size = value("COLS,ROWS");
+        else if (a == "--like") o.grid.like = value("a raster");
         else if (a == "--preview") o.preview = value("a PNG file name");
         else if (a == "--mesh") o.mesh = value("a file name");
         else if (a == "--x") o.columns.x = value("a column");
@@ -99,7 +130,11 @@ Options ParseArguments(int argc, char** argv)
     }
     if (positional.empty()) Usage("no method given");
     o.method = positional[0];
-    if (o.method == "methods") return o;
+    if (o.method == "methods") {
+        if (positional.size() > 2) Usage("unexpected argument " + positional[2]);
+        if (positional.size() == 2) o.methodFilter = positional[1];
+        return o;
+    }
     if (positional.size() < 2) Usage("no INPUT given");
     if (positional.size() < 3 && !o.printParams) Usage("no OUTPUT given");
     if (positional.size() > 3) Usage("unexpected argument " + positional[3]);
@@ -123,8 +158,36 @@ std::set<std::string> Keys(const std::vector<KaFieldDescription>& fields)
     return keys;
 }
 
-void ListMethods()
+[[noreturn]] void UnknownMethod(const std::string& name)
 {
+    std::string names;
+    for (const KaMethodInfo& m : KaMethods()) names += std::string(names.empty() ? "" : ", ") + m.key;
+    Usage("unknown method '" + name + "' (one of: " + names + ")");
+}
+
+// One method with every key it takes, the shared ones included.
+void ListMethod(const KaMethodInfo& m)
+{
+    auto record = m.makeParam();
+    std::printf("%s: %s (output name suffix \"%s\")\n", m.key, m.title, m.suffix);
+    if (m.note) std::printf("    (%s)\n", m.note);
+    PrintFields(DescribeFields(*record), {});
+    if (std::string_view(m.key) == "data-metrics") {
+        std::printf("    metrics:\n");
+        const auto names = KaDataMetricNames();
+        for (std::size_t i = 0; i < names.size(); ++i)
+            std::printf("      %-20s %s\n", names[i], KaDataMetricDescription(static_cast<int>(i)));
+    }
+}
+
+void ListMethods(const std::string& only)
+{
+    if (!only.empty()) {
+        const KaMethodInfo* m = FindMethod(only);
+        if (!m) UnknownMethod(only);
+        ListMethod(*m);
+        return;
+    }
     KaEstimatorGridParam base;
     KaEstGridSearcherParam search;
     const auto baseFields = DescribeFields(base);
@@ -157,14 +220,6 @@ void ListMethods()
     std::printf("\nUse --print-params to see the effective values for an input.\n");
 }
 
-// The mesh file: --mesh, or the Delaunay object's name beside the output.
-std::string MeshPath(const Options& o, const KaDataObject& mesh)
-{
-    if (!o.mesh.empty()) return o.mesh;
-    const std::filesystem::path out(o.output);
-    return (out.parent_path() / (mesh.GetName() + ".gpkg")).string();
-}
-
 // Refuses an output path whose folder cannot take a new file, before any work.
 void CheckWritable(const std::string& path)
 {
@@ -181,22 +236,33 @@ void CheckWritable(const std::string& path)
 int Run(const Options& o)
 {
     const KaMethodInfo* method = FindMethod(o.method);
-    if (!method) {
-        std::string names;
-        for (const KaMethodInfo& m : KaMethods()) names += std::string(names.empty() ? "" : ", ") + m.key;
-        Usage("unknown method '" + o.method + "' (one of: " + names + ")");
-    }
+    if (!method) UnknownMethod(o.method);
+    const bool triangulation = method->makeJob != nullptr && std::string_view(method->key) == "triangulation";
+    if (!o.mesh.empty() && !triangulation) Usage("--mesh: only the triangulation method makes a mesh");
+    // Checked before the input is read: a typo here should not wait for a large file.
+    const std::string crs = o.crs.empty() ? std::string() : CrsFromDefinition(o.crs);
+    auto note = [&](const std::string& text) {
+        if (!o.quiet) std::fprintf(stderr, "kagrid: %s\n", text.c_str());
+    };
 
     KaPointColumns columns = o.columns;
     // Vector files take z from the geometry unless a field is named.
     if (!o.zColumnGiven && !LooksLikeTextPoints(o.input)) columns.z = "";
-    std::unique_ptr<KaDataObject> input = ReadInput(o.input, columns);
+    KaPointReadReport readReport;
+    std::unique_ptr<KaDataObject> input = ReadInput(o.input, columns, &readReport);
+    const std::string outputCrs = o.crs.empty() ? ReadInputCrs(o.input) : crs;
+    if (readReport.skippedMissing)
+        std::fprintf(stderr, "kagrid: skipped %zu %s with missing values\n", readReport.skippedMissing,
+                     LooksLikeTextPoints(o.input) ? (readReport.skippedMissing == 1 ? "row" : "rows")
+                                                  : (readReport.skippedMissing == 1 ? "feature" : "features"));
 
     std::unique_ptr<KaEstimatorGridParam> record = method->makeParam();
     const KaFillResult fill = FillRecordFromObject(record.get(), input.get(), method->suffix);
     if (fill == KaFillResult::Failed) throw KaIoError(o.input, "not a point set or a surface");
 
     std::set<std::string> given;
+    ApplyGridRequest(o.grid, *record, given);
+    if (!o.mesh.empty()) ApplySetting(*record, "createDelaunayObject=true");
     if (!o.paramsFile.empty()) {
         std::ifstream in(o.paramsFile);
         if (!in) throw KaIoError(o.paramsFile, "cannot open the parameter file");
@@ -206,11 +272,13 @@ int Run(const Options& o)
     }
     for (const std::string& s : o.settings) ApplySetting(*record, s, &given);
 
-    if (fill == KaFillResult::NeedsExplicitGeometry && !given.count("columnCount"))
+    // Zero width fills as the dialogs do (one column); only zero height needs the grid given.
+    const bool zeroHeight = !(record->limit.yMax > record->limit.yMin);
+    if (fill == KaFillResult::NeedsExplicitGeometry && zeroHeight && !given.count("columnCount"))
         throw KaParamError(
-            "the points of " + o.input + " have zero width or height, so the grid's column count "
-            "cannot be derived from them; give the grid explicitly, e.g. --set xMin=... --set xMax=... "
-            "--set yMin=... --set yMax=... --set columnCount=... --set rowCount=...");
+            "the points of " + o.input + " have zero height, so the grid's column count "
+            "cannot be derived from them; give the grid explicitly, e.g. --bounds XMIN,YMIN,XMAX,YMAX "
+            "--cell DX (or --set xMin=... --set columnCount=... and so on)");
     const std::string invalid = record->Validate();
     if (!invalid.empty()) throw KaParamError("invalid parameter " + invalid);
 
@@ -222,9 +290,15 @@ int Run(const Options& o)
         return 0;
     }
 
+    if (!o.mesh.empty() && !RecordToJson(*record).value("createDelaunayObject", true))
+        throw KaParamError("--mesh asks for the triangle mesh, but createDelaunayObject is false");
     CheckWritable(o.output);
     CheckWritable(o.preview);
     CheckWritable(o.mesh);
+    CheckGridFitsInMemory(*record);
+    gridSize = GridMemoryText(record->columnCount, record->rowCount);
+    note("grid: " + DescribeGrid(*record));
+    if (!outputCrs.empty()) note("coordinate system: " + CrsLabel(outputCrs));
 
     KaSampleList* raw = nullptr;
     if (!BuildSampleList(raw, input.get())) throw KaIoError(o.input, "cannot read its samples");
@@ -247,18 +321,39 @@ int Run(const Options& o)
     progress.Finish();
     if (!surface) {
         std::string reason = job->FailureReason();
+        if (reason.find("allocate") != std::string::npos) reason = "not enough memory: " + gridSize;
         if (reason.empty()) reason = "the gridding job ended without a surface";
         if (reason.back() == '.') reason.pop_back();
         if (method->note) reason = std::string(method->note) + " (" + reason + ")";
         throw std::runtime_error(std::string(method->key) + ": " + reason + "; nothing was written");
     }
 
-    WriteSurface(*surface, o.output, o.format);
-    if (!o.preview.empty()) WritePreviewPng(*surface, o.preview);
-    for (const auto& object : progress.Created())
-        if (auto* mesh = dynamic_cast<const KaDelaunayTriangle*>(object.get()))
-            WriteTriangleMesh(*mesh, MeshPath(o, *mesh));
-    if (!o.quiet) std::fprintf(stderr, "kagrid: wrote %s\n", o.output.c_str());
+    const KaEstimatorGrid* estimator = job->GetEstimator();
+    if (const KaSampleList* used = job->GetSampleList(); used && estimator && estimator->GetParam())
+        for (const std::string& w : ReviewSurface(method->key, *estimator->GetParam(), *used, *surface))
+            std::fprintf(stderr, "kagrid: warning: %s\n", w.c_str());
+
+    KaRasterWriteOptions how;
+    how.format = o.format;
+    how.crsWkt = outputCrs;
+    how.dataType = o.dataType;
+    how.creationOptions = o.creationOptions;
+    WriteSurface(*surface, o.output, how);
+    note("wrote " + o.output);
+    if (!o.preview.empty()) {
+        WritePreviewPng(*surface, o.preview);
+        note("wrote " + o.preview);
+    }
+    if (!o.mesh.empty()) {
+        bool written = false;
+        for (const auto& object : progress.Created())
+            if (auto* mesh = dynamic_cast<const KaDelaunayTriangle*>(object.get())) {
+                WriteTriangleMesh(*mesh, o.mesh, outputCrs);
+                note("wrote " + o.mesh);
+                written = true;
+            }
+        if (!written) std::fprintf(stderr, "kagrid: warning: no triangle mesh was made; %s not written\n", o.mesh.c_str());
+    }
     return 0;
 }
 
@@ -273,12 +368,13 @@ int main(int argc, char** argv)
     try {
         KaIoInit();
         if (o.method == "methods") {
-            ListMethods();
+            ListMethods(o.methodFilter);
             return 0;
         }
         return Run(o);
     } catch (const std::bad_alloc&) {
-        std::fprintf(stderr, "kagrid: out of memory (a smaller grid, or fewer neighbours per node, may fit)\n");
+        std::fprintf(stderr, "kagrid: out of memory%s (a smaller grid, or fewer neighbours per node, may fit)\n",
+                     gridSize.empty() ? "" : (": " + gridSize).c_str());
         return kExitFailure;
     } catch (const std::exception& e) {
         std::fprintf(stderr, "kagrid: %s\n", e.what());

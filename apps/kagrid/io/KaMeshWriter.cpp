@@ -11,6 +11,7 @@
 
 #include <cpl_error.h>
 #include <gdal_priv.h>
+#include <ogr_spatialref.h>
 #include <ogrsf_frmts.h>
 
 #include "platform/kadata/KaDelaunayTriangle.h"
@@ -56,8 +57,11 @@ struct QuietErrors {
 };
 
 void WriteFeatures(GDALDriver* driver, bool shape, const KaDelaunayTriangle& mesh, const std::string& tmp,
-                   const std::string& path, const std::string& layerName)
+                   const std::string& path, const std::string& layerName, const std::string& crsWkt)
 {
+    OGRSpatialReference srs;
+    if (!crsWkt.empty() && srs.importFromWkt(crsWkt.c_str()) != OGRERR_NONE)
+        Throw(path, "the coordinate system to record is not valid WKT");
     QuietErrors quiet;
     CPLErrorReset();
     Dataset ds(driver->Create(tmp.c_str(), 0, 0, 0, GDT_Unknown, nullptr));
@@ -66,7 +70,7 @@ void WriteFeatures(GDALDriver* driver, bool shape, const KaDelaunayTriangle& mes
     // times the rest of the write for a large mesh; a reader that wants one
     // can add it (SELECT CreateSpatialIndex('layer', 'geom')).
     char** options = shape ? nullptr : CSLSetNameValue(nullptr, "SPATIAL_INDEX", "NO");
-    OGRLayer* layer = ds->CreateLayer(layerName.c_str(), nullptr, wkbPolygon25D, options);
+    OGRLayer* layer = ds->CreateLayer(layerName.c_str(), crsWkt.empty() ? nullptr : &srs, wkbPolygon25D, options);
     CSLDestroy(options);
     if (!layer) Throw(path, "cannot create the layer");
     for (const char* name : {"z0", "z1", "z2"}) {
@@ -107,7 +111,7 @@ void WriteFeatures(GDALDriver* driver, bool shape, const KaDelaunayTriangle& mes
 
 }  // namespace
 
-void WriteTriangleMesh(const KaDelaunayTriangle& mesh, const std::string& path)
+void WriteTriangleMesh(const KaDelaunayTriangle& mesh, const std::string& path, const std::string& crsWkt)
 {
     GDALAllRegister();
     const fs::path target(path);
@@ -140,7 +144,7 @@ void WriteTriangleMesh(const KaDelaunayTriangle& mesh, const std::string& path)
     };
     removeTemporary();
     try {
-        WriteFeatures(driver, shape, mesh, tmp.string(), path, layerName);
+        WriteFeatures(driver, shape, mesh, tmp.string(), path, layerName, crsWkt);
         std::error_code ec;
         if (shape) {
             for (const char* part : kShapeParts) {

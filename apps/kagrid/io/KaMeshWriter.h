@@ -14,5 +14,6 @@ class KaDelaunayTriangle;
 //
 // The file is written under a temporary name in the same directory and renamed
 // when complete, so a failed or interrupted write never leaves a partial file
-// at `path`. Errors throw std::runtime_error naming the file.
-void WriteTriangleMesh(const KaDelaunayTriangle& mesh, const std::string& path);
+// at `path`. `crsWkt`, when not empty, is recorded as the layer's coordinate
+// system. Errors throw std::runtime_error naming the file.
+void WriteTriangleMesh(const KaDelaunayTriangle& mesh, const std::string& path, const std::string& crsWkt = "");

@@ -63,7 +63,10 @@ uint32_t Model(const json& j, const std::string& where)
         const std::string name = j.get<std::string>();
         for (uint32_t id = 0; id < kKaVarioModelCount; ++id)
             if (SameName(name, KaVario::ModelName(id))) return id;
-        Fail(where, "unknown model '" + name + "'");
+        std::string valid;
+        for (uint32_t id = 0; id < kKaVarioModelCount; ++id)
+            valid += std::string(valid.empty() ? "" : ", ") + KaVario::ModelName(id);
+        Fail(where, "unknown model '" + name + "' (one of " + valid + ")");
     }
     Fail(where, "expected a model id 0..11 or a model name, got " + j.dump());
 }

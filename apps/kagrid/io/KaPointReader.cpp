@@ -148,7 +148,14 @@ std::string Quote(std::string_view s)
     return q;
 }
 
-std::vector<Ka3DPoint> ReadTextPoints(const std::string& path, const KaPointColumns& columns)
+// A spreadsheet's or R's way of leaving a value out.
+bool IsMissing(std::string_view t)
+{
+    return t.empty() || Lower(std::string(t)) == "na" || Lower(std::string(t)) == "nan";
+}
+
+std::vector<Ka3DPoint> ReadTextPoints(const std::string& path, const KaPointColumns& columns,
+                                      KaPointReadReport& report)
 {
     ColumnChoice choice[3] = {ParseChoice(path, columns.x, "x"), ParseChoice(path, columns.y, "y"),
                               ParseChoice(path, columns.z, "z")};
@@ -162,6 +169,7 @@ std::vector<Ka3DPoint> ReadTextPoints(const std::string& path, const KaPointColu
     std::size_t lineNo = 0, needed = 0;
     char sep = 0;
     bool first = true;
+    std::vector<std::string> headerNames;
     while (std::getline(in, raw)) {
         ++lineNo;
         std::string_view line(raw);
@@ -194,7 +202,10 @@ std::vector<Ka3DPoint> ReadTextPoints(const std::string& path, const KaPointColu
                 }
             }
             for (const ColumnChoice& c : choice) needed = std::max(needed, c.index + 1);
-            if (header) continue;
+            if (header) {
+                headerNames = fields;
+                continue;
+            }
         }
 
         if (fields.size() < needed)
@@ -202,15 +213,28 @@ std::vector<Ka3DPoint> ReadTextPoints(const std::string& path, const KaPointColu
                             "expected at least " + std::to_string(needed) + " fields, found " +
                                 std::to_string(fields.size()));
         double v[3];
+        bool missing = false;
         for (int k = 0; k < 3; ++k) {
-            const std::string& t = fields[choice[k].index];
-            if (t.empty())
+            const std::size_t column = choice[k].index;
+            const std::string& t = fields[column];
+            if (IsMissing(t)) {
+                missing = true;
+                continue;
+            }
+            auto refuse = [&](const char* expected) {
+                const std::string name = column < headerNames.size() && !headerNames[column].empty()
+                                             ? Quote(headerNames[column])
+                                             : std::to_string(column + 1);
                 throw KaIoError(path, lineNo,
-                                "expected 3 numbers, found an empty field for " +
-                                    std::string(kRoles[k]));
-            if (!ParseNumber(t, v[k])) throw KaIoError(path, lineNo, "expected 3 numbers, found " + Quote(t));
-            if (!std::isfinite(v[k]))
-                throw KaIoError(path, lineNo, "expected 3 finite numbers, found " + Quote(t));
+                                "column " + name + " (" + kRoles[k] + "): expected " + expected + ", found " +
+                                    Quote(t));
+            };
+            if (!ParseNumber(t, v[k])) refuse("a number");
+            if (!std::isfinite(v[k])) refuse("a finite number");
+        }
+        if (missing) {
+            ++report.skippedMissing;
+            continue;
         }
         points.emplace_back(v[0], v[1], v[2]);
     }
@@ -225,7 +249,20 @@ std::string GeometryName(const OGRGeometry& g)
     return g.getGeometryName();
 }
 
-std::vector<Ka3DPoint> ReadVectorPoints(const std::string& path, const KaPointColumns& columns)
+// The layer's numeric fields, for a message that asks to choose one.
+std::string NumericFields(OGRFeatureDefn& defn)
+{
+    std::string names;
+    for (int i = 0; i < defn.GetFieldCount(); ++i) {
+        const OGRFieldType t = defn.GetFieldDefn(i)->GetType();
+        if (t == OFTReal || t == OFTInteger || t == OFTInteger64)
+            names += (names.empty() ? "" : ", ") + std::string(defn.GetFieldDefn(i)->GetNameRef());
+    }
+    return names.empty() ? "the layer has none" : "numeric fields: " + names;
+}
+
+std::vector<Ka3DPoint> ReadVectorPoints(const std::string& path, const KaPointColumns& columns,
+                                        KaPointReadReport& report)
 {
     KaIoInit();
     kaio::GdalErrorCapture capture;
@@ -270,7 +307,10 @@ std::vector<Ka3DPoint> ReadVectorPoints(const std::string& path, const KaPointCo
             double z = 0.0;
             if (zField >= 0) {
                 const char* fname = defn->GetFieldDefn(zField)->GetNameRef();
-                if (!f->IsFieldSetAndNotNull(zField)) refuse("field " + Quote(fname) + " is empty");
+                if (!f->IsFieldSetAndNotNull(zField)) {
+                    ++report.skippedMissing;
+                    continue;
+                }
                 switch (defn->GetFieldDefn(zField)->GetType()) {
                 case OFTReal:
                 case OFTInteger:
@@ -278,6 +318,10 @@ std::vector<Ka3DPoint> ReadVectorPoints(const std::string& path, const KaPointCo
                     z = f->GetFieldAsDouble(zField);
                     break;
                 case OFTString:
+                    if (IsMissing(Trim(f->GetFieldAsString(zField)))) {
+                        ++report.skippedMissing;
+                        continue;
+                    }
                     if (!ParseNumber(Trim(f->GetFieldAsString(zField)), z))
                         refuse("field " + Quote(fname) + " holds " + Quote(f->GetFieldAsString(zField)) +
                                ", not a number");
@@ -286,7 +330,8 @@ std::vector<Ka3DPoint> ReadVectorPoints(const std::string& path, const KaPointCo
                     refuse("field " + Quote(fname) + " is not numeric");
                 }
             } else if (!g->Is3D()) {
-                refuse(GeometryName(*g) + " without z; name the attribute field that holds z");
+                refuse(GeometryName(*g) + " without z; choose the field that holds z with --z (" +
+                       NumericFields(*defn) + ")");
             }
 
             auto add = [&](const OGRPoint& p) {
@@ -313,12 +358,17 @@ std::vector<Ka3DPoint> ReadVectorPoints(const std::string& path, const KaPointCo
 
 }  // namespace
 
-std::unique_ptr<KaScatteredPoints> ReadPointFile(const std::string& path, const KaPointColumns& columns)
+std::unique_ptr<KaScatteredPoints> ReadPointFile(const std::string& path, const KaPointColumns& columns,
+                                                 KaPointReadReport* report)
 {
     kaio::CheckInputFile(path);
+    KaPointReadReport local;
+    KaPointReadReport& r = report ? *report : local;
+    r = {};
     std::vector<Ka3DPoint> points =
-        LooksLikeTextPoints(path) ? ReadTextPoints(path, columns) : ReadVectorPoints(path, columns);
-    if (points.empty()) throw KaIoError(path, "no points");
+        LooksLikeTextPoints(path) ? ReadTextPoints(path, columns, r) : ReadVectorPoints(path, columns, r);
+    if (points.empty())
+        throw KaIoError(path, r.skippedMissing ? "no points: every row has a missing value" : "no points");
 
     auto object = std::make_unique<KaScatteredPoints>();
     object->SetID(KaObject::CreateUniqueID());

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <string>
 
@@ -16,6 +17,11 @@ struct KaPointColumns {
     std::string x = "1", y = "2", z = "3";
 };
 
+// What reading left out, for the caller to report.
+struct KaPointReadReport {
+    std::size_t skippedMissing = 0;  // rows (features) whose x, y or z was missing
+};
+
 // True when the extension says x y z text (.csv .txt .xyz .dat .tsv .pts, any
 // case); those are read as text, everything else through GDAL.
 bool LooksLikeTextPoints(const std::string& path);
@@ -29,10 +35,14 @@ bool LooksLikeTextPoints(const std::string& path);
 // around a field are dropped. Lines whose first non-blank character is '#'
 // and blank lines are skipped. The first non-comment line is a header when a
 // chosen column holds something that is not a number there (always, when a
-// column is chosen by name). Every other line must hold a finite number in
-// each chosen column; anything else is refused with its line number.
+// column is chosen by name). A line whose chosen column is empty or holds NA
+// or NaN (any case) is skipped and counted as missing; any other field that is
+// not a finite number is refused with its line and column (by header name when
+// there is a header).
 // Vector: every layer with a geometry is read; only point and multipoint
-// geometries are accepted.
+// geometries are accepted; a feature whose z field is null is skipped and
+// counted as missing.
 // Throws KaIoError; a file without a single point is refused ("no points").
 std::unique_ptr<KaScatteredPoints> ReadPointFile(const std::string& path,
-                                                 const KaPointColumns& columns = {});
+                                                 const KaPointColumns& columns = {},
+                                                 KaPointReadReport* report = nullptr);

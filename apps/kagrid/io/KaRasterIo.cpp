@@ -4,8 +4,11 @@
 #include <climits>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <limits>
+
+#include <ogr_spatialref.h>
 
 #include "apps/kagrid/io/KaIoError.h"
 #include "apps/kagrid/io/KaIoSupport.h"
@@ -157,11 +160,12 @@ std::unique_ptr<KaSurface> ReadRasterSurface(const std::string& path)
     return surface;
 }
 
-std::unique_ptr<KaDataObject> ReadInput(const std::string& path, const KaPointColumns& columns)
+std::unique_ptr<KaDataObject> ReadInput(const std::string& path, const KaPointColumns& columns,
+                                        KaPointReadReport* report)
 {
     KaIoInit();
     kaio::CheckInputFile(path);
-    if (LooksLikeTextPoints(path)) return ReadPointFile(path, columns);
+    if (LooksLikeTextPoints(path)) return ReadPointFile(path, columns, report);
 
     bool raster = false, vector = false;
     {
@@ -177,45 +181,183 @@ std::unique_ptr<KaDataObject> ReadInput(const std::string& path, const KaPointCo
         vector = ds->GetLayerCount() > 0;
     }
     if (raster) return ReadRasterSurface(path);
-    if (vector) return ReadPointFile(path, columns);
+    if (vector) return ReadPointFile(path, columns, report);
     throw KaIoError(path, "holds neither a raster band nor a vector layer");
 }
 
 namespace {
 
+bool Writable(GDALDriver* d)
+{
+    return d->GetMetadataItem(GDAL_DCAP_RASTER) != nullptr &&
+           (d->GetMetadataItem(GDAL_DCAP_CREATE) != nullptr || d->GetMetadataItem(GDAL_DCAP_CREATECOPY) != nullptr);
+}
+
+// The writable raster driver whose metadata claims `ext` (without the dot).
+// GeoTIFF is preferred for .tif, which a cloud-optimised variant also claims.
+GDALDriver* DriverForExtension(const std::string& ext)
+{
+    GDALDriverManager* manager = GetGDALDriverManager();
+    if (ext == "tif" || ext == "tiff")
+        if (GDALDriver* d = manager->GetDriverByName("GTiff")) return d;
+    GDALDriver* readOnly = nullptr;
+    for (int i = 0; i < manager->GetDriverCount(); ++i) {
+        GDALDriver* d = manager->GetDriver(i);
+        if (!d->GetMetadataItem(GDAL_DCAP_RASTER)) continue;
+        const char* list = d->GetMetadataItem(GDAL_DMD_EXTENSIONS);
+        if (!list) list = d->GetMetadataItem(GDAL_DMD_EXTENSION);
+        if (!list) continue;
+        const CPLStringList claimed(CSLTokenizeString(list));
+        for (int k = 0; k < claimed.size(); ++k)
+            if (Lower(claimed[k]) == ext) {
+                if (Writable(d)) return d;
+                if (!readOnly) readOnly = d;
+            }
+    }
+    return readOnly;
+}
+
 GDALDriver* OutputDriver(const std::string& path, const std::string& format)
 {
+    GDALDriver* driver = nullptr;
     std::string name = format;
     if (name.empty()) {
-        const std::string ext = Lower(fs::path(path).extension().string());
-        if (ext == ".asc") name = "AAIGrid";
-        else if (ext == ".nc") name = "netCDF";
-        else if (ext == ".img") name = "HFA";
-        else if (ext == ".vrt") name = "VRT";
-        else name = "GTiff";
+        std::string ext = Lower(fs::path(path).extension().string());
+        if (!ext.empty()) ext.erase(0, 1);
+        driver = ext.empty() ? GetGDALDriverManager()->GetDriverByName("GTiff") : DriverForExtension(ext);
+        if (!driver)
+            throw KaIoError(path, "no GDAL raster format claims the extension '." + ext +
+                                      "'; choose one with -of (e.g. -of GTiff)");
+        name = driver->GetDescription();
     }
     if (Lower(name) == "vrt")
         throw KaIoError(path, "VRT output is not supported: a VRT only refers to other files");
     if (Lower(name) == "mem") throw KaIoError(path, "MEM is not a file format");
-    GDALDriver* driver = GetGDALDriverManager()->GetDriverByName(name.c_str());
+    if (!driver) driver = GetGDALDriverManager()->GetDriverByName(name.c_str());
     if (!driver) throw KaIoError(path, "the output format '" + name + "' is not available");
-    const bool raster = driver->GetMetadataItem(GDAL_DCAP_RASTER) != nullptr;
-    const bool writable = driver->GetMetadataItem(GDAL_DCAP_CREATE) != nullptr ||
-                          driver->GetMetadataItem(GDAL_DCAP_CREATECOPY) != nullptr;
-    if (!raster || !writable)
-        throw KaIoError(path, "the format '" + name + "' cannot write rasters");
-    // A format that holds no floating-point values at all would round the grid.
-    if (const char* types = driver->GetMetadataItem(GDAL_DMD_CREATIONDATATYPES)) {
-        const std::string t = std::string(" ") + types + " ";
-        if (t.find(" Float64 ") == std::string::npos && t.find(" Float32 ") == std::string::npos)
-            throw KaIoError(path, "the format '" + name + "' cannot hold floating-point values");
-    }
+    if (!Writable(driver))
+        throw KaIoError(path, "the format '" + name + "' cannot write rasters" +
+                                  (format.empty() ? "; choose another with -of" : ""));
     return driver;
+}
+
+// The band type: the one asked for, else Float64. Refuses a type the format
+// cannot hold.
+GDALDataType BandType(GDALDriver* driver, const std::string& path, const std::string& asked)
+{
+    const std::string name = driver->GetDescription();
+    const char* list = driver->GetMetadataItem(GDAL_DMD_CREATIONDATATYPES);
+    const std::string types = std::string(" ") + (list ? list : "") + " ";
+    auto listed = [&](GDALDataType t) {
+        return !list || types.find(std::string(" ") + GDALGetDataTypeName(t) + " ") != std::string::npos;
+    };
+    // Some text formats list Float32 only, yet write 64-bit values in full.
+    auto holds = [&](GDALDataType t) { return listed(t) || (t == GDT_Float64 && listed(GDT_Float32)); };
+    if (asked.empty()) {
+        if (holds(GDT_Float64)) return GDT_Float64;
+        throw KaIoError(path, "the format '" + name + "' cannot hold floating-point values (it takes" +
+                                  types.substr(0, types.size() - 1) +
+                                  "); choose a type with -ot or another format with -of");
+    }
+    GDALDataType t = GDT_Unknown;
+    for (int i = 1; i < GDT_TypeCount; ++i) {
+        const char* n = GDALGetDataTypeName(static_cast<GDALDataType>(i));
+        if (n && Lower(n) == Lower(asked)) t = static_cast<GDALDataType>(i);
+    }
+    if (t == GDT_Unknown || GDALDataTypeIsComplex(t))
+        throw KaIoError(path, "-ot " + asked + ": not a GDAL data type (e.g. Byte, Int16, UInt16, Int32, "
+                                                   "Float32, Float64)");
+    if (!holds(t))
+        throw KaIoError(path, "the format '" + name + "' cannot hold " + GDALGetDataTypeName(t) +
+                                  " (it takes" + types.substr(0, types.size() - 1) + ")");
+    return t;
+}
+
+// Collects GDAL's complaints about creation options (they come as warnings).
+struct OptionComplaints {
+    std::string text;
+    OptionComplaints() { CPLPushErrorHandlerEx(&Handler, this); }
+    ~OptionComplaints() { CPLPopErrorHandler(); }
+    OptionComplaints(const OptionComplaints&) = delete;
+    OptionComplaints& operator=(const OptionComplaints&) = delete;
+    static void CPL_STDCALL Handler(CPLErr level, CPLErrorNum, const char* msg)
+    {
+        auto* self = static_cast<OptionComplaints*>(CPLGetErrorHandlerUserData());
+        if (self && level >= CE_Warning && self->text.empty() && msg) self->text = msg;
+    }
+};
+
+CPLStringList CreationOptions(GDALDriver* driver, const std::string& path,
+                              const std::vector<std::string>& given)
+{
+    const std::string name = driver->GetDescription();
+    CPLStringList options;
+    if (name == "GTiff") {
+        options.SetNameValue("COMPRESS", "DEFLATE");
+        options.SetNameValue("BIGTIFF", "IF_SAFER");
+    }
+    for (const std::string& o : given) {
+        const std::size_t eq = o.find('=');
+        if (eq == std::string::npos || eq == 0)
+            throw KaIoError(path, "-co " + o + ": expected NAME=VALUE");
+        options.SetNameValue(o.substr(0, eq).c_str(), o.substr(eq + 1).c_str());
+    }
+    if (!given.empty()) {
+        OptionComplaints complaints;
+        if (!GDALValidateCreationOptions(driver, options.List()) || !complaints.text.empty())
+            throw KaIoError(path, "-co: " + (complaints.text.empty() ? std::string("refused by the driver")
+                                                                      : complaints.text));
+    }
+    return options;
+}
+
+// x y z lines from the north-west node, row by row, each node at its pixel
+// centre. Written here rather than by GDAL's driver, which would pass the
+// values through 32-bit floats; the driver's own options are honoured.
+void WriteXyzText(const std::string& temp, const KaSurface& surface, const double gt[6], GDALDataType type,
+                  const CPLStringList& options)
+{
+    const KaTDataMatrix2D<double>& m = surface.GridData();
+    const std::string separator = options.FetchNameValueDef("COLUMN_SEPARATOR", " ");
+    const bool header = CPLTestBool(options.FetchNameValueDef("ADD_HEADER_LINE", "NO"));
+    const char* decimals = options.FetchNameValue("DECIMAL_PRECISION");
+    const char* significant = options.FetchNameValue("SIGNIFICANT_DIGITS");
+    char valueFormat[32];
+    if (GDALDataTypeIsInteger(type)) std::snprintf(valueFormat, sizeof valueFormat, "%%.0f");
+    else if (decimals) std::snprintf(valueFormat, sizeof valueFormat, "%%.%df", std::atoi(decimals));
+    else std::snprintf(valueFormat, sizeof valueFormat, "%%.%dg", significant ? std::atoi(significant) : 17);
+
+    std::FILE* f = std::fopen(temp.c_str(), "w");
+    if (!f) throw KaIoError(temp, "cannot open the file for writing");
+    if (header) std::fprintf(f, "X%sY%sZ\n", separator.c_str(), separator.c_str());
+    char value[64];
+    const int cols = static_cast<int>(m.columnCount), rows = static_cast<int>(m.rowCount);
+    for (int rr = 0; rr < rows; ++rr) {
+        const double* row = m.data + static_cast<std::size_t>(rows - 1 - rr) * cols;
+        const double y = gt[3] + (rr + 0.5) * gt[5];
+        for (int c = 0; c < cols; ++c) {
+            int clamped = 0, rounded = 0;
+            const double v = GDALDataTypeIsInteger(type) ? GDALAdjustValueToDataType(type, row[c], &clamped, &rounded)
+                                                         : row[c];
+            std::snprintf(value, sizeof value, valueFormat, v);
+            std::fprintf(f, "%.17g%s%.17g%s%s\n", gt[0] + (c + 0.5) * gt[1], separator.c_str(), y,
+                         separator.c_str(), value);
+        }
+    }
+    const bool ok = std::ferror(f) == 0;
+    if (std::fclose(f) != 0 || !ok) throw KaIoError(temp, "writing the file failed");
 }
 
 }  // namespace
 
 void WriteSurface(const KaSurface& surface, const std::string& path, const std::string& format)
+{
+    KaRasterWriteOptions options;
+    options.format = format;
+    WriteSurface(surface, path, options);
+}
+
+void WriteSurface(const KaSurface& surface, const std::string& path, const KaRasterWriteOptions& how)
 {
     KaIoInit();
     const KaSurfaceObjInfo& info = surface.GetSurfaceObjInfo();
@@ -225,7 +367,23 @@ void WriteSurface(const KaSurface& surface, const std::string& path, const std::
         throw KaIoError(path, "the surface holds no grid to write");
     if (m.columnCount > INT_MAX || m.rowCount > INT_MAX)
         throw KaIoError(path, "the grid is too large for a raster file");
-    GDALDriver* driver = OutputDriver(path, format);
+    GDALDriver* driver = OutputDriver(path, how.format);
+    const GDALDataType type = BandType(driver, path, how.dataType);
+    if (GDALDataTypeIsInteger(type)) {
+        int clamped = 0, rounded = 0;
+        GDALAdjustValueToDataType(type, info.invalidValue, &clamped, &rounded);
+        if (clamped || rounded) {
+            char blank[40];
+            std::snprintf(blank, sizeof blank, "%.9g", info.invalidValue);
+            throw KaIoError(path, std::string("the blank value ") + blank + " does not fit " +
+                                      GDALGetDataTypeName(type) +
+                                      "; set one it holds, e.g. --set blankValue=-9999");
+        }
+    }
+    const CPLStringList options = CreationOptions(driver, path, how.creationOptions);
+    OGRSpatialReference srs;
+    if (!how.crsWkt.empty() && srs.importFromWkt(how.crsWkt.c_str()) != OGRERR_NONE)
+        throw KaIoError(path, "the coordinate system to record is not valid WKT");
 
     double dx = info.GetDx(), dy = info.GetDy();
     if (!std::isfinite(info.xMin) || !std::isfinite(info.yMax) || !std::isfinite(dx) ||
@@ -246,16 +404,16 @@ void WriteSurface(const KaSurface& surface, const std::string& path, const std::
                   info.xMax, info.yMin, info.yMax);
 
     kaio::WriteThroughTemp(driver, path, [&](const std::string& temp) -> GdalDatasetPtr {
-        CPLStringList options;
-        if (driverName == "GTiff") {
-            options.SetNameValue("COMPRESS", "DEFLATE");
-            options.SetNameValue("BIGTIFF", "IF_SAFER");
+        if (driverName == "XYZ") {
+            WriteXyzText(temp, surface, gt, type, options);
+            return GdalDatasetPtr(GDALDataset::Open(temp.c_str(), GDAL_OF_RASTER | GDAL_OF_READONLY));
         }
         GDALDriver* maker = direct ? driver : GetGDALDriverManager()->GetDriverByName("MEM");
-        GdalDatasetPtr ds(maker->Create(direct ? temp.c_str() : "", cols, rows, 1, GDT_Float64,
+        GdalDatasetPtr ds(maker->Create(direct ? temp.c_str() : "", cols, rows, 1, type,
                                         direct ? options.List() : nullptr));
         if (!ds) return nullptr;
         ds->SetGeoTransform(gt);
+        if (!how.crsWkt.empty()) ds->SetSpatialRef(&srs);
         if (KeepsMetadataInFile(driverName)) ds->SetMetadataItem(kLatticeKey, lattice);
         GDALRasterBand* band = ds->GetRasterBand(1);
         band->SetNoDataValue(info.invalidValue);

@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "apps/kagrid/io/KaPointReader.h"
 #include "platform/kadata/KaDataObject.h"
@@ -24,16 +25,32 @@ std::unique_ptr<KaSurface> ReadRasterSurface(const std::string& path);
 // Reads an input file: x y z text (by extension, see LooksLikeTextPoints),
 // else a raster (a surface), else a vector file (points). Throws KaIoError
 // for a missing or unreadable file.
-std::unique_ptr<KaDataObject> ReadInput(const std::string& path, const KaPointColumns& columns = {});
+// `report`, when given, receives what the point reader left out.
+std::unique_ptr<KaDataObject> ReadInput(const std::string& path, const KaPointColumns& columns = {},
+                                        KaPointReadReport* report = nullptr);
 
-// Writes a surface as a Float64 raster, north up, nodata = the surface's
-// invalid value. `format` is a GDAL driver name; empty means by extension:
-// .tif/.tiff GeoTIFF, .asc Arc ASCII grid, .nc netCDF, .img Erdas Imagine, any
-// other GeoTIFF (.vrt is refused: it would only point at other files). Each
-// node is a pixel centre: origin (xMin - dx/2, yMax + dy/2), pixel size
-// (dx, -dy). A grid of one column has no dx of its own and uses dy (and the
-// other way round); a single node uses 1 for both.
+// How a surface is written; the defaults write Float64 GeoTIFF without a
+// coordinate system.
+struct KaRasterWriteOptions {
+    // A GDAL driver name; empty: the driver that claims the file's extension
+    // in GDAL's own driver metadata (GeoTIFF for a name without extension).
+    std::string format;
+    std::string crsWkt;    // the coordinate system to record; empty for none
+    std::string dataType;  // a GDAL type name ("Float32", "Int16"); empty: Float64
+    std::vector<std::string> creationOptions;  // "NAME=VALUE", passed to the driver
+};
+
+// Writes a surface as one raster band, north up, nodata = the surface's
+// invalid value. An extension no raster driver claims, a format that cannot
+// be written or cannot hold the chosen type, an integer type that cannot hold
+// the blank value, and creation options the driver does not take are refused
+// before anything is created (.vrt is refused: it would only point at other
+// files). Text formats get full double precision unless the options say
+// otherwise. Each node is a pixel centre: origin (xMin - dx/2, yMax + dy/2),
+// pixel size (dx, -dy). A grid of one column has no dx of its own and uses dy
+// (and the other way round); a single node uses 1 for both.
 // The file is written under a temporary name next to `path` and renamed over
 // it only when complete: on failure `path` is untouched, no temporary is left
 // and KaIoError is thrown.
+void WriteSurface(const KaSurface& surface, const std::string& path, const KaRasterWriteOptions& options);
 void WriteSurface(const KaSurface& surface, const std::string& path, const std::string& format = "");
