@@ -95,7 +95,7 @@ TEST(KaPointReader, ColumnsByNumberAndByNameDecideTheHeader)
     EXPECT_EQ(ReadText(dir / "p.txt", "A 1 2 3\nB 4 5 6\n", {"2", "3", "4"}).size(), 2u);
     // With column 1 chosen, the first line is taken as a header and "B" is refused.
     EXPECT_EQ(ErrorOf([&] { ReadText(dir / "p.txt", "A 1 2 3\nB 4 5 6\n"); }),
-              dir / "p.txt" + ":2: expected 3 numbers, found 'B'");
+              dir / "p.txt" + ":2: column 'A' (x): expected a number, found 'B'");
 }
 
 TEST(KaPointReader, MalformedLinesAreRefusedWithTheirLineNumber)
@@ -103,16 +103,14 @@ TEST(KaPointReader, MalformedLinesAreRefusedWithTheirLineNumber)
     TempDir dir;
     const std::string p = dir / "points.csv";
     const std::string head = "# header follows\nx,y,z\n1,2,3\n\n";
-    EXPECT_EQ(ErrorOf([&] { ReadText(p, head + "1,2,abc\n"); }), p + ":5: expected 3 numbers, found 'abc'");
+    EXPECT_EQ(ErrorOf([&] { ReadText(p, head + "1,2,abc\n"); }),
+              p + ":5: column 'z' (z): expected a number, found 'abc'");
     EXPECT_EQ(ErrorOf([&] { ReadText(p, head + "1,2\n"); }), p + ":5: expected at least 3 fields, found 2");
-    EXPECT_EQ(ErrorOf([&] { ReadText(p, head + "1,,3\n"); }),
-              p + ":5: expected 3 numbers, found an empty field for y");
-    EXPECT_EQ(ErrorOf([&] { ReadText(p, head + "1,2,3,\n1,2,nan\n"); }),
-              p + ":6: expected 3 finite numbers, found 'nan'");
     EXPECT_EQ(ErrorOf([&] { ReadText(p, head + "1,2,inf\n"); }),
-              p + ":5: expected 3 finite numbers, found 'inf'");
+              p + ":5: column 'z' (z): expected a finite number, found 'inf'");
     EXPECT_EQ(ErrorOf([&] { ReadText(p, head + "1,2,3.0.1\n"); }),
-              p + ":5: expected 3 numbers, found '3.0.1'");
+              p + ":5: column 'z' (z): expected a number, found '3.0.1'");
+    EXPECT_EQ(ErrorOf([&] { ReadText(p, "1 2 3\n4 N/A 6\n"); }), p + ":2: column 2 (y): expected a number, found 'N/A'");
     EXPECT_EQ(ErrorOf([&] { ReadText(p, ""); }), p + ": no points");
     EXPECT_EQ(ErrorOf([&] { ReadText(p, "# nothing\nx,y,z\n"); }), p + ": no points");
     EXPECT_EQ(ErrorOf([&] { ReadPointFile(dir / "missing.csv", {}); }), dir / "missing.csv" + ": no such file");
@@ -145,7 +143,33 @@ TEST(KaPointReader, VectorPointsThroughOgr)
     EXPECT_EQ(ErrorOf([&] { ReadPointFile(p, {"1", "2", "elev"}); }),
               p + ": feature 2: a LINESTRING is not a point; only point geometries are read");
     EXPECT_EQ(ErrorOf([&] { ReadPointFile(p, {"1", "2", ""}); }),
-              p + ": feature 1: POINT without z; name the attribute field that holds z");
+              p + ": feature 1: POINT without z; choose the field that holds z with --z (numeric fields: elev)");
+}
+
+TEST(KaPointReader, MissingValuesAreSkippedAndCounted)
+{
+    TempDir dir;
+    // R writes NA, spreadsheets leave the cell empty, numpy and pandas write nan or NaN.
+    const std::string text = "id,x,y,zinc\n1,0,0,5\n2,NA,1,6\n3,1,,7\n4,1,1,nan\n5,2,2,NaN\n6,3,3,8\n7,4,4,na\n";
+    KaPointReadReport report;
+    WriteFile(dir / "r.csv", text);
+    EXPECT_EQ(ReadPointFile(dir / "r.csv", {"x", "y", "zinc"}, &report)->Points(),
+              (std::vector<Ka3DPoint>{{0, 0, 5}, {3, 3, 8}}));
+    EXPECT_EQ(report.skippedMissing, 5u);
+    // Missing values outside the chosen columns do not matter.
+    EXPECT_EQ(ReadPointFile(dir / "r.csv", {"1", "1", "1"}, &report)->Points().size(), 7u);
+    EXPECT_EQ(report.skippedMissing, 0u);
+    WriteFile(dir / "all.csv", "x,y,z\n1,2,NA\n");
+    EXPECT_EQ(ErrorOf([&] { ReadPointFile(dir / "all.csv", {}); }),
+              dir / "all.csv" + ": no points: every row has a missing value");
+
+    // A null attribute in a vector file is missing too.
+    const std::string p = dir / "v.geojson";
+    WriteFile(p, R"({"type":"FeatureCollection","features":[)"
+                 R"({"type":"Feature","properties":{"zn":null},"geometry":{"type":"Point","coordinates":[1,2]}},)"
+                 R"({"type":"Feature","properties":{"zn":4.5},"geometry":{"type":"Point","coordinates":[3,4]}}]})");
+    EXPECT_EQ(ReadPointFile(p, {"1", "2", "zn"}, &report)->Points(), (std::vector<Ka3DPoint>{{3, 4, 4.5}}));
+    EXPECT_EQ(report.skippedMissing, 1u);
 }
 
 // --- rasters ---------------------------------------------------------------

@@ -144,13 +144,20 @@ TEST(Kagrid, BadInputIsRefusedAndNothingIsLost)
     EXPECT_EQ(d.Entries(), (std::set<std::string>{"ok.csv", "out.tif", "bad.csv"}));  // no new.tif, no temporary
 }
 
-TEST(Kagrid, ZeroHeightPointsNeedExplicitGeometry)
+TEST(Kagrid, ZeroHeightPointsNeedExplicitGeometryZeroWidthFillsOneColumn)
 {
     katest::TempDir d;
+    katest::WriteFile(d / "column.csv", "x,y,z\n5,0,1\n5,10,2\n5,4,3\n");
+    const auto column = Kagrid("moving-average " + d / "column.csv " + d / "c.tif -q --set minInAll=1");
+    ASSERT_EQ(column.status, 0) << column.output;
+    auto c = ReadRasterSurface(d / "c.tif");
+    EXPECT_EQ(c->GetColCount(), 1u);
+    EXPECT_EQ(c->GetRowCount(), 100u);
+
     katest::WriteFile(d / "line.csv", "x,y,z\n0,5,1\n10,5,2\n4,5,3\n");
     const auto refused = Kagrid("moving-average " + d / "line.csv " + d / "o.tif -q");
     EXPECT_EQ(refused.status, 1);
-    EXPECT_NE(refused.output.find("zero width or height"), std::string::npos) << refused.output;
+    EXPECT_NE(refused.output.find("zero height"), std::string::npos) << refused.output;
     const auto ok = Kagrid("moving-average " + d / "line.csv " + d / "o.tif -q --set yMin=0 --set yMax=10 "
                            "--set columnCount=11 --set rowCount=11 --set minInAll=1");
     EXPECT_EQ(ok.status, 0) << ok.output;

@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <stdexcept>
 
@@ -57,6 +58,13 @@ std::string ReadInputCrs(const std::string& path)
         OGRSpatialReference srs;
         if (srs.SetFromUserInput(text.str().c_str()) != OGRERR_NONE)
             throw KaIoError(prj, capture.Message("not a coordinate system definition"));
+        // A .prj is often the ESRI dialect without authority codes: name the
+        // registered system it describes when there is a confident match.
+        if (!srs.GetAuthorityCode(nullptr)) {
+            std::unique_ptr<OGRSpatialReference, void (*)(OGRSpatialReference*)> match(
+                srs.FindBestMatch(90), [](OGRSpatialReference* p) { if (p) p->Release(); });
+            if (match) return ToWkt(*match);
+        }
         return ToWkt(srs);
     }
 
