@@ -146,6 +146,29 @@ TEST(KaPointReader, VectorPointsThroughOgr)
               p + ": feature 1: POINT without z; choose the field that holds z with --z (numeric fields: elev)");
 }
 
+TEST(KaPointReader, DefaultColumnsFollowTheHeaderNames)
+{
+    TempDir dir;
+    KaPointColumns guessed;
+    std::fill(std::begin(guessed.guess), std::end(guessed.guess), true);
+    // R's write.csv puts the row names first; a header naming x, y and z wins over 1 2 3.
+    const std::string r = "\"\",\"x\",\"y\",\"z\"\n\"1\",10,20,30\n";
+    EXPECT_EQ(ReadText(dir / "r.csv", r, guessed), (std::vector<Ka3DPoint>{{10, 20, 30}}));
+    EXPECT_EQ(ReadText(dir / "e.csv", "Station;Northing;Easting;Z\nA;5;6;7\n", guessed),
+              (std::vector<Ka3DPoint>{{6, 5, 7}}));
+    // Without a z name the third column would be y: ask instead of guessing.
+    EXPECT_EQ(ErrorOf([&] { ReadText(dir / "r.csv", "id,x,y,zinc\n1,2,3,4\n", guessed); }),
+              dir / "r.csv" + ":1: which column holds z? choose it with --z (columns: 'id', 'x', 'y', 'zinc')");
+    KaPointColumns zGiven = guessed;
+    zGiven.z = "zinc";
+    zGiven.guess[2] = false;
+    EXPECT_EQ(ReadText(dir / "r.csv", "id,x,y,zinc\n1,2,3,4\n", zGiven), (std::vector<Ka3DPoint>{{2, 3, 4}}));
+    // Columns given by number are kept; a decimal comma is read where ';' separates.
+    EXPECT_EQ(ReadText(dir / "r.csv", "id,x,y,zinc\n1,2,3,4\n"), (std::vector<Ka3DPoint>{{1, 2, 3}}));
+    EXPECT_EQ(ReadText(dir / "d.csv", "x;y;z\n1,5;2;-0,25\n"), (std::vector<Ka3DPoint>{{1.5, 2, -0.25}}));
+    EXPECT_NE(ErrorOf([&] { ReadText(dir / "d.csv", "x;y;z\n1,5;2;1,000,5\n"); }), "");
+}
+
 TEST(KaPointReader, MissingValuesAreSkippedAndCounted)
 {
     TempDir dir;

@@ -66,7 +66,8 @@ const char* kUsage =
     "  --preview FILE.png also write a colour-mapped picture with a legend\n"
     "  --mesh FILE        triangulation: also write the triangle mesh (.gpkg or .shp)\n"
     "  --x COL --y COL --z COL\n"
-    "                     text input: columns by 1-based number or header name (default 1 2 3);\n"
+    "                     text input: columns by 1-based number or header name (default: the\n"
+    "                     header's x, y, z (easting, lon, ...) when it has them, else 1 2 3);\n"
     "                     vector input: --z names the attribute holding z (default: geometry z)\n"
     "  -q, --quiet        no progress output\n"
     "  -h, --help         this text\n"
@@ -82,7 +83,7 @@ struct Options {
     KaPointColumns columns;
     bool printParams = false;
     bool quiet = false;
-    bool zColumnGiven = false;
+    bool xColumnGiven = false, yColumnGiven = false, zColumnGiven = false;
 };
 
 [[noreturn]] void Usage(const std::string& message)
@@ -120,8 +121,8 @@ Options ParseArguments(int argc, char** argv)
         else if (a == "--like") o.grid.like = value("a raster");
         else if (a == "--preview") o.preview = value("a PNG file name");
         else if (a == "--mesh") o.mesh = value("a file name");
-        else if (a == "--x") o.columns.x = value("a column");
-        else if (a == "--y") o.columns.y = value("a column");
+        else if (a == "--x") { o.columns.x = value("a column"); o.xColumnGiven = true; }
+        else if (a == "--y") { o.columns.y = value("a column"); o.yColumnGiven = true; }
         else if (a == "--z") { o.columns.z = value("a column or field"); o.zColumnGiven = true; }
         else if (a == "-q" || a == "--quiet") o.quiet = true;
         else if (a.size() > 1 && a[0] == '-' && !std::isdigit(static_cast<unsigned char>(a[1])))
@@ -246,6 +247,9 @@ int Run(const Options& o)
     };
 
     KaPointColumns columns = o.columns;
+    columns.guess[0] = !o.xColumnGiven;
+    columns.guess[1] = !o.yColumnGiven;
+    columns.guess[2] = !o.zColumnGiven;
     // Vector files take z from the geometry unless a field is named.
     if (!o.zColumnGiven && !LooksLikeTextPoints(o.input)) columns.z = "";
     KaPointReadReport readReport;

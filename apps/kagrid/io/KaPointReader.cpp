@@ -148,6 +148,53 @@ std::string Quote(std::string_view s)
     return q;
 }
 
+// "1,5" as 1.5: spreadsheets where the comma is the decimal mark separate
+// their fields with ';'.
+bool ParseDecimalComma(std::string t, double& v)
+{
+    const std::size_t comma = t.find(',');
+    if (comma == std::string::npos || t.find(',', comma + 1) != std::string::npos ||
+        t.find('.') != std::string::npos)
+        return false;
+    t[comma] = '.';
+    return ParseNumber(t, v);
+}
+
+// Header names that say which role a column plays.
+bool NamesRole(int role, const std::string& field)
+{
+    static const std::vector<std::vector<std::string>> names = {
+        {"x", "easting", "east", "lon", "long", "longitude"},
+        {"y", "northing", "north", "lat", "latitude"},
+        {"z"},
+    };
+    const std::string f = Lower(std::string(Trim(field)));
+    for (const std::string& n : names[role])
+        if (f == n) return true;
+    return false;
+}
+
+void GuessFromHeader(const std::string& path, std::size_t lineNo, const std::vector<std::string>& fields,
+                     const KaPointColumns& columns, ColumnChoice (&choice)[3])
+{
+    for (int k = 0; k < 3; ++k) {
+        if (!columns.guess[k]) continue;
+        for (std::size_t f = 0; f < fields.size(); ++f)
+            if (NamesRole(k, fields[f])) {
+                choice[k] = ColumnChoice{};
+                choice[k].index = f;
+                break;
+            }
+    }
+    const bool zNamed = columns.guess[2] && choice[2].index < fields.size() && NamesRole(2, fields[choice[2].index]);
+    if (columns.guess[2] && !zNamed && !choice[2].byName &&
+        (choice[2].index == choice[0].index || choice[2].index == choice[1].index)) {
+        std::string list;
+        for (const std::string& f : fields) list += (list.empty() ? "" : ", ") + Quote(f);
+        throw KaIoError(path, lineNo, "which column holds z? choose it with --z (columns: " + list + ")");
+    }
+}
+
 // A spreadsheet's or R's way of leaving a value out.
 bool IsMissing(std::string_view t)
 {
@@ -189,6 +236,7 @@ std::vector<Ka3DPoint> ReadTextPoints(const std::string& path, const KaPointColu
                     header = true;
             }
             if (header) {
+                GuessFromHeader(path, lineNo, fields, columns, choice);
                 for (int k = 0; k < 3; ++k) {
                     if (!choice[k].byName) continue;
                     const std::string want = Lower(choice[k].name);
@@ -229,7 +277,7 @@ std::vector<Ka3DPoint> ReadTextPoints(const std::string& path, const KaPointColu
                                 "column " + name + " (" + kRoles[k] + "): expected " + expected + ", found " +
                                     Quote(t));
             };
-            if (!ParseNumber(t, v[k])) refuse("a number");
+            if (!ParseNumber(t, v[k]) && !(sep == ';' && ParseDecimalComma(t, v[k]))) refuse("a number");
             if (!std::isfinite(v[k])) refuse("a finite number");
         }
         if (missing) {

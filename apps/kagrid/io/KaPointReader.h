@@ -13,8 +13,14 @@
 // Vector files: x and y always come from the point geometry; `z` names an
 // attribute field (by name, or by 1-based field number when no field has
 // that name) and "" takes z from the geometry (Point Z / MultiPoint Z).
+// Text files with a header: a role marked `guess` takes the header field
+// named like it instead of its default number ("x", "easting", "lon" ...;
+// "y", "northing", "lat" ...; "z"), as R and spreadsheets put a row number or
+// an id first; when z is still guessed and its column is x's or y's, the file
+// is refused asking for --z.
 struct KaPointColumns {
     std::string x = "1", y = "2", z = "3";
+    bool guess[3] = {false, false, false};
 };
 
 // What reading left out, for the caller to report.
@@ -30,7 +36,7 @@ bool LooksLikeTextPoints(const std::string& path);
 // (shp, gpkg, geojson, ...). The object is named after the file's stem.
 //
 // Text: fields separated by ';' or ',' (the first of these found in the first
-// non-comment line), else by tabs (in a .tsv file, or when the tabs there
+// non-comment line; with ';' a decimal comma is read too: "1,5"), else by tabs (in a .tsv file, or when the tabs there
 // separate fields without inner blanks), else by runs of blanks; double quotes
 // around a field are dropped. Lines whose first non-blank character is '#'
 // and blank lines are skipped. The first non-comment line is a header when a
