@@ -184,6 +184,7 @@ TEST(KagridRealData, OutputFormatFollowsTheExtensionAtFullPrecision)
     ASSERT_EQ(Kagrid(run + d / "g.tif" + grid).status, 0);
     ASSERT_EQ(Kagrid(run + d / "g.xyz" + grid).status, 0);
     ASSERT_EQ(Kagrid(run + d / "g.asc" + grid).status, 0);
+    EXPECT_FALSE(fs::exists(d / "g.asc.aux.xml"));  // the blank value is in the file itself
     const auto tif = ReadRasterSurface(d / "g.tif");
     const auto asc = ReadRasterSurface(d / "g.asc");
     // The XYZ lines from the north-west node, each value as the GeoTIFF holds it.

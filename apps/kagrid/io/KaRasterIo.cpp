@@ -403,6 +403,12 @@ void WriteSurface(const KaSurface& surface, const std::string& path, const KaRas
     std::snprintf(lattice, sizeof lattice, "%d %d %.17g %.17g %.17g %.17g", cols, rows, info.xMin,
                   info.xMax, info.yMin, info.yMax);
 
+    // The Arc ASCII driver reopens what it wrote; read as 32-bit floats its
+    // blank value would differ and land in an extra .aux.xml file.
+    struct ScopedConfig {
+        ScopedConfig() { CPLSetThreadLocalConfigOption("AAIGRID_DATATYPE", "Float64"); }
+        ~ScopedConfig() { CPLSetThreadLocalConfigOption("AAIGRID_DATATYPE", nullptr); }
+    } float64Ascii;
     kaio::WriteThroughTemp(driver, path, [&](const std::string& temp) -> GdalDatasetPtr {
         if (driverName == "XYZ") {
             WriteXyzText(temp, surface, gt, type, options);
