@@ -217,6 +217,8 @@ TEST(KagridRealData, OutputFormatFollowsTheExtensionAtFullPrecision)
         EXPECT_TRUE(Has(r, message)) << args << "\n" << r.output;
     }
     EXPECT_EQ(d.Entries(), before);  // nothing half-written
+    const auto early = Kagrid(run + d / "g.foo --size 4,3");
+    EXPECT_FALSE(Has(early, "Estimat")) << early.output;  // refused before any gridding
 }
 
 TEST(KagridRealData, MissingValuesAreSkippedAndCounted)

@@ -39,7 +39,7 @@ constexpr int kExitFailure = 1;
 constexpr int kExitUsage = 2;
 
 // The size of the grid being made, for an allocation failure's message.
-std::string gridSize;
+std::string runGridSize;
 
 const char* kUsage =
     "usage: kagrid METHOD INPUT OUTPUT [options]\n"
@@ -238,8 +238,7 @@ int Run(const Options& o)
 {
     const KaMethodInfo* method = FindMethod(o.method);
     if (!method) UnknownMethod(o.method);
-    const bool triangulation = method->makeJob != nullptr && std::string_view(method->key) == "triangulation";
-    if (!o.mesh.empty() && !triangulation) Usage("--mesh: only the triangulation method makes a mesh");
+    if (!o.mesh.empty() && std::string_view(method->key) != "triangulation") Usage("--mesh: only the triangulation method makes a mesh");
     // Checked before the input is read: a typo here should not wait for a large file.
     const std::string crs = o.crs.empty() ? std::string() : CrsFromDefinition(o.crs);
     auto note = [&](const std::string& text) {
@@ -299,8 +298,14 @@ int Run(const Options& o)
     CheckWritable(o.output);
     CheckWritable(o.preview);
     CheckWritable(o.mesh);
+    KaRasterWriteOptions how;
+    how.format = o.format;
+    how.crsWkt = outputCrs;
+    how.dataType = o.dataType;
+    how.creationOptions = o.creationOptions;
+    CheckRasterWrite(o.output, how, record->blankValue);
     CheckGridFitsInMemory(*record);
-    gridSize = GridMemoryText(record->columnCount, record->rowCount);
+    runGridSize = GridMemoryText(record->columnCount, record->rowCount);
     note("grid: " + DescribeGrid(*record));
     if (!outputCrs.empty()) note("coordinate system: " + CrsLabel(outputCrs));
 
@@ -325,7 +330,7 @@ int Run(const Options& o)
     progress.Finish();
     if (!surface) {
         std::string reason = job->FailureReason();
-        if (reason.find("allocate") != std::string::npos) reason = "not enough memory: " + gridSize;
+        if (reason.find("allocate") != std::string::npos) reason = "not enough memory: " + runGridSize;
         if (reason.empty()) reason = "the gridding job ended without a surface";
         if (reason.back() == '.') reason.pop_back();
         if (method->note) reason = std::string(method->note) + " (" + reason + ")";
@@ -337,11 +342,6 @@ int Run(const Options& o)
         for (const std::string& w : ReviewSurface(method->key, *estimator->GetParam(), *used, *surface))
             std::fprintf(stderr, "kagrid: warning: %s\n", w.c_str());
 
-    KaRasterWriteOptions how;
-    how.format = o.format;
-    how.crsWkt = outputCrs;
-    how.dataType = o.dataType;
-    how.creationOptions = o.creationOptions;
     WriteSurface(*surface, o.output, how);
     note("wrote " + o.output);
     if (!o.preview.empty()) {
@@ -378,7 +378,7 @@ int main(int argc, char** argv)
         return Run(o);
     } catch (const std::bad_alloc&) {
         std::fprintf(stderr, "kagrid: out of memory%s (a smaller grid, or fewer neighbours per node, may fit)\n",
-                     gridSize.empty() ? "" : (": " + gridSize).c_str());
+                     runGridSize.empty() ? "" : (": " + runGridSize).c_str());
         return kExitFailure;
     } catch (const std::exception& e) {
         std::fprintf(stderr, "kagrid: %s\n", e.what());

@@ -348,7 +348,38 @@ void WriteXyzText(const std::string& temp, const KaSurface& surface, const doubl
     if (std::fclose(f) != 0 || !ok) throw KaIoError(temp, "writing the file failed");
 }
 
+
+struct WritePlan {
+    GDALDriver* driver;
+    GDALDataType type;
+    CPLStringList options;
+};
+
+WritePlan PlanWrite(const std::string& path, const KaRasterWriteOptions& how, double blankValue)
+{
+    KaIoInit();
+    GDALDriver* driver = OutputDriver(path, how.format);
+    const GDALDataType type = BandType(driver, path, how.dataType);
+    if (GDALDataTypeIsInteger(type)) {
+        int clamped = 0, rounded = 0;
+        GDALAdjustValueToDataType(type, blankValue, &clamped, &rounded);
+        if (clamped || rounded) {
+            char blank[40];
+            std::snprintf(blank, sizeof blank, "%.9g", blankValue);
+            throw KaIoError(path, std::string("the blank value ") + blank + " does not fit " +
+                                      GDALGetDataTypeName(type) +
+                                      "; set one it holds, e.g. --set blankValue=-9999");
+        }
+    }
+    return {driver, type, CreationOptions(driver, path, how.creationOptions)};
+}
+
 }  // namespace
+
+void CheckRasterWrite(const std::string& path, const KaRasterWriteOptions& how, double blankValue)
+{
+    PlanWrite(path, how, blankValue);
+}
 
 void WriteSurface(const KaSurface& surface, const std::string& path, const std::string& format)
 {
@@ -367,20 +398,10 @@ void WriteSurface(const KaSurface& surface, const std::string& path, const KaRas
         throw KaIoError(path, "the surface holds no grid to write");
     if (m.columnCount > INT_MAX || m.rowCount > INT_MAX)
         throw KaIoError(path, "the grid is too large for a raster file");
-    GDALDriver* driver = OutputDriver(path, how.format);
-    const GDALDataType type = BandType(driver, path, how.dataType);
-    if (GDALDataTypeIsInteger(type)) {
-        int clamped = 0, rounded = 0;
-        GDALAdjustValueToDataType(type, info.invalidValue, &clamped, &rounded);
-        if (clamped || rounded) {
-            char blank[40];
-            std::snprintf(blank, sizeof blank, "%.9g", info.invalidValue);
-            throw KaIoError(path, std::string("the blank value ") + blank + " does not fit " +
-                                      GDALGetDataTypeName(type) +
-                                      "; set one it holds, e.g. --set blankValue=-9999");
-        }
-    }
-    const CPLStringList options = CreationOptions(driver, path, how.creationOptions);
+    const WritePlan plan = PlanWrite(path, how, info.invalidValue);
+    GDALDriver* driver = plan.driver;
+    const GDALDataType type = plan.type;
+    const CPLStringList& options = plan.options;
     OGRSpatialReference srs;
     if (!how.crsWkt.empty() && srs.importFromWkt(how.crsWkt.c_str()) != OGRERR_NONE)
         throw KaIoError(path, "the coordinate system to record is not valid WKT");

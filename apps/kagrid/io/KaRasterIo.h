@@ -53,4 +53,6 @@ struct KaRasterWriteOptions {
 // it only when complete: on failure `path` is untouched, no temporary is left
 // and KaIoError is thrown.
 void WriteSurface(const KaSurface& surface, const std::string& path, const KaRasterWriteOptions& options);
+// The refusals of WriteSurface that need no grid, for a check before any work.
+void CheckRasterWrite(const std::string& path, const KaRasterWriteOptions& options, double blankValue);
 void WriteSurface(const KaSurface& surface, const std::string& path, const std::string& format = "");
