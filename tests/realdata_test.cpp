@@ -78,6 +78,15 @@ bool Has(const katest::CommandResult& r, const std::string& text)
     return r.output.find(text) != std::string::npos;
 }
 
+// kagrid refuses the run with exit 1 and `message`, and `unwritten` does not appear.
+void ExpectRefused(const std::string& args, const std::string& message, const std::string& unwritten)
+{
+    const auto r = Kagrid(args);
+    EXPECT_EQ(r.status, 1) << args;
+    EXPECT_TRUE(Has(r, message)) << args << "\n" << r.output;
+    EXPECT_FALSE(fs::exists(unwritten)) << args;
+}
+
 const char* kVariogram =
     R"(--set 'variogram={"components": [{"model": "Nugget", "sill": 1000}, )"
     R"({"model": "Spherical", "sill": 200000, "range": 1500}]}')";
@@ -114,10 +123,8 @@ TEST(KagridRealData, CoordinateSystemTravelsFromInputToOutput)
     EXPECT_EQ(EpsgOf(d / "w.tif"), 28992);
     EXPECT_EQ(EpsgOf(d / "w_mesh.gpkg"), 28992);
 
-    const auto unknown = Kagrid("nearest-neighbor " + d / "zn.tif " + d / "x.tif -q --crs EPSG:999999");
-    EXPECT_EQ(unknown.status, 1);
-    EXPECT_TRUE(Has(unknown, "--crs 'EPSG:999999'")) << unknown.output;
-    EXPECT_FALSE(fs::exists(d / "x.tif"));
+    ExpectRefused("nearest-neighbor " + d / "zn.tif " + d / "x.tif -q --crs EPSG:999999", "--crs 'EPSG:999999'",
+                  d / "x.tif");
 }
 
 TEST(KagridRealData, GridByCellSizeSizeOrAnotherGrid)
@@ -164,15 +171,10 @@ TEST(KagridRealData, GridByCellSizeSizeOrAnotherGrid)
              {"--bounds 10,0,0,10", "--bounds 10,0,0,10: XMAX and YMAX"},
              {"--cell -5", "--cell -5: the cell size must be positive"},
              {"--size 2.5,4", "--size 2.5,4: the counts must be whole numbers"}}) {
-        const auto r = Kagrid(base + d / "c.tif -q " + options);
-        EXPECT_EQ(r.status, 1) << options;
-        EXPECT_TRUE(Has(r, names)) << options << "\n" << r.output;
+        ExpectRefused(base + d / "c.tif -q " + options, names, d / "c.tif");
     }
     // A grid larger than memory is refused before any work, with its size.
-    const auto huge = Kagrid(base + d / "c.tif -q --size 1000000000,1000");
-    EXPECT_EQ(huge.status, 1);
-    EXPECT_TRUE(Has(huge, "a 1000000000 \u00d7 1000 grid needs 8 TB")) << huge.output;
-    EXPECT_FALSE(fs::exists(d / "c.tif"));
+    ExpectRefused(base + d / "c.tif -q --size 1000000000,1000", "a 1000000000 \u00d7 1000 grid needs 8 TB", d / "c.tif");
 }
 
 TEST(KagridRealData, OutputFormatFollowsTheExtensionAtFullPrecision)
