@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "methods/KaEstKrig.h"
+#include "methods/KaMethodRegistry.h"
 #include "platform/kadata/KaDataObject.h"
 #include "search/KaEstGridSearcherParam.h"
 
@@ -112,9 +113,10 @@ std::string WhyAllBlank(const std::string& method, const KaEstimatorGridParam& r
 
 }  // namespace
 
-std::vector<std::string> ReviewSurface(const std::string& method, const KaEstimatorGridParam& record,
+std::vector<std::string> ReviewSurface(const KaMethodInfo& info, const KaEstimatorGridParam& record,
                                        const KaSampleList& list, const KaSurface& surface)
 {
+    const std::string method = info.key;
     std::vector<std::string> warnings;
     std::vector<Sample> samples;
     for (const KaSample& s : list)
@@ -131,7 +133,9 @@ std::vector<std::string> ReviewSurface(const std::string& method, const KaEstima
         hi = std::max(hi, v);
     }
     if (lo > hi) {
-        warnings.push_back("every node of the grid is blank: " + WhyAllBlank(method, record, samples));
+        // A method that is known to leave its grid blank says so itself.
+        warnings.push_back(info.note ? method + ": " + info.note
+                                     : "every node of the grid is blank: " + WhyAllBlank(method, record, samples));
         return warnings;
     }
 

@@ -339,7 +339,7 @@ int Run(const Options& o)
 
     const KaEstimatorGrid* estimator = job->GetEstimator();
     if (const KaSampleList* used = job->GetSampleList(); used && estimator && estimator->GetParam())
-        for (const std::string& w : ReviewSurface(method->key, *estimator->GetParam(), *used, *surface))
+        for (const std::string& w : ReviewSurface(*method, *estimator->GetParam(), *used, *surface))
             std::fprintf(stderr, "kagrid: warning: %s\n", w.c_str());
 
     WriteSurface(*surface, o.output, how);
