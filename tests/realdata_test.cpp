@@ -126,7 +126,7 @@ TEST(KagridRealData, CoordinateSystemTravelsFromInputToOutput)
     ExpectRefused("nearest-neighbor " + d / "zn.tif " + d / "x.tif -q --crs EPSG:999999", "--crs 'EPSG:999999'",
                   d / "x.tif");
     katest::WriteFile(d / "w.prj", "PROJCS[broken");
-    ExpectRefused("triangulation " + d / "w.csv " + d / "x.tif -q", "w.prj: ", d / "x.tif");
+    ExpectRefused("triangulation " + d / "w.csv " + d / "x.tif -q", "w.prj: not a coordinate system definition", d / "x.tif");
 }
 
 TEST(KagridRealData, GridByCellSizeSizeOrAnotherGrid)

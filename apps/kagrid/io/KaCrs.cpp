@@ -57,7 +57,8 @@ std::string ReadInputCrs(const std::string& path)
         kaio::GdalErrorCapture capture;
         OGRSpatialReference srs;
         if (srs.SetFromUserInput(text.str().c_str()) != OGRERR_NONE)
-            throw KaIoError(prj, capture.Message("not a coordinate system definition"));
+            throw KaIoError(prj, "not a coordinate system definition" +
+                                     (capture.Failed() ? " (" + capture.Message("") + ")" : std::string()));
         // A .prj is often the ESRI dialect without authority codes: name the
         // registered system it describes when there is a confident match.
         if (!srs.GetAuthorityCode(nullptr)) {
