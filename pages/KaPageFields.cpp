@@ -1,0 +1,96 @@
+#include "pages/KaPageFields.h"
+
+#include <QCoreApplication>
+#include <QDoubleSpinBox>
+#include <QFormLayout>
+#include <QGroupBox>
+#include <QSpinBox>
+
+#include "platform/kadata/KaEventsLog.h"
+#include "search/KaEstGridSearcherParam.h"
+
+namespace {
+
+QString Tr(const char* text) { return QCoreApplication::translate("KaPageEstimatorBase", text); }
+
+// Large enough for any radius of projected coordinates.
+constexpr double kMaxLength = 1e12;
+
+}  // namespace
+
+QDoubleSpinBox* KaNewDoubleSpin(const char* objectName, double min, double max, int decimals, double value)
+{
+    auto* spin = new QDoubleSpinBox;
+    spin->setObjectName(QString::fromLatin1(objectName));
+    spin->setDecimals(decimals);
+    spin->setRange(min, max);
+    spin->setValue(value);
+    spin->setAccelerated(true);
+    spin->setWrapping(false);
+    return spin;
+}
+
+QSpinBox* KaNewIntSpin(const char* objectName, int min, int max, int value)
+{
+    auto* spin = new QSpinBox;
+    spin->setObjectName(QString::fromLatin1(objectName));
+    spin->setRange(min, max);
+    spin->setValue(value);
+    spin->setAccelerated(true);
+    spin->setWrapping(false);
+    return spin;
+}
+
+bool KaRefuseField(QWidget* widget, const QString& message)
+{
+    widget->setFocus();
+    OutputEventsLog(3, message.toStdString());
+    return false;
+}
+
+QGroupBox* KaAnisotropyFields::Create(QWidget* parent, int decimals)
+{
+    auto* group = new QGroupBox(Tr("Anisotropy"), parent);
+    group->setObjectName("GroupAnisotropy");
+    ratio = KaNewDoubleSpin("SpinRatio", 0.0, 8388608.0, decimals, 1.0);
+    angle = KaNewDoubleSpin("SpinAngle", -360.0, 360.0, decimals, 0.0);
+    auto* form = new QFormLayout(group);
+    form->addRow(Tr("Ratio"), ratio);
+    form->addRow(Tr("Angle"), angle);
+    return group;
+}
+
+QGroupBox* KaEllipseFields::Create(QWidget* parent)
+{
+    auto* group = new QGroupBox(Tr("Search Ellipse"), parent);
+    group->setObjectName("GroupSearchEllipse");
+    radius1 = KaNewDoubleSpin("SpinRadius1", 0.0, kMaxLength, 4, 1.0);
+    radius2 = KaNewDoubleSpin("SpinRadius2", 0.0, kMaxLength, 4, 1.0);
+    angle = KaNewDoubleSpin("SpinAngle", -360.0, 360.0, 4, 0.0);
+    auto* form = new QFormLayout(group);
+    form->addRow(Tr("Radius 1"), radius1);
+    form->addRow(Tr("Radius 2"), radius2);
+    form->addRow(Tr("Angle"), angle);
+    return group;
+}
+
+void KaEllipseFields::Load(const KaEstGridSearcherParam& record)
+{
+    radius1->setValue(record.radius1);
+    radius2->setValue(record.radius2);
+    angle->setValue(record.ellipseAngle);
+}
+
+void KaEllipseFields::Gather(KaEstGridSearcherParam& record) const
+{
+    record.radius1 = radius1->value();
+    record.radius2 = radius2->value();
+    record.ellipseAngle = angle->value();
+}
+
+bool KaEllipseFields::Check() const
+{
+    if (radius1->value() <= 0) return KaRefuseField(radius1, Tr("Radius 1 must be above 0!"));
+    if (radius2->value() <= 0) return KaRefuseField(radius2, Tr("Radius 2 must be above 0!"));
+    return true;
+}

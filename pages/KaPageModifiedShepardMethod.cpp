@@ -1,0 +1,66 @@
+#include "pages/KaPageModifiedShepardMethod.h"
+
+#include <QDoubleSpinBox>
+#include <QFormLayout>
+#include <QGroupBox>
+#include <QSpinBox>
+#include <QVBoxLayout>
+#include <algorithm>
+#include <climits>
+
+#include "methods/KaEstModifiedShepard.h"
+
+namespace {
+
+// The record's counts are unsigned; the spins show them clamped to int.
+int ToSpin(uint32_t n) { return static_cast<int>(std::min<uint32_t>(n, INT_MAX)); }
+
+}  // namespace
+
+KaPageModifiedShepardMethod::KaPageModifiedShepardMethod(KaSheetEstimator2DBase* dialog, QWidget* parent)
+    : KaPageEstimatorBase(dialog, parent)
+{
+    auto* general = new QGroupBox(tr("General"), this);
+    smoothing_ = KaNewDoubleSpin("SpinSmoothingFactor", 0.0, 1e12, 6, 0.0);
+    // Below 3 is offered so that a record refused by validation shows as it is.
+    quadratic_ = KaNewIntSpin("SpinQuadraticNeighbors", 0, INT_MAX, 3);
+    weighting_ = KaNewIntSpin("SpinWeightingNeighbors", 0, INT_MAX, 3);
+    auto* form = new QFormLayout(general);
+    form->addRow(tr("Smoothing Factor"), smoothing_);
+    form->addRow(tr("Quadratic Neighbor"), quadratic_);
+    form->addRow(tr("Weighting Neighbors"), weighting_);
+
+    auto* layout = new QVBoxLayout(this);
+    layout->addWidget(general);
+    layout->addWidget(ellipse_.Create(this));
+    layout->addStretch();
+}
+
+bool KaPageModifiedShepardMethod::CheckPage()
+{
+    if (quadratic_->value() < 3) return KaRefuseField(quadratic_, tr("Quadratic Neighbor must be at least 3!"));
+    if (weighting_->value() < 3) return KaRefuseField(weighting_, tr("Weighting Neighbors must be at least 3!"));
+    return ellipse_.Check();
+}
+
+bool KaPageModifiedShepardMethod::GatherParameter(KaEstimatorGridParam* record)
+{
+    auto* p = dynamic_cast<KaEstModifiedShepardParam*>(record);
+    if (!p) return false;
+    p->smoothingFactor = smoothing_->value();
+    p->quadraticNeighbors = static_cast<uint32_t>(quadratic_->value());
+    p->weightingNeighbors = static_cast<uint32_t>(weighting_->value());
+    ellipse_.Gather(*p);
+    return true;
+}
+
+bool KaPageModifiedShepardMethod::LoadParameter(KaEstimatorGridParam* record)
+{
+    auto* p = dynamic_cast<KaEstModifiedShepardParam*>(record);
+    if (!p) return false;
+    smoothing_->setValue(p->smoothingFactor);
+    quadratic_->setValue(ToSpin(p->quadraticNeighbors));
+    weighting_->setValue(ToSpin(p->weightingNeighbors));
+    ellipse_.Load(*p);
+    return true;
+}

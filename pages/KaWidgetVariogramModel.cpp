@@ -1,0 +1,210 @@
+#include "pages/KaWidgetVariogramModel.h"
+
+#include <QPainter>
+#include <QPainterPath>
+#include <algorithm>
+#include <cmath>
+
+#include "methods/numeric/KaVario.h"
+
+namespace {
+
+constexpr int kTicks = 5;
+constexpr int kTopMargin = 12;
+constexpr int kRightMargin = 16;
+// How far past the sill the axis follows a rising curve.
+constexpr double kMaxSillMultiple = 3.0;
+
+// A round step (1, 2 or 5 times a power of ten) giving about kTicks ticks up to `extent`.
+double TickStep(double extent)
+{
+    const double raw = extent / kTicks;
+    const double magnitude = std::pow(10.0, std::floor(std::log10(raw)));
+    const double n = raw / magnitude;
+    return (n < 1.5 ? 1 : n < 3 ? 2 : n < 7 ? 5 : 10) * magnitude;
+}
+
+// The first tick at or above `extent` (a positive, finite number).
+double RoundUp(double extent)
+{
+    const double step = TickStep(extent);
+    return std::ceil(extent / step - 1e-9) * step;
+}
+
+QString TickText(double v) { return QString::number(v, 'g', 6); }
+
+}  // namespace
+
+KaWidgetVariogramModel::KaWidgetVariogramModel(QWidget* parent) : QWidget(parent)
+{
+    setObjectName("WidgetVariogramModel");
+    setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Expanding);
+    setAutoFillBackground(true);
+    QPalette p = palette();
+    p.setColor(QPalette::Window, Qt::white);
+    setPalette(p);
+}
+
+void KaWidgetVariogramModel::SetVariogram(const KaVarioVector* model)
+{
+    model_ = model;
+    update();
+}
+
+double KaWidgetVariogramModel::Evaluate(double distance) const
+{
+    return model_ ? model_->Evaluate(distance, 0.0, 0.0) : 0.0;
+}
+
+double KaWidgetVariogramModel::LargestRange() const
+{
+    double largest = 0;
+    if (model_)
+        for (std::size_t i = 0; i < model_->size(); ++i) {
+            const double r = (*model_)[i].range;
+            if (std::isfinite(r) && r > largest) largest = r;
+        }
+    return largest;
+}
+
+double KaWidgetVariogramModel::TotalSill() const
+{
+    double total = 0;
+    if (model_)
+        for (std::size_t i = 0; i < model_->size(); ++i) total += std::abs((*model_)[i].sill);
+    return model_ ? total * std::abs(model_->scale) : 0.0;
+}
+
+double KaWidgetVariogramModel::MaxDistance() const
+{
+    const double range = LargestRange();
+    return range > 0 ? RoundUp(1.5 * range) : 1.0;
+}
+
+double KaWidgetVariogramModel::MaxSemivariance() const
+{
+    const double sill = TotalSill();
+    // The curve may rise past the sill (power, linear, unbounded polynomials).
+    double top = sill;
+    const double dMax = MaxDistance();
+    for (int k = 0; k <= 200; ++k) {
+        const double v = Evaluate(dMax * k / 200);
+        if (std::isfinite(v)) top = std::max(top, v);
+    }
+    if (sill > 0) top = std::min(top, kMaxSillMultiple * sill);
+    if (!(top > 0) || !std::isfinite(top)) return 1.0;
+    return RoundUp(1.1 * top);
+}
+
+int KaWidgetVariogramModel::LeftMargin() const
+{
+    const QFontMetrics fm = fontMetrics();
+    const double yMax = MaxSemivariance(), step = TickStep(yMax);
+    int widest = 0;
+    for (double v = 0; v <= yMax * (1 + 1e-9); v += step) widest = std::max(widest, fm.horizontalAdvance(TickText(v)));
+    // Tick labels, the tick marks, and the rotated axis title.
+    return widest + fm.height() + 14;
+}
+
+QRectF KaWidgetVariogramModel::PlotRect() const
+{
+    const int bottom = 2 * fontMetrics().height() + 12;
+    const int left = LeftMargin();
+    return QRectF(left, kTopMargin, std::max(1, width() - left - kRightMargin),
+                  std::max(1, height() - kTopMargin - bottom));
+}
+
+QPointF KaWidgetVariogramModel::ToWidget(double distance, double semivariance) const
+{
+    const QRectF plot = PlotRect();
+    const double x = plot.left() + distance / MaxDistance() * plot.width();
+    double y = plot.bottom() - semivariance / MaxSemivariance() * plot.height();
+    // Far outside the plot the painter only needs the direction.
+    y = std::clamp(y, plot.top() - 4 * plot.height(), plot.bottom() + 4 * plot.height());
+    return {x, y};
+}
+
+void KaWidgetVariogramModel::paintEvent(QPaintEvent*)
+{
+    QPainter painter(this);
+    painter.setRenderHint(QPainter::Antialiasing);
+    const QRectF plot = PlotRect();
+    const QFontMetrics fm = fontMetrics();
+    const double xMax = MaxDistance(), yMax = MaxSemivariance();
+
+    // Grid lines, ticks and their numbers.
+    const QPen gridPen(QColor(225, 225, 225), 1);
+    const QPen axisPen(Qt::black, 1);
+    const double xStep = TickStep(xMax), yStep = TickStep(yMax);
+    for (double v = 0; v <= xMax * (1 + 1e-9); v += xStep) {
+        const double x = ToWidget(v, 0).x();
+        painter.setPen(gridPen);
+        painter.drawLine(QPointF(x, plot.top()), QPointF(x, plot.bottom()));
+        painter.setPen(axisPen);
+        painter.drawLine(QPointF(x, plot.bottom()), QPointF(x, plot.bottom() + 4));
+        const QString t = TickText(v);
+        painter.drawText(QPointF(x - fm.horizontalAdvance(t) / 2.0, plot.bottom() + 6 + fm.ascent()), t);
+    }
+    for (double v = 0; v <= yMax * (1 + 1e-9); v += yStep) {
+        const double y = ToWidget(0, v).y();
+        painter.setPen(gridPen);
+        painter.drawLine(QPointF(plot.left(), y), QPointF(plot.right(), y));
+        painter.setPen(axisPen);
+        painter.drawLine(QPointF(plot.left() - 4, y), QPointF(plot.left(), y));
+        const QString t = TickText(v);
+        painter.drawText(QPointF(plot.left() - 6 - fm.horizontalAdvance(t), y + fm.ascent() / 2.0 - 1), t);
+    }
+    painter.setPen(axisPen);
+    painter.drawLine(plot.bottomLeft(), plot.bottomRight());
+    painter.drawLine(plot.bottomLeft(), plot.topLeft());
+
+    // Axis titles.
+    const QString distance = tr("Distance"), semivariance = tr("Semivariance");
+    painter.drawText(QPointF(plot.center().x() - fm.horizontalAdvance(distance) / 2.0, height() - fm.descent() - 2),
+                     distance);
+    painter.save();
+    painter.translate(fm.ascent() + 2, plot.center().y() + fm.horizontalAdvance(semivariance) / 2.0);
+    painter.rotate(-90);
+    painter.drawText(QPointF(0, 0), semivariance);
+    painter.restore();
+
+    if (!model_ || model_->empty()) {
+        painter.setPen(Qt::darkGray);
+        painter.drawText(plot, Qt::AlignCenter, tr("No variogram component"));
+        return;
+    }
+
+    painter.setClipRect(plot.adjusted(-3, -3, 3, 3));
+    // The total sill and the largest range, for reference.
+    const double sill = TotalSill(), range = LargestRange();
+    painter.setPen(QPen(Qt::gray, 1, Qt::DashLine));
+    if (sill > 0) painter.drawLine(ToWidget(0, sill), ToWidget(xMax, sill));
+    if (range > 0) painter.drawLine(ToWidget(range, 0), ToWidget(range, yMax));
+
+    // The curve, one sample per pixel column; undefined values break it.
+    QPainterPath path;
+    bool open = false;
+    const int samples = std::max(2, static_cast<int>(plot.width()));
+    for (int k = 0; k <= samples; ++k) {
+        const double d = xMax * k / samples;
+        const double v = Evaluate(d);
+        if (!std::isfinite(v)) {
+            open = false;
+            continue;
+        }
+        const QPointF p = ToWidget(d, v);
+        if (open)
+            path.lineTo(p);
+        else
+            path.moveTo(p);
+        open = true;
+    }
+    painter.setPen(QPen(CurveColor(), 2));
+    painter.drawPath(path);
+    // Where the curve starts: above the origin when there is a nugget.
+    const double start = Evaluate(0);
+    if (std::isfinite(start)) {
+        painter.setBrush(CurveColor());
+        painter.drawEllipse(ToWidget(0, start), 2.5, 2.5);
+    }
+}

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <QColor>
+#include <QRectF>
+#include <QWidget>
+
+class KaVarioVector;
+
+// Draws a variogram model: semivariance against separation distance, sampled
+// through the model's own evaluation along the x direction, one sample per
+// pixel column. Distance runs from 0 to a round number at or above 1.5 times
+// the largest component range; semivariance from 0 to a round number above
+// the total sill (or above the curve, for models that rise past it, up to
+// three times the sill). The model is borrowed; call update() after changing it.
+class KaWidgetVariogramModel : public QWidget {
+    Q_OBJECT
+public:
+    explicit KaWidgetVariogramModel(QWidget* parent = nullptr);
+
+    void SetVariogram(const KaVarioVector* model);
+    const KaVarioVector* GetVariogram() const { return model_; }
+
+    // The axes' upper ends for the current model.
+    double MaxDistance() const;
+    double MaxSemivariance() const;
+    // The plot area at the current size, and a model point mapped into it.
+    QRectF PlotRect() const;
+    QPointF ToWidget(double distance, double semivariance) const;
+
+    static QColor CurveColor() { return QColor(0, 90, 200); }
+
+    QSize sizeHint() const override { return {360, 240}; }
+    QSize minimumSizeHint() const override { return {220, 150}; }
+
+protected:
+    void paintEvent(QPaintEvent* event) override;
+
+private:
+    double Evaluate(double distance) const;
+    double LargestRange() const;
+    double TotalSill() const;
+    int LeftMargin() const;
+
+    const KaVarioVector* model_ = nullptr;
+};
