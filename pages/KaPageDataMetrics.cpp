@@ -17,6 +17,11 @@ KaPageDataMetrics::KaPageDataMetrics(KaSheetEstimator2DBase* dialog, QWidget* pa
     for (int m = 0; m < kDataMetricCount; ++m)
         metrics_->addItem(QCoreApplication::translate("KaPageDataMetrics", KaDataMetricDescription(m)));
     metrics_->setCurrentRow(kMetricMinimum);
+    // Every description whole, without scrolling.
+    const int frame = 2 * metrics_->frameWidth();
+    metrics_->setMinimumSize(metrics_->sizeHintForColumn(0) + frame + 8,
+                             metrics_->sizeHintForRow(0) * metrics_->count() + frame + 4);
+    metrics_->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     auto* inner = new QVBoxLayout(group);
     inner->addWidget(metrics_);
 

@@ -133,7 +133,9 @@ KaPageKriging::KaPageKriging(KaSheetEstimator2DBase* dialog, QWidget* parent)
     models_->setObjectName("ListModels");
     for (const ModelEntry& m : kModels) new KaListVarioItem(tr(m.text), m.model, models_);
     (new QVBoxLayout(modelsGroup))->addWidget(models_);
-    for (QListWidget* list : {components_, models_}) list->setMaximumHeight(7 * fontMetrics().height());
+    // Every model kind in view; the components' list as tall.
+    const int listHeight = models_->sizeHintForRow(0) * models_->count() + 2 * models_->frameWidth() + 4;
+    for (QListWidget* list : {components_, models_}) list->setFixedHeight(listHeight);
     add_ = new QPushButton(tr("Add==>"), this);
     add_->setObjectName("BtnAdd");
     erase_ = new QPushButton(tr("<==Erase"), this);
@@ -152,6 +154,7 @@ KaPageKriging::KaPageKriging(KaSheetEstimator2DBase* dialog, QWidget* parent)
 
     chart_ = new KaWidgetVariogramModel(this);
     chart_->SetVariogram(model_.get());
+    chart_->setMinimumSize(chart_->sizeHint());
 
     info_ = new QGroupBox(tr("Model Information"), this);
     info_->setObjectName("GroupInfo");

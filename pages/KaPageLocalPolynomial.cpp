@@ -17,6 +17,7 @@ KaPageLocalPolynomial::KaPageLocalPolynomial(KaSheetEstimator2DBase* dialog, QWi
     power_ = KaNewIntSpin("SpinPower", 0, 20, 2);
     power_->setMinimumWidth(80);
     auto* form = new QFormLayout;
+    form->setFieldGrowthPolicy(QFormLayout::FieldsStayAtSizeHint);
     form->addRow(tr("Power"), power_);
 
     auto* order = new QGroupBox(tr("Polynomial Order"), this);

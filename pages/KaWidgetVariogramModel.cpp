@@ -11,7 +11,6 @@ namespace {
 
 constexpr int kTicks = 5;
 constexpr int kTopMargin = 12;
-constexpr int kRightMargin = 16;
 // How far past the sill the axis follows a rising curve.
 constexpr double kMaxSillMultiple = 3.0;
 
@@ -110,7 +109,9 @@ QRectF KaWidgetVariogramModel::PlotRect() const
 {
     const int bottom = 2 * fontMetrics().height() + 12;
     const int left = LeftMargin();
-    return QRectF(left, kTopMargin, std::max(1, width() - left - kRightMargin),
+    // Room for half of the last distance number.
+    const int right = fontMetrics().horizontalAdvance(TickText(MaxDistance())) / 2 + 8;
+    return QRectF(left, kTopMargin, std::max(1, width() - left - right),
                   std::max(1, height() - kTopMargin - bottom));
 }
 
