@@ -1,11 +1,10 @@
 #include "pages/KaPageFields.h"
 
 #include <QCoreApplication>
-#include <QDoubleSpinBox>
 #include <QFormLayout>
 #include <QGroupBox>
-#include <QSpinBox>
 
+#include "pages/KaPreciseSpinBox.h"
 #include "platform/kadata/KaEventsLog.h"
 #include "search/KaEstGridSearcherParam.h"
 
@@ -18,26 +17,11 @@ constexpr double kMaxLength = 1e12;
 
 }  // namespace
 
-QDoubleSpinBox* KaNewDoubleSpin(const char* objectName, double min, double max, int decimals, double value)
+KaPreciseSpinBox* KaNewDoubleSpin(const char* objectName, double min, double max, int decimals, double value)
 {
-    auto* spin = new QDoubleSpinBox;
+    auto* spin = new KaPreciseSpinBox(min, max, decimals);
     spin->setObjectName(QString::fromLatin1(objectName));
-    spin->setDecimals(decimals);
-    spin->setRange(min, max);
-    spin->setValue(value);
-    spin->setAccelerated(true);
-    spin->setWrapping(false);
-    return spin;
-}
-
-QSpinBox* KaNewIntSpin(const char* objectName, int min, int max, int value)
-{
-    auto* spin = new QSpinBox;
-    spin->setObjectName(QString::fromLatin1(objectName));
-    spin->setRange(min, max);
-    spin->setValue(value);
-    spin->setAccelerated(true);
-    spin->setWrapping(false);
+    spin->SetExactValue(value);
     return spin;
 }
 
@@ -76,21 +60,21 @@ QGroupBox* KaEllipseFields::Create(QWidget* parent)
 
 void KaEllipseFields::Load(const KaEstGridSearcherParam& record)
 {
-    radius1->setValue(record.radius1);
-    radius2->setValue(record.radius2);
-    angle->setValue(record.ellipseAngle);
+    radius1->SetExactValue(record.radius1);
+    radius2->SetExactValue(record.radius2);
+    angle->SetExactValue(record.ellipseAngle);
 }
 
 void KaEllipseFields::Gather(KaEstGridSearcherParam& record) const
 {
-    record.radius1 = radius1->value();
-    record.radius2 = radius2->value();
-    record.ellipseAngle = angle->value();
+    record.radius1 = radius1->ExactValue();
+    record.radius2 = radius2->ExactValue();
+    record.ellipseAngle = angle->ExactValue();
 }
 
 bool KaEllipseFields::Check() const
 {
-    if (radius1->value() <= 0) return KaRefuseField(radius1, Tr("Radius 1 must be above 0!"));
-    if (radius2->value() <= 0) return KaRefuseField(radius2, Tr("Radius 2 must be above 0!"));
+    if (radius1->ExactValue() <= 0) return KaRefuseField(radius1, Tr("Radius 1 must be above 0!"));
+    if (radius2->ExactValue() <= 0) return KaRefuseField(radius2, Tr("Radius 2 must be above 0!"));
     return true;
 }

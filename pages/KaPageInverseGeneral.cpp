@@ -1,11 +1,11 @@
 #include "pages/KaPageInverseGeneral.h"
 
-#include <QDoubleSpinBox>
 #include <QFormLayout>
 #include <QGroupBox>
 #include <QVBoxLayout>
 
 #include "methods/KaEstInverseDistance.h"
+#include "pages/KaPreciseSpinBox.h"
 
 KaPageInverseGeneral::KaPageInverseGeneral(KaSheetEstimator2DBase* dialog, QWidget* parent)
     : KaPageEstimatorBase(dialog, parent)
@@ -25,7 +25,7 @@ KaPageInverseGeneral::KaPageInverseGeneral(KaSheetEstimator2DBase* dialog, QWidg
 
 bool KaPageInverseGeneral::CheckPage()
 {
-    if (anisotropy_.ratio->value() <= 0)
+    if (anisotropy_.ratio->ExactValue() <= 0)
         return KaRefuseField(anisotropy_.ratio, tr("The anisotropy ratio must be above 0!"));
     return true;
 }
@@ -34,10 +34,10 @@ bool KaPageInverseGeneral::GatherParameter(KaEstimatorGridParam* record)
 {
     auto* p = dynamic_cast<KaEstInverseDistanceParam*>(record);
     if (!p) return false;
-    p->power = power_->value();
-    p->smoothing = smoothing_->value();
-    p->anisotropyRatio = anisotropy_.ratio->value();
-    p->anisotropyAngle = anisotropy_.angle->value();
+    p->power = power_->ExactValue();
+    p->smoothing = smoothing_->ExactValue();
+    p->anisotropyRatio = anisotropy_.ratio->ExactValue();
+    p->anisotropyAngle = anisotropy_.angle->ExactValue();
     return true;
 }
 
@@ -45,9 +45,9 @@ bool KaPageInverseGeneral::LoadParameter(KaEstimatorGridParam* record)
 {
     auto* p = dynamic_cast<KaEstInverseDistanceParam*>(record);
     if (!p) return false;
-    power_->setValue(p->power);
-    smoothing_->setValue(p->smoothing);
-    anisotropy_.ratio->setValue(p->anisotropyRatio);
-    anisotropy_.angle->setValue(p->anisotropyAngle);
+    power_->SetExactValue(p->power);
+    smoothing_->SetExactValue(p->smoothing);
+    anisotropy_.ratio->SetExactValue(p->anisotropyRatio);
+    anisotropy_.angle->SetExactValue(p->anisotropyAngle);
     return true;
 }

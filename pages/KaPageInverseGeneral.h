@@ -3,7 +3,6 @@
 #include "pages/KaPageEstimatorBase.h"
 #include "pages/KaPageFields.h"
 
-class QDoubleSpinBox;
 
 // Inverse distance settings: the power, the smoothing added to every
 // weighted distance, and the anisotropy ratio and angle the record carries.
@@ -18,7 +17,7 @@ public:
     bool LoadParameter(KaEstimatorGridParam* record) override;
 
 private:
-    QDoubleSpinBox* power_;
-    QDoubleSpinBox* smoothing_;
+    KaPreciseSpinBox* power_;
+    KaPreciseSpinBox* smoothing_;
     KaAnisotropyFields anisotropy_;
 };

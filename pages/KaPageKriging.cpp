@@ -19,6 +19,7 @@
 #include "methods/KaEstKrig.h"
 #include "methods/KaEstKriging.h"
 #include "pages/KaPageFields.h"
+#include "pages/KaPreciseSpinBox.h"
 #include "pages/KaWidgetVariogramModel.h"
 #include "platform/kadata/KaEventsLog.h"
 

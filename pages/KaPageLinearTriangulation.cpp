@@ -1,7 +1,6 @@
 #include "pages/KaPageLinearTriangulation.h"
 
 #include <QCheckBox>
-#include <QDoubleSpinBox>
 #include <QGridLayout>
 #include <QGroupBox>
 #include <QLabel>
@@ -9,6 +8,7 @@
 #include <QVBoxLayout>
 
 #include "methods/KaEstLinearTriangulation.h"
+#include "pages/KaPreciseSpinBox.h"
 
 KaPageLinearTriangulation::KaPageLinearTriangulation(KaSheetEstimator2DBase* dialog, QWidget* parent)
     : KaPageEstimatorBase(dialog, parent)
@@ -57,7 +57,7 @@ KaPageLinearTriangulation::KaPageLinearTriangulation(KaSheetEstimator2DBase* dia
 
 bool KaPageLinearTriangulation::CheckPage()
 {
-    const double ratio = anisotropy_.ratio->value(), angle = anisotropy_.angle->value();
+    const double ratio = anisotropy_.ratio->ExactValue(), angle = anisotropy_.angle->ExactValue();
     if (!(ratio >= 0 && ratio <= 8388608)) {
         anisotropy_.ratio->setFocus();
         return false;
@@ -73,8 +73,8 @@ bool KaPageLinearTriangulation::GatherParameter(KaEstimatorGridParam* record)
 {
     auto* p = dynamic_cast<KaEstLinearTriangulationParam*>(record);
     if (!p) return false;
-    p->anisotropyRatio = anisotropy_.ratio->value();
-    p->anisotropyAngle = anisotropy_.angle->value();
+    p->anisotropyRatio = anisotropy_.ratio->ExactValue();
+    p->anisotropyAngle = anisotropy_.angle->ExactValue();
     p->limitEdgeLength = lengthLimit_->isChecked();
     p->edgeLengthLimit = lengthLimits_->text().toDouble();  // 0 for text that is no number
     p->useXYZLength = useXYZLen_->isChecked();
@@ -87,8 +87,8 @@ bool KaPageLinearTriangulation::LoadParameter(KaEstimatorGridParam* record)
 {
     auto* p = dynamic_cast<KaEstLinearTriangulationParam*>(record);
     if (!p) return false;
-    anisotropy_.ratio->setValue(p->anisotropyRatio);
-    anisotropy_.angle->setValue(p->anisotropyAngle);
+    anisotropy_.ratio->SetExactValue(p->anisotropyRatio);
+    anisotropy_.angle->SetExactValue(p->anisotropyAngle);
     lengthLimit_->setChecked(p->limitEdgeLength);
     lengthLimits_->setText(QString("%1").arg(p->edgeLengthLimit));
     useXYZLen_->setChecked(p->useXYZLength);

@@ -9,12 +9,12 @@
 #include <cmath>
 
 #include "methods/KaEstLocalPolynomial.h"
-#include "pages/KaPageFields.h"
+#include "pages/KaPreciseSpinBox.h"
 
 KaPageLocalPolynomial::KaPageLocalPolynomial(KaSheetEstimator2DBase* dialog, QWidget* parent)
     : KaPageEstimatorBase(dialog, parent)
 {
-    power_ = KaNewIntSpin("SpinPower", 0, 20, 2);
+    power_ = MakePageSpin("SpinPower", 0, 20, 2, this);
     power_->setMinimumWidth(80);
     auto* form = new QFormLayout;
     form->setFieldGrowthPolicy(QFormLayout::FieldsStayAtSizeHint);

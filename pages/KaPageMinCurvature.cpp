@@ -1,6 +1,5 @@
 #include "pages/KaPageMinCurvature.h"
 
-#include <QDoubleSpinBox>
 #include <QFormLayout>
 #include <QGroupBox>
 #include <QSpinBox>
@@ -9,12 +8,13 @@
 
 #include "methods/KaEstMinCurvature.h"
 #include "pages/KaPageFields.h"
+#include "pages/KaPreciseSpinBox.h"
 
 KaPageMinCurvature::KaPageMinCurvature(KaSheetEstimator2DBase* dialog, QWidget* parent)
     : KaPageEstimatorBase(dialog, parent)
 {
     auto* general = new QGroupBox(tr("General"), this);
-    QSpinBox* iterations = KaNewIntSpin("SpinMaxIteration", 1, INT_MAX, 100000);
+    QSpinBox* iterations = MakePageSpin("SpinMaxIteration", 1, INT_MAX, 100000, general);
     iterations->setSingleStep(100);
     auto* form = new QFormLayout(general);
     form->addRow(tr("Maximum Residual"), KaNewDoubleSpin("SpinMaxResidual", 0.0, 1e12, 6, 0.001));

@@ -1,6 +1,5 @@
 #include "pages/KaPageModifiedShepardMethod.h"
 
-#include <QDoubleSpinBox>
 #include <QFormLayout>
 #include <QGroupBox>
 #include <QSpinBox>
@@ -9,6 +8,7 @@
 #include <climits>
 
 #include "methods/KaEstModifiedShepard.h"
+#include "pages/KaPreciseSpinBox.h"
 
 namespace {
 
@@ -23,8 +23,8 @@ KaPageModifiedShepardMethod::KaPageModifiedShepardMethod(KaSheetEstimator2DBase*
     auto* general = new QGroupBox(tr("General"), this);
     smoothing_ = KaNewDoubleSpin("SpinSmoothingFactor", 0.0, 1e12, 6, 0.0);
     // Below 3 is offered so that a record refused by validation shows as it is.
-    quadratic_ = KaNewIntSpin("SpinQuadraticNeighbors", 0, INT_MAX, 3);
-    weighting_ = KaNewIntSpin("SpinWeightingNeighbors", 0, INT_MAX, 3);
+    quadratic_ = MakePageSpin("SpinQuadraticNeighbors", 0, INT_MAX, 3, general);
+    weighting_ = MakePageSpin("SpinWeightingNeighbors", 0, INT_MAX, 3, general);
     auto* form = new QFormLayout(general);
     form->addRow(tr("Smoothing Factor"), smoothing_);
     form->addRow(tr("Quadratic Neighbor"), quadratic_);
@@ -47,7 +47,7 @@ bool KaPageModifiedShepardMethod::GatherParameter(KaEstimatorGridParam* record)
 {
     auto* p = dynamic_cast<KaEstModifiedShepardParam*>(record);
     if (!p) return false;
-    p->smoothingFactor = smoothing_->value();
+    p->smoothingFactor = smoothing_->ExactValue();
     p->quadraticNeighbors = static_cast<uint32_t>(quadratic_->value());
     p->weightingNeighbors = static_cast<uint32_t>(weighting_->value());
     ellipse_.Gather(*p);
@@ -58,7 +58,7 @@ bool KaPageModifiedShepardMethod::LoadParameter(KaEstimatorGridParam* record)
 {
     auto* p = dynamic_cast<KaEstModifiedShepardParam*>(record);
     if (!p) return false;
-    smoothing_->setValue(p->smoothingFactor);
+    smoothing_->SetExactValue(p->smoothingFactor);
     quadratic_->setValue(ToSpin(p->quadraticNeighbors));
     weighting_->setValue(ToSpin(p->weightingNeighbors));
     ellipse_.Load(*p);

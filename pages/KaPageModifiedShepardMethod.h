@@ -3,7 +3,6 @@
 #include "pages/KaPageEstimatorBase.h"
 #include "pages/KaPageFields.h"
 
-class QDoubleSpinBox;
 class QSpinBox;
 
 // Modified Shepard settings: the smoothing factor, the neighbour counts of the
@@ -20,7 +19,7 @@ public:
     bool LoadParameter(KaEstimatorGridParam* record) override;
 
 private:
-    QDoubleSpinBox* smoothing_;
+    KaPreciseSpinBox* smoothing_;
     QSpinBox* quadratic_;
     QSpinBox* weighting_;
     KaEllipseFields ellipse_;

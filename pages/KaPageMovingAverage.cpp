@@ -8,6 +8,7 @@
 #include <climits>
 
 #include "methods/KaEstMovingAverage.h"
+#include "pages/KaPreciseSpinBox.h"
 
 namespace {
 
@@ -19,8 +20,8 @@ KaPageMovingAverage::KaPageMovingAverage(KaSheetEstimator2DBase* dialog, QWidget
     : KaPageEstimatorBase(dialog, parent)
 {
     auto* counts = new QGroupBox(tr("Data Count"), this);
-    minInAll_ = KaNewIntSpin("SpinMinInAll", 1, INT_MAX, 1);
-    maxFromAll_ = KaNewIntSpin("SpinMaxFromAll", 1, INT_MAX, 1);
+    minInAll_ = MakePageSpin("SpinMinInAll", 1, INT_MAX, 1, counts);
+    maxFromAll_ = MakePageSpin("SpinMaxFromAll", 1, INT_MAX, 1, counts);
     auto* form = new QFormLayout(counts);
     form->addRow(tr("Minimum number of data (node is blanked if fewer)"), minInAll_);
     form->addRow(tr("Maximum number of data to use"), maxFromAll_);

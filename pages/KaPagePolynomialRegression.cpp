@@ -10,7 +10,7 @@
 #include <QVBoxLayout>
 
 #include "methods/KaEstPolynomialRegression.h"
-#include "pages/KaPageFields.h"
+#include "pages/KaPreciseSpinBox.h"
 
 namespace {
 
@@ -48,9 +48,9 @@ KaPagePolynomialRegression::KaPagePolynomialRegression(KaSheetEstimator2DBase* d
     }
 
     auto* parameters = new QGroupBox(tr("Parameters"), this);
-    maxX_ = KaNewIntSpin("SpinMaxOrderX", 0, 10, 1);
-    maxY_ = KaNewIntSpin("SpinMaxOrderY", 0, 10, 1);
-    maxTotal_ = KaNewIntSpin("SpinMaxOrderTotal", 1, 10, 1);
+    maxX_ = MakePageSpin("SpinMaxOrderX", 0, 10, 1, parameters);
+    maxY_ = MakePageSpin("SpinMaxOrderY", 0, 10, 1, parameters);
+    maxTotal_ = MakePageSpin("SpinMaxOrderTotal", 1, 10, 1, parameters);
     auto* grid = new QGridLayout(parameters);
     int row = 0;
     for (auto [label, spin] : {std::pair{tr("Max X Order"), maxX_}, std::pair{tr("Max Y Order"), maxY_},

@@ -9,10 +9,12 @@
 #include <QDialog>
 #include <QDir>
 #include <QElapsedTimer>
+#include <QImage>
 #include <QMessageBox>
 #include <QPushButton>
 #include <QTimer>
 #include <QWidget>
+#include <cstdlib>
 #include <functional>
 #include <string>
 #include <vector>
@@ -66,6 +68,40 @@ inline QString SavePicture(QWidget* w, const QString& name)
     return path;
 }
 
+// Saves an image into the same directory.
+inline QString SavePicture(const QImage& image, const QString& name)
+{
+    QDir dir(QStringLiteral(KA_BINARY_DIR "/dialogs"));
+    dir.mkpath(".");
+    const QString path = dir.filePath(name + ".png");
+    EXPECT_TRUE(image.save(path)) << path.toStdString();
+    return path;
+}
+
+// The child of `parent` named `name`, failing the test when there is none.
+template <typename T>
+T* FindChild(const QObject* parent, const char* name)
+{
+    T* child = parent->findChild<T*>(QString::fromLatin1(name));
+    EXPECT_TRUE(child) << "no child " << name;
+    return child;
+}
+
+// Whether a pixel within `radius` of `at` has nearly `colour` (antialiasing
+// blends the edges of a line, not its middle).
+inline bool ColourNear(const QImage& image, QPoint at, QColor colour, int radius = 2)
+{
+    for (int y = at.y() - radius; y <= at.y() + radius; ++y)
+        for (int x = at.x() - radius; x <= at.x() + radius; ++x) {
+            if (!image.valid(x, y)) continue;
+            const QColor c = image.pixelColor(x, y);
+            if (std::abs(c.red() - colour.red()) + std::abs(c.green() - colour.green()) +
+                    std::abs(c.blue() - colour.blue()) < 40)
+                return true;
+        }
+    return false;
+}
+
 // Collects the event log while alive.
 class LogCapture {
 public:
@@ -77,6 +113,14 @@ public:
     }
     ~LogCapture() { SetEventsLogSink(previous_); }
     std::vector<std::pair<int, std::string>> lines;
+    // The texts of the type-3 lines.
+    std::vector<std::string> Type3() const
+    {
+        std::vector<std::string> texts;
+        for (const auto& [type, text] : lines)
+            if (type == 3) texts.push_back(text);
+        return texts;
+    }
 
 private:
     KaEventsLogSink previous_;

@@ -356,18 +356,18 @@ TEST_F(PluginHost, EveryDialogHasItsTitleAndTabsAndIsPictured)
         const char* title;
         QStringList tabs;
     } dialogs[] = {
-        {"slotKaKrig", "Gridding - Krig", {"Geometry", "Search"}},
+        {"slotKaKrig", "Gridding - Krig", {"Geometry", "General", "Search"}},
         {"slotKrigingEstimator", "Gridding - Kriging", {"Geometry", "Search"}},
-        {"slotInverseDistance", "Gridding - Inverse Distance to a power", {"Geometry", "Search"}},
+        {"slotInverseDistance", "Gridding - Inverse Distance to a power", {"Geometry", "General", "Search"}},
         {"slotNearestNeighbor", "Gridding - Nearest Neighbor", {"Geometry", "General"}},
-        {"slotArithmeticMean", "Gridding - Arithmetic Mean", {"Geometry"}},
-        {"slotModifiedShepard", "Gridding - Modified Shepard's Method", {"Geometry"}},
-        {"slotDataMetrics", "Gridding - Data Metrics", {"Geometry", "Search"}},
-        {"slotRadialBasis", "Gridding - Radial Basis Function", {"Geometry", "Search"}},
-        {"slotPolynomialRegression", "Gridding - Polynomial Regression", {"Geometry"}},
-        {"slotLocalPolynomial", "Gridding - Local Polynomial", {"Geometry", "Search"}},
-        {"slotMinCurvature", "Gridding - Minimum Curvature", {"Geometry"}},
-        {"slotLinearTriangulation", "Gridding - Triangulation with Linear Interpolation", {"Geometry"}},
+        {"slotArithmeticMean", "Gridding - Arithmetic Mean", {"Geometry", "General"}},
+        {"slotModifiedShepard", "Gridding - Modified Shepard's Method", {"Geometry", "General"}},
+        {"slotDataMetrics", "Gridding - Data Metrics", {"Geometry", "General", "Search"}},
+        {"slotRadialBasis", "Gridding - Radial Basis Function", {"Geometry", "General", "Search"}},
+        {"slotPolynomialRegression", "Gridding - Polynomial Regression", {"Geometry", "General"}},
+        {"slotLocalPolynomial", "Gridding - Local Polynomial", {"Geometry", "General", "Search"}},
+        {"slotMinCurvature", "Gridding - Minimum Curvature", {"Geometry", "General"}},
+        {"slotLinearTriangulation", "Gridding - Triangulation with Linear Interpolation", {"Geometry", "General"}},
     };
     for (const auto& d : dialogs) {
         ASSERT_TRUE(QMetaObject::invokeMethod(agencies.back(), d.slot)) << d.slot;

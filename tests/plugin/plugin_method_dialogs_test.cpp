@@ -1,18 +1,17 @@
-// Every method dialog with its pages: pictures of each tab, and the record an
-// accepted dialog gives grids as kagrid does with the same record.
+// Every method dialog with its pages: the record an accepted dialog gives
+// grids as kagrid does with the same record.
 
 #include <gtest/gtest.h>
 
 #include <QLineEdit>
-#include <QTabWidget>
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <nlohmann/json.hpp>
 
-#include "KaPageTestSupport.h"
-#include "KaTestSupport.h"
+#include "tests/plugin/KaQtTestSupport.h"
+#include "tests/KaTestSupport.h"
 #include "apps/kagrid/io/KaRasterIo.h"
 #include "host/KaMethodDialogs.h"
 #include "host/KaSheetEstimator2DBase.h"
@@ -69,13 +68,6 @@ TEST(MethodDialogs, AcceptedDialogGridsAsKagridDoes)
         ASSERT_TRUE(dialog);
         EXPECT_EQ(dialog->windowTitle(), row.title);
 
-        // A picture of every tab at the dialog's own size.
-        dialog->show();
-        QTabWidget* tabs = dialog->GetTabWidget();
-        for (int i = 0; i < tabs->count(); ++i) {
-            tabs->setCurrentIndex(i);
-            katest::SavePicture(dialog->grab().toImage(), "dialog_" + key + "_" + tabs->tabText(i).toStdString());
-        }
         ASSERT_TRUE(dialog->OnApply());
 
         // A small grid keeps the runs short; both sides get the same record.
@@ -116,6 +108,6 @@ TEST(MethodDialogs, RadialBasisDialogSuggestsR2FromTheData)
     ASSERT_TRUE(dialog);
     const Ka3DLimit& l = wells->GetLimit();
     const double diagonal = std::trunc(std::hypot(l.xMax - l.xMin, l.yMax - l.yMin));
-    auto* r2 = katest::Child<QLineEdit>(dialog.get(), "TxtR2Param");
+    auto* r2 = katest::FindChild<QLineEdit>(dialog.get(), "TxtR2Param");
     EXPECT_EQ(r2->text(), QString("%1").arg(diagonal * diagonal / (25.0 * 80)));
 }

@@ -17,7 +17,7 @@
 #include <QTextEdit>
 #include <cmath>
 
-#include "KaPageTestSupport.h"
+#include "tests/plugin/KaQtTestSupport.h"
 #include "apps/kagrid/io/KaParamJson.h"
 #include "methods/KaEstDataMetrics.h"
 #include "methods/KaEstInverseDistance.h"
@@ -42,7 +42,11 @@
 #include "pages/KaPageRadialBasis.h"
 #include "pages/KaWidgetVariogramModel.h"
 
-using katest::Child;
+template <typename T>
+T* Child(const QObject* parent, const char* name)
+{
+    return katest::FindChild<T>(parent, name);
+}
 
 namespace {
 
@@ -110,7 +114,7 @@ TEST(VariogramWidget, DrawsEachModelWhereItsEvaluationSays)
             w.resize(size);
             const QImage image = w.grab().toImage();
             ExpectCurveWhereModelSays(w, *model, image);
-            if (size.width() == 360) katest::SavePicture(image, name);
+            if (size.width() == 360) katest::SavePicture(image, QString::fromStdString(name));
         }
         double sill = 0, range = 0;
         for (std::size_t i = 0; i < model->size(); ++i) sill += (*model)[i].sill, range = std::max(range, (*model)[i].range);
@@ -410,7 +414,7 @@ TEST(KrigingPage, ValidatesInOrderWithItsMessages)
     {
         katest::LogCapture log;
         EXPECT_FALSE(rig.page.CheckPage());
-        EXPECT_EQ(log.lines, std::vector<std::string>{"No variogram found!"});
+        EXPECT_EQ(log.Type3(), std::vector<std::string>{"No variogram found!"});
         EXPECT_EQ(rig.page.focusWidget(), rig.components);
     }
     rig.Add("Spherical");
@@ -420,7 +424,7 @@ TEST(KrigingPage, ValidatesInOrderWithItsMessages)
     {
         katest::LogCapture log;
         EXPECT_FALSE(rig.page.CheckPage());
-        EXPECT_EQ(log.lines, std::vector<std::string>{"Please set the standard deviation grid name!"});
+        EXPECT_EQ(log.Type3(), std::vector<std::string>{"Please set the standard deviation grid name!"});
         EXPECT_EQ(rig.page.focusWidget(), name);
     }
     name->setText("sd");
@@ -508,7 +512,7 @@ TEST(KrigingPage, ModelInformationEditsTheSelectedComponent)
         katest::LogCapture log;
         rig.Edit("Txt2", "0");
         rig.Edit("Txt1", "abc");
-        EXPECT_EQ(log.lines.size(), 2u);
+        EXPECT_EQ(log.Type3().size(), 2u);
         EXPECT_EQ(power.range, 40.0);
         EXPECT_EQ(Child<QLineEdit>(&rig.page, "Txt2")->text(), "40");
         EXPECT_EQ(Child<QLineEdit>(&rig.page, "Txt1")->text(), "2.5");
@@ -603,7 +607,7 @@ TEST(OpenPages, RefuseBadValuesNamingTheField)
     for (auto [page, field, message] : cases) {
         katest::LogCapture log;
         EXPECT_FALSE(page->CheckPage()) << field;
-        EXPECT_EQ(log.lines, std::vector<std::string>{message});
+        EXPECT_EQ(log.Type3(), std::vector<std::string>{message});
         EXPECT_EQ(page->focusWidget(), Child<QWidget>(page, field));
     }
     // A zero radius finds nothing: refused too.
