@@ -4,6 +4,7 @@
 #include <QPainterPath>
 #include <algorithm>
 #include <cmath>
+#include <numbers>
 
 #include "methods/numeric/KaVario.h"
 
@@ -55,12 +56,14 @@ double KaWidgetVariogramModel::Evaluate(double distance) const
     return model_ ? model_->Evaluate(distance, 0.0, 0.0) : 0.0;
 }
 
-double KaWidgetVariogramModel::LargestRange() const
+double KaWidgetVariogramModel::LargestRange(bool reach) const
 {
     double largest = 0;
     if (model_)
         for (std::size_t i = 0; i < model_->size(); ++i) {
-            const double r = (*model_)[i].range;
+            const KaVario& c = (*model_)[i];
+            // A hole effect shows only after its first crest, about 4.5 ranges out.
+            const double r = reach && c.modelType == kKaVarioWave ? 2 * std::numbers::pi * c.range : c.range;
             if (std::isfinite(r) && r > largest) largest = r;
         }
     return largest;
@@ -76,7 +79,7 @@ double KaWidgetVariogramModel::TotalSill() const
 
 double KaWidgetVariogramModel::MaxDistance() const
 {
-    const double range = LargestRange();
+    const double range = LargestRange(true);
     return range > 0 ? RoundUp(1.5 * range) : 1.0;
 }
 
@@ -95,50 +98,58 @@ double KaWidgetVariogramModel::MaxSemivariance() const
     return RoundUp(1.1 * top);
 }
 
-int KaWidgetVariogramModel::LeftMargin() const
+int KaWidgetVariogramModel::LeftMargin(double yMax) const
 {
     const QFontMetrics fm = fontMetrics();
-    const double yMax = MaxSemivariance(), step = TickStep(yMax);
+    const double step = TickStep(yMax);
     int widest = 0;
     for (double v = 0; v <= yMax * (1 + 1e-9); v += step) widest = std::max(widest, fm.horizontalAdvance(TickText(v)));
     // Tick labels, the tick marks, and the rotated axis title.
     return widest + fm.height() + 14;
 }
 
-QRectF KaWidgetVariogramModel::PlotRect() const
+KaWidgetVariogramModel::Frame KaWidgetVariogramModel::MakeFrame() const
 {
+    Frame f{{}, MaxDistance(), MaxSemivariance()};
     const int bottom = 2 * fontMetrics().height() + 12;
-    const int left = LeftMargin();
+    const int left = LeftMargin(f.yMax);
     // Room for half of the last distance number.
-    const int right = fontMetrics().horizontalAdvance(TickText(MaxDistance())) / 2 + 8;
-    return QRectF(left, kTopMargin, std::max(1, width() - left - right),
-                  std::max(1, height() - kTopMargin - bottom));
+    const int right = fontMetrics().horizontalAdvance(TickText(f.xMax)) / 2 + 8;
+    f.plot = QRectF(left, kTopMargin, std::max(1, width() - left - right), std::max(1, height() - kTopMargin - bottom));
+    return f;
 }
 
-QPointF KaWidgetVariogramModel::ToWidget(double distance, double semivariance) const
+QPointF KaWidgetVariogramModel::Frame::Map(double distance, double semivariance) const
 {
-    const QRectF plot = PlotRect();
-    const double x = plot.left() + distance / MaxDistance() * plot.width();
-    double y = plot.bottom() - semivariance / MaxSemivariance() * plot.height();
+    const double x = plot.left() + distance / xMax * plot.width();
+    double y = plot.bottom() - semivariance / yMax * plot.height();
     // Far outside the plot the painter only needs the direction.
     y = std::clamp(y, plot.top() - 4 * plot.height(), plot.bottom() + 4 * plot.height());
     return {x, y};
+}
+
+QRectF KaWidgetVariogramModel::PlotRect() const { return MakeFrame().plot; }
+
+QPointF KaWidgetVariogramModel::ToWidget(double distance, double semivariance) const
+{
+    return MakeFrame().Map(distance, semivariance);
 }
 
 void KaWidgetVariogramModel::paintEvent(QPaintEvent*)
 {
     QPainter painter(this);
     painter.setRenderHint(QPainter::Antialiasing);
-    const QRectF plot = PlotRect();
+    const Frame frame = MakeFrame();
+    const QRectF plot = frame.plot;
     const QFontMetrics fm = fontMetrics();
-    const double xMax = MaxDistance(), yMax = MaxSemivariance();
+    const double xMax = frame.xMax, yMax = frame.yMax;
 
     // Grid lines, ticks and their numbers.
     const QPen gridPen(QColor(225, 225, 225), 1);
     const QPen axisPen(Qt::black, 1);
     const double xStep = TickStep(xMax), yStep = TickStep(yMax);
     for (double v = 0; v <= xMax * (1 + 1e-9); v += xStep) {
-        const double x = ToWidget(v, 0).x();
+        const double x = frame.Map(v, 0).x();
         painter.setPen(gridPen);
         painter.drawLine(QPointF(x, plot.top()), QPointF(x, plot.bottom()));
         painter.setPen(axisPen);
@@ -147,7 +158,7 @@ void KaWidgetVariogramModel::paintEvent(QPaintEvent*)
         painter.drawText(QPointF(x - fm.horizontalAdvance(t) / 2.0, plot.bottom() + 6 + fm.ascent()), t);
     }
     for (double v = 0; v <= yMax * (1 + 1e-9); v += yStep) {
-        const double y = ToWidget(0, v).y();
+        const double y = frame.Map(0, v).y();
         painter.setPen(gridPen);
         painter.drawLine(QPointF(plot.left(), y), QPointF(plot.right(), y));
         painter.setPen(axisPen);
@@ -177,10 +188,10 @@ void KaWidgetVariogramModel::paintEvent(QPaintEvent*)
 
     painter.setClipRect(plot.adjusted(-3, -3, 3, 3));
     // The total sill and the largest range, for reference.
-    const double sill = TotalSill(), range = LargestRange();
+    const double sill = TotalSill(), range = LargestRange(false);
     painter.setPen(QPen(Qt::gray, 1, Qt::DashLine));
-    if (sill > 0) painter.drawLine(ToWidget(0, sill), ToWidget(xMax, sill));
-    if (range > 0) painter.drawLine(ToWidget(range, 0), ToWidget(range, yMax));
+    if (sill > 0) painter.drawLine(frame.Map(0, sill), frame.Map(xMax, sill));
+    if (range > 0) painter.drawLine(frame.Map(range, 0), frame.Map(range, yMax));
 
     // The curve, one sample per pixel column; undefined values break it.
     QPainterPath path;
@@ -193,7 +204,7 @@ void KaWidgetVariogramModel::paintEvent(QPaintEvent*)
             open = false;
             continue;
         }
-        const QPointF p = ToWidget(d, v);
+        const QPointF p = frame.Map(d, v);
         if (open)
             path.lineTo(p);
         else
@@ -206,6 +217,6 @@ void KaWidgetVariogramModel::paintEvent(QPaintEvent*)
     const double start = Evaluate(0);
     if (std::isfinite(start)) {
         painter.setBrush(CurveColor());
-        painter.drawEllipse(ToWidget(0, start), 2.5, 2.5);
+        painter.drawEllipse(frame.Map(0, start), 2.5, 2.5);
     }
 }

@@ -9,7 +9,7 @@ class KaVarioVector;
 // Draws a variogram model: semivariance against separation distance, sampled
 // through the model's own evaluation along the x direction, one sample per
 // pixel column. Distance runs from 0 to a round number at or above 1.5 times
-// the largest component range; semivariance from 0 to a round number above
+// the largest component range (2 pi ranges for a hole effect); semivariance from 0 to a round number above
 // the total sill (or above the curve, for models that rise past it, up to
 // three times the sill). The model is borrowed; call update() after changing it.
 class KaWidgetVariogramModel : public QWidget {
@@ -36,10 +36,19 @@ protected:
     void paintEvent(QPaintEvent* event) override;
 
 private:
+    // The axes' extents and the plot area, worked out once per painting.
+    struct Frame {
+        QRectF plot;
+        double xMax;
+        double yMax;
+        QPointF Map(double distance, double semivariance) const;
+    };
+    Frame MakeFrame() const;
     double Evaluate(double distance) const;
-    double LargestRange() const;
+    // The largest range, or with `reach` the distance each kind needs to show its shape.
+    double LargestRange(bool reach) const;
     double TotalSill() const;
-    int LeftMargin() const;
+    int LeftMargin(double yMax) const;
 
     const KaVarioVector* model_ = nullptr;
 };
