@@ -3,6 +3,7 @@
 #include <QCoreApplication>
 #include <QFormLayout>
 #include <QGroupBox>
+#include <QRadioButton>
 
 #include "pages/KaPreciseSpinBox.h"
 #include "platform/kadata/KaEventsLog.h"
@@ -23,6 +24,13 @@ KaPreciseSpinBox* KaNewDoubleSpin(const char* objectName, double min, double max
     spin->setObjectName(QString::fromLatin1(objectName));
     spin->SetExactValue(value);
     return spin;
+}
+
+QRadioButton* KaNewRadio(QWidget* group, const char* objectName, const QString& text)
+{
+    auto* radio = new QRadioButton(text, group);
+    radio->setObjectName(QString::fromLatin1(objectName));
+    return radio;
 }
 
 bool KaRefuseField(QWidget* widget, const QString& message)

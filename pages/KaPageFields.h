@@ -5,6 +5,7 @@
 class KaEstGridSearcherParam;
 class KaPreciseSpinBox;
 class QGroupBox;
+class QRadioButton;
 class QWidget;
 
 // Building blocks the method pages share. Texts of the shared groups are
@@ -13,6 +14,9 @@ class QWidget;
 // A real spin box named `objectName` that hands back the record's exact
 // value until the user changes it.
 KaPreciseSpinBox* KaNewDoubleSpin(const char* objectName, double min, double max, int decimals, double value);
+
+// A radio button named `objectName` in `group`.
+QRadioButton* KaNewRadio(QWidget* group, const char* objectName, const QString& text);
 
 // Moves the focus to `widget`, writes `message` to the event log (type 3)
 // and answers false: how a page refuses a value.

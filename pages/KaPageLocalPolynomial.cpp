@@ -9,6 +9,7 @@
 #include <cmath>
 
 #include "methods/KaEstLocalPolynomial.h"
+#include "pages/KaPageFields.h"
 #include "pages/KaPreciseSpinBox.h"
 
 KaPageLocalPolynomial::KaPageLocalPolynomial(KaSheetEstimator2DBase* dialog, QWidget* parent)
@@ -21,15 +22,10 @@ KaPageLocalPolynomial::KaPageLocalPolynomial(KaSheetEstimator2DBase* dialog, QWi
     form->addRow(tr("Power"), power_);
 
     auto* order = new QGroupBox(tr("Polynomial Order"), this);
-    auto radio = [order](const char* name, const QString& text) {
-        auto* r = new QRadioButton(text, order);
-        r->setObjectName(name);
-        return r;
-    };
-    linear_ = radio("RadioLinear", tr("1: F(X,Y) = a + bX + cY"));
-    quadratic_ = radio("RadioQuadratic", tr("2: F(X,Y) = a + bX + cY + dXY + eX^2 + fY^2"));
+    linear_ = KaNewRadio(order, "RadioLinear", tr("1: F(X,Y) = a + bX + cY"));
+    quadratic_ = KaNewRadio(order, "RadioQuadratic", tr("2: F(X,Y) = a + bX + cY + dXY + eX^2 + fY^2"));
     // kept: the last term reads "jY3", without the caret
-    cubic_ = radio("RadioCubic", tr("3: F(X,Y) = a + bX + cY + dXY + eX^2 + fY^2 + gX^2Y + hXY^2 + iX^3 + jY3"));
+    cubic_ = KaNewRadio(order, "RadioCubic", tr("3: F(X,Y) = a + bX + cY + dXY + eX^2 + fY^2 + gX^2Y + hXY^2 + iX^3 + jY3"));
     // Before a record is loaded: the order of a fresh local polynomial record.
     cubic_->setChecked(true);
     auto* radios = new QVBoxLayout(order);

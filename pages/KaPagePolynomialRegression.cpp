@@ -10,6 +10,7 @@
 #include <QVBoxLayout>
 
 #include "methods/KaEstPolynomialRegression.h"
+#include "pages/KaPageFields.h"
 #include "pages/KaPreciseSpinBox.h"
 
 namespace {
@@ -30,16 +31,11 @@ KaPagePolynomialRegression::KaPagePolynomialRegression(KaSheetEstimator2DBase* d
 {
     // kept: "Defination" is the group's title as users know it
     auto* surface = new QGroupBox(tr("Surface Defination"), this);
-    auto radio = [surface](const char* name, const QString& text) {
-        auto* r = new QRadioButton(text, surface);
-        r->setObjectName(name);
-        return r;
-    };
-    simple_ = radio("RadioSimple", tr("Simple planar surface"));
-    biLinear_ = radio("RadioBiLinear", tr("Bi-Linear Saddle"));
-    quadratic_ = radio("RadioQuadratic", tr("Quadratic Surface"));
-    cubic_ = radio("RadioCubic", tr("Cubic Surface"));
-    polynomial_ = radio("RadioPolynomial", tr("Use defined polynomial"));
+    simple_ = KaNewRadio(surface, "RadioSimple", tr("Simple planar surface"));
+    biLinear_ = KaNewRadio(surface, "RadioBiLinear", tr("Bi-Linear Saddle"));
+    quadratic_ = KaNewRadio(surface, "RadioQuadratic", tr("Quadratic Surface"));
+    cubic_ = KaNewRadio(surface, "RadioCubic", tr("Cubic Surface"));
+    polynomial_ = KaNewRadio(surface, "RadioPolynomial", tr("Use defined polynomial"));
     simple_->setChecked(true);
     auto* radios = new QVBoxLayout(surface);
     for (QRadioButton* r : {simple_, biLinear_, quadratic_, cubic_, polynomial_}) {
