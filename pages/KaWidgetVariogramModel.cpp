@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <numbers>
+#include <vector>
 
 #include "methods/numeric/KaVario.h"
 
@@ -32,6 +33,15 @@ double RoundUp(double extent)
 }
 
 QString TickText(double v) { return QString::number(v, 'g', 6); }
+
+// The tick values from 0 to `extent` (a round number from RoundUp).
+std::vector<double> Ticks(double extent)
+{
+    const double step = TickStep(extent);
+    std::vector<double> ticks;
+    for (int k = 0; k <= 4 * kTicks && k * step <= extent * (1 + 1e-9); ++k) ticks.push_back(k * step);
+    return ticks;
+}
 
 }  // namespace
 
@@ -80,7 +90,8 @@ double KaWidgetVariogramModel::TotalSill() const
 double KaWidgetVariogramModel::MaxDistance() const
 {
     const double range = LargestRange(true);
-    return range > 0 ? RoundUp(1.5 * range) : 1.0;
+    const double extent = range > 0 ? RoundUp(1.5 * range) : 1.0;
+    return std::isfinite(extent) ? extent : 1.0;
 }
 
 double KaWidgetVariogramModel::MaxSemivariance() const
@@ -95,15 +106,15 @@ double KaWidgetVariogramModel::MaxSemivariance() const
     }
     if (sill > 0) top = std::min(top, kMaxSillMultiple * sill);
     if (!(top > 0) || !std::isfinite(top)) return 1.0;
-    return RoundUp(1.1 * top);
+    const double extent = RoundUp(1.1 * top);
+    return std::isfinite(extent) ? extent : 1.0;
 }
 
 int KaWidgetVariogramModel::LeftMargin(double yMax) const
 {
     const QFontMetrics fm = fontMetrics();
-    const double step = TickStep(yMax);
     int widest = 0;
-    for (double v = 0; v <= yMax * (1 + 1e-9); v += step) widest = std::max(widest, fm.horizontalAdvance(TickText(v)));
+    for (double v : Ticks(yMax)) widest = std::max(widest, fm.horizontalAdvance(TickText(v)));
     // Tick labels, the tick marks, and the rotated axis title.
     return widest + fm.height() + 14;
 }
@@ -147,8 +158,7 @@ void KaWidgetVariogramModel::paintEvent(QPaintEvent*)
     // Grid lines, ticks and their numbers.
     const QPen gridPen(QColor(225, 225, 225), 1);
     const QPen axisPen(Qt::black, 1);
-    const double xStep = TickStep(xMax), yStep = TickStep(yMax);
-    for (double v = 0; v <= xMax * (1 + 1e-9); v += xStep) {
+    for (double v : Ticks(xMax)) {
         const double x = frame.Map(v, 0).x();
         painter.setPen(gridPen);
         painter.drawLine(QPointF(x, plot.top()), QPointF(x, plot.bottom()));
@@ -157,7 +167,7 @@ void KaWidgetVariogramModel::paintEvent(QPaintEvent*)
         const QString t = TickText(v);
         painter.drawText(QPointF(x - fm.horizontalAdvance(t) / 2.0, plot.bottom() + 6 + fm.ascent()), t);
     }
-    for (double v = 0; v <= yMax * (1 + 1e-9); v += yStep) {
+    for (double v : Ticks(yMax)) {
         const double y = frame.Map(0, v).y();
         painter.setPen(gridPen);
         painter.drawLine(QPointF(plot.left(), y), QPointF(plot.right(), y));

@@ -142,6 +142,12 @@ TEST(VariogramWidget, NuggetStartsAboveTheOriginAndEmptyModelDrawsNoCurve)
     for (int y = 0; y < image.height(); ++y)
         for (int x = 0; x < image.width(); ++x) curvePixels += image.pixelColor(x, y) == KaWidgetVariogramModel::CurveColor();
     EXPECT_EQ(curvePixels, 0);
+
+    // Extents that overflow fall back to the unit square instead of looping.
+    auto huge = Model({Component(kKaVarioLinear, 1.7e308, 1.7e308)});
+    w.SetVariogram(huge.get());
+    w.grab();
+    EXPECT_TRUE(std::isfinite(w.MaxDistance()) && std::isfinite(w.MaxSemivariance()));
 }
 
 TEST(PolynomialRegressionPage, FormulaFollowsTheSurfaceTypeAndOrders)
