@@ -24,7 +24,21 @@ public:
     KaEstimatorGridParam* GetParam() const { return param_.get(); }
     double BlankValue() const { return param_ ? param_->blankValue : 0.0; }
 
+    // Another estimator for one more worker thread of the same job: it shares
+    // the record, the sample list and whatever was prepared from them (the
+    // search grid), and has its own per-node working storage. Null when the
+    // method cannot be split over threads; the job then runs on one.
+    // Called on the job's thread between preparation and estimation; the
+    // shared parts must not change while the copies estimate.
+    virtual std::unique_ptr<KaEstimatorGrid> CloneForThread() const { return nullptr; }
+
 protected:
-    std::unique_ptr<KaEstimatorGridParam> param_;
+    KaEstimatorGrid() = default;
+    // For CloneForThread: shares the record and the sample list.
+    KaEstimatorGrid(const KaEstimatorGrid&) = default;
+    KaEstimatorGrid& operator=(const KaEstimatorGrid&) = delete;
+
+    // Shared only between the thread copies of one job, read-only meanwhile.
+    std::shared_ptr<KaEstimatorGridParam> param_;
     KaSampleList* samples_ = nullptr;
 };

@@ -1,6 +1,12 @@
 #include "core/KaGridJob.h"
 
+#include <algorithm>
+#include <atomic>
 #include <cmath>
+#include <exception>
+#include <mutex>
+#include <thread>
+#include <vector>
 
 #include "platform/kadata/KaEventsLog.h"
 #include "search/KaEstGridSearcher.h"
@@ -95,27 +101,148 @@ bool KaGridJob::EstimateSurface(KaSurface* surface)
     searcher->SetSampleList(samples_.get());
     Percent(0, "Estimating");
 
-    double zMin = kKaMaxDouble, zMax = -kKaMaxDouble;
-    int lastPercent = -1;
-    const double dx = p.GetDx(), dy = p.GetDy();
-    const double blank = p.blankValue;
-    for (uint32_t r = 0; r < rows; ++r) {
-        const int percent = static_cast<int>(r * 100.0 / rows);
-        if (percent != lastPercent) {
-            Percent(percent, "Estimated " + std::to_string(r) + " Rows");
-            lastPercent = percent;
-        }
-        double* row = matrix.data + static_cast<std::size_t>(r) * cols;
-        const double y = dy * r + p.yMin;
-        for (uint32_t c = 0; c < cols; ++c) {
-            const double v = searcher->EstimateAt(c * dx + p.xMin, y);
-            if (std::fabs(v - blank) > 1e-20) {
-                zMax = std::max(zMax, v);
-                zMin = std::min(zMin, v);
-            }
-            row[c] = v;
+    const unsigned threads = ThreadsFor(rows);
+    std::vector<std::unique_ptr<KaEstimatorGrid>> copies;
+    for (unsigned t = 1; t < threads; ++t) {
+        copies.push_back(searcher->CloneForThread());
+        if (!copies.back()) {
+            copies.clear();
+            break;
         }
     }
+    double zMin = kKaMaxDouble, zMax = -kKaMaxDouble;
+    if (copies.empty())
+        EstimateRowsInOrder(*searcher, p, matrix, zMin, zMax);
+    else
+        EstimateRowsInParallel(*searcher, copies, p, matrix, zMin, zMax);
     SetSurfaceLimits(*surface, zMin, zMax);
     return surface->SetGridDataArray(std::move(matrix));
+}
+
+unsigned KaGridJob::DefaultThreadCount() { return std::max(1u, std::thread::hardware_concurrency()); }
+
+unsigned KaGridJob::ThreadsFor(uint64_t rows) const
+{
+    const unsigned wanted = threads_ == 0 ? DefaultThreadCount() : threads_;
+    return static_cast<unsigned>(std::max<uint64_t>(1, std::min<uint64_t>(wanted, rows)));
+}
+
+void KaGridJob::RowPercent(uint32_t r, uint32_t rows, int& lastPercent)
+{
+    const int percent = static_cast<int>(r * 100.0 / rows);
+    if (percent != lastPercent) {
+        Percent(percent, "Estimated " + std::to_string(r) + " Rows");
+        lastPercent = percent;
+    }
+}
+
+namespace {
+
+// One row: the values into `row`, the z range of its non-blank values kept
+// the way the whole-grid loop keeps it (the first of equal extremes wins).
+void EstimateRow(KaEstimatorGrid& e, const KaEstimatorGridParam& p, uint32_t r, uint32_t cols, double* row,
+                 double& zMin, double& zMax)
+{
+    const double dx = p.GetDx(), dy = p.GetDy(), blank = p.blankValue;
+    const double y = dy * r + p.yMin;
+    for (uint32_t c = 0; c < cols; ++c) {
+        const double v = e.EstimateAt(c * dx + p.xMin, y);
+        if (std::fabs(v - blank) > 1e-20) {
+            zMax = std::max(zMax, v);
+            zMin = std::min(zMin, v);
+        }
+        row[c] = v;
+    }
+}
+
+}  // namespace
+
+void KaGridJob::EstimateRowsInOrder(KaEstimatorGrid& e, const KaEstimatorGridParam& p, KaTDataMatrix2D<double>& m,
+                                    double& zMin, double& zMax)
+{
+    int lastPercent = -1;
+    for (uint32_t r = 0; r < m.rowCount; ++r) {
+        RowPercent(r, m.rowCount, lastPercent);
+        EstimateRow(e, p, r, m.columnCount, m.data + static_cast<std::size_t>(r) * m.columnCount, zMin, zMax);
+    }
+}
+
+// Rows are handed out one at a time from a shared counter; each thread writes
+// only its own rows and its own estimator's storage. Progress for row r is
+// sent, on this thread, once rows 0 .. r - 1 are done, so the observer sees the
+// sequence of the single-threaded loop. The z range is kept per row and folded
+// in row order afterwards, which gives the same extremes, bit for bit, as the
+// single loop. A failing node stops further rows from being handed out; the
+// failure of the lowest row is the one reported, as the single loop would.
+void KaGridJob::EstimateRowsInParallel(KaEstimatorGrid& first, std::vector<std::unique_ptr<KaEstimatorGrid>>& copies,
+                                       const KaEstimatorGridParam& p, KaTDataMatrix2D<double>& m, double& zMin,
+                                       double& zMax)
+{
+    const uint32_t rows = m.rowCount, cols = m.columnCount;
+    std::vector<double> rowMin(rows, kKaMaxDouble), rowMax(rows, -kKaMaxDouble);
+    std::unique_ptr<std::atomic<bool>[]> done(new std::atomic<bool>[rows]);
+    for (uint32_t r = 0; r < rows; ++r) done[r].store(false, std::memory_order_relaxed);
+    std::atomic<uint32_t> next{0};
+    std::atomic<bool> stop{false};
+    std::mutex failureLock;  // taken only when a node fails
+    uint32_t failedRow = rows;
+    std::exception_ptr failure;
+
+    auto work = [&](KaEstimatorGrid& e) {
+        for (;;) {
+            if (stop.load(std::memory_order_relaxed)) return;
+            const uint32_t r = next.fetch_add(1, std::memory_order_relaxed);
+            if (r >= rows) return;
+            try {
+                EstimateRow(e, p, r, cols, m.data + static_cast<std::size_t>(r) * cols, rowMin[r], rowMax[r]);
+            } catch (...) {
+                std::lock_guard<std::mutex> lock(failureLock);
+                if (r < failedRow) {
+                    failedRow = r;
+                    failure = std::current_exception();
+                }
+                stop.store(true, std::memory_order_relaxed);
+                return;
+            }
+            done[r].store(true, std::memory_order_release);
+        }
+    };
+
+    int lastPercent = -1;
+    uint32_t announced = 0;  // progress sent for rows below this
+    auto announce = [&](bool all) {
+        while (announced < rows && (announced == 0 || done[announced - 1].load(std::memory_order_acquire)) &&
+               (all || announced < next.load(std::memory_order_relaxed)))
+            RowPercent(announced++, rows, lastPercent);
+    };
+    {
+        std::vector<std::jthread> pool;
+        pool.reserve(copies.size());
+        for (auto& c : copies) pool.emplace_back([&work, e = c.get()] { work(*e); });
+        // This thread works too, and reports progress between its rows.
+        for (;;) {
+            announce(false);
+            if (stop.load(std::memory_order_relaxed)) break;
+            const uint32_t r = next.fetch_add(1, std::memory_order_relaxed);
+            if (r >= rows) break;
+            try {
+                EstimateRow(first, p, r, cols, m.data + static_cast<std::size_t>(r) * cols, rowMin[r], rowMax[r]);
+            } catch (...) {
+                std::lock_guard<std::mutex> lock(failureLock);
+                if (r < failedRow) {
+                    failedRow = r;
+                    failure = std::current_exception();
+                }
+                stop.store(true, std::memory_order_relaxed);
+                break;
+            }
+            done[r].store(true, std::memory_order_release);
+        }
+    }  // joins
+    announce(true);
+    if (failure) std::rethrow_exception(failure);
+    for (uint32_t r = 0; r < rows; ++r) {
+        zMax = std::max(zMax, rowMax[r]);
+        zMin = std::min(zMin, rowMin[r]);
+    }
 }

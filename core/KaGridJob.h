@@ -2,9 +2,11 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "core/KaEstimatorGrid.h"
 #include "platform/kadata/KaDataObject.h"
+#include "platform/kadata/KaTDataMatrix2D.h"
 
 // Where a job's messages and progress go: the plug-in's thread turns them into
 // its signals, kagrid into a progress bar. Texts are untranslated.
@@ -42,6 +44,16 @@ public:
     // Throws KaSearchError when the search cannot go on.
     std::unique_ptr<KaSurface> Run();
 
+    // Threads that estimate rows at once: 1 (the default) is the classic
+    // single-threaded run, 0 means one per core. Whatever the count, the grid,
+    // the messages and the progress sequence are the same, and the observer is
+    // called on the thread that runs the job only. Methods whose estimator
+    // cannot be copied per thread run on one.
+    void SetThreadCount(unsigned count) { threads_ = count; }
+    unsigned ThreadCount() const { return threads_; }
+    // The count that a setting of 0 stands for: the cores of the machine.
+    static unsigned DefaultThreadCount();
+
     virtual std::unique_ptr<KaEstimatorGrid> CreateEstimator();
     virtual bool EstimateSurface(KaSurface* surface);
 
@@ -56,7 +68,18 @@ protected:
     // Sets the surface's z range and limits from the estimated values.
     static void SetSurfaceLimits(KaSurface& surface, double zMin, double zMax);
 
+    // Progress at the start of row r, at most once per whole percent.
+    void RowPercent(uint32_t r, uint32_t rows, int& lastPercent);
+    void EstimateRowsInOrder(KaEstimatorGrid& e, const KaEstimatorGridParam& p, KaTDataMatrix2D<double>& m,
+                             double& zMin, double& zMax);
+    void EstimateRowsInParallel(KaEstimatorGrid& first, std::vector<std::unique_ptr<KaEstimatorGrid>>& copies,
+                                const KaEstimatorGridParam& p, KaTDataMatrix2D<double>& m, double& zMin,
+                                double& zMax);
+    // Threads to use for `rows` rows: the setting, 0 resolved, at most one per row.
+    unsigned ThreadsFor(uint64_t rows) const;
+
     KaJobObserver* observer_;
+    unsigned threads_ = 1;
     std::string failure_;
     std::unique_ptr<KaEstimatorGrid> estimator_;
     std::unique_ptr<KaSampleList> samples_;

@@ -113,9 +113,15 @@ double KaEstDataMetrics::EstimateNode(double x, double y)
     return Metric(neighbours_, x, y);
 }
 
+void KaEstDataMetrics::SetParam(std::unique_ptr<KaEstimatorGridParam> param)
+{
+    KaEstGridSearcher::SetParam(std::move(param));
+    metricsParam_ = dynamic_cast<const KaEstDataMetricsParam*>(GetParam());
+}
+
 double KaEstDataMetrics::Metric(const KaNeighbours& neighbours, double x, double y)
 {
-    const auto* p = dynamic_cast<const KaEstDataMetricsParam*>(GetParam());
+    const KaEstDataMetricsParam* p = metricsParam_;
     if (!p) return BlankValue();
     const double blank = p->blankValue;
     const int32_t m = p->metric;

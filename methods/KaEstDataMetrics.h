@@ -62,12 +62,15 @@ public:
 //    every other metric is blank.
 class KaEstDataMetrics : public KaEstGridSearcher {
 public:
+    void SetParam(std::unique_ptr<KaEstimatorGridParam> param) override;
     double EstimateNode(double x, double y) override;
+    KA_CLONE_FOR_THREAD(KaEstDataMetrics)
 
     // The statistic of `neighbours` around (x, y) under the current record.
     double Metric(const KaNeighbours& neighbours, double x, double y);
 
 private:
+    const KaEstDataMetricsParam* metricsParam_ = nullptr;  // the record, when of this kind
     KaNeighbours neighbours_;
     std::vector<double> values_;
 };

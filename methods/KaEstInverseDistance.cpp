@@ -13,6 +13,12 @@ void KaEstInverseDistanceParam::VisitFields(KaFieldVisitor& v)
     v.Field("anisotropyAngle", anisotropyAngle, "carried only: distances are plain Euclidean");
 }
 
+void KaEstInverseDistance::SetParam(std::unique_ptr<KaEstimatorGridParam> param)
+{
+    KaEstGridSearcher::SetParam(std::move(param));
+    idwParam_ = dynamic_cast<const KaEstInverseDistanceParam*>(GetParam());
+}
+
 double KaEstInverseDistance::EstimateNode(double x, double y)
 {
     double v;
@@ -22,8 +28,7 @@ double KaEstInverseDistance::EstimateNode(double x, double y)
 
 double KaEstInverseDistance::WeightedAverage(const KaNeighbours& samples, double x, double y)
 {
-    const KaEstimatorGridParam* base = GetParam();
-    const auto* p = dynamic_cast<const KaEstInverseDistanceParam*>(base);
+    const KaEstInverseDistanceParam* p = idwParam_;
     if (!p) return BlankValue();
     const double tol = p->tolerance, invalid = p->originalInvalidValue;
     const double halfPower = 0.5 * p->power;

@@ -19,10 +19,13 @@ public:
 // or with h below the tolerance gives its own value.
 class KaEstInverseDistance : public KaEstGridSearcher {
 public:
+    void SetParam(std::unique_ptr<KaEstimatorGridParam> param) override;
     double EstimateNode(double x, double y) override;
+    KA_CLONE_FOR_THREAD(KaEstInverseDistance)
     // The weighted mean of `samples` at (x, y); blank when the weights vanish.
     virtual double WeightedAverage(const KaNeighbours& samples, double x, double y);
 
 protected:
+    const KaEstInverseDistanceParam* idwParam_ = nullptr;  // the record, when of this kind
     KaNeighbours neighbours_;
 };

@@ -78,11 +78,17 @@ void KaEstKrigParam::SetOutputNames(const std::string& objectName, const std::st
     stdDevName = objectName + "StdDev";  // no underscore
 }
 
+void KaEstKrig::SetParam(std::unique_ptr<KaEstimatorGridParam> param)
+{
+    KaEstGridSearcher::SetParam(std::move(param));
+    krigParam_ = dynamic_cast<const KaEstKrigParam*>(GetParam());
+}
+
 double KaEstKrig::EstimateNode(double x, double y)
 {
     double value;
     if (SearchOrDecide(x, y, neighbours_, value)) return value;
-    const auto* p = dynamic_cast<const KaEstKrigParam*>(GetParam());
+    const KaEstKrigParam* p = krigParam_;
     if (!p || !p->variogram) return BlankValue();
 
     krigingVariance_ = p->blankValue;

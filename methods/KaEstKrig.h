@@ -35,7 +35,9 @@ public:
 // the system bordered by the unbiasedness row, both by Gauss-Jordan.
 class KaEstKrig : public KaEstGridSearcher {
 public:
+    void SetParam(std::unique_ptr<KaEstimatorGridParam> param) override;
     double EstimateNode(double x, double y) override;
+    KA_CLONE_FOR_THREAD(KaEstKrig)
 
     // Of the last node that reached the system (blank when its solve failed).
     double KrigingVariance() const { return krigingVariance_; }
@@ -45,6 +47,7 @@ protected:
     bool BuildRightHandSide(const KaEstKrigParam& p, double x, double y, const KaNeighbours& n);
     double Combine(const KaEstKrigParam& p, const KaNeighbours& n);
 
+    const KaEstKrigParam* krigParam_ = nullptr;  // the record, when of this kind
     double krigingVariance_ = 1.0;
     // Per-node arrays, reused from node to node to save the allocations.
     std::vector<double> matrix_;

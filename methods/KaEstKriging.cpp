@@ -10,11 +10,17 @@ void KaEstKrigingParam::VisitFields(KaFieldVisitor& v)
     v.Field("slope", slope, "slope of the linear variogram, value units per distance unit");
 }
 
+void KaEstKriging::SetParam(std::unique_ptr<KaEstimatorGridParam> param)
+{
+    KaEstGridSearcher::SetParam(std::move(param));
+    linearParam_ = dynamic_cast<const KaEstKrigingParam*>(GetParam());
+}
+
 double KaEstKriging::EstimateNode(double x, double y)
 {
     double value;
     if (SearchOrDecide(x, y, neighbours_, value)) return value;
-    const auto* p = dynamic_cast<const KaEstKrigingParam*>(GetParam());
+    const KaEstKrigingParam* p = linearParam_;
     if (!p) return BlankValue();
 
     const KaNeighbours& nb = neighbours_;

@@ -19,10 +19,17 @@ public:
 // part in the estimate.
 class KaEstKriging : public KaEstGridSearcher {
 public:
+    void SetParam(std::unique_ptr<KaEstimatorGridParam> param) override;
     double EstimateNode(double x, double y) override;
+    KA_CLONE_FOR_THREAD(KaEstKriging)
+
+    KaEstKriging() = default;
+    // The per-node storage is not copied: a copy starts with its own.
+    KaEstKriging(const KaEstKriging& other) : KaEstGridSearcher(other), linearParam_(other.linearParam_) {}
 
 protected:
     // Per-node storage, reused from node to node to save the allocations.
+    const KaEstKrigingParam* linearParam_ = nullptr;  // the record, when of this kind
     KaNeighbours neighbours_;
     KaT2DMatrix<double> matrix_;
     std::vector<int32_t> permutation_;

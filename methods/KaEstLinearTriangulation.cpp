@@ -92,6 +92,12 @@ bool KaEstLinearTriangulation::PointInTriangle(double px, double py, double ax, 
 
 bool KaEstLinearTriangulation::RasterizeTriangle(const Ka3DTriangle& t, KaTDataMatrix2D<double>& matrix) const
 {
+    return RasterizeTriangle(t, matrix, 0, matrix.rowCount);
+}
+
+bool KaEstLinearTriangulation::RasterizeTriangle(const Ka3DTriangle& t, KaTDataMatrix2D<double>& matrix,
+                                                 int64_t rowBegin, int64_t rowEnd) const
+{
     const KaEstLinearTriangulationParam* p = typed_;
     if (!p || !geometry_) return false;
     const Geometry& g = *geometry_;
@@ -131,7 +137,7 @@ bool KaEstLinearTriangulation::RasterizeTriangle(const Ka3DTriangle& t, KaTDataM
 
     const int64_t i0 = static_cast<int64_t>(firstCol), i1 = static_cast<int64_t>(lastCol);
     const int64_t j0 = static_cast<int64_t>(firstRow), j1 = static_cast<int64_t>(lastRow);
-    for (int64_t j = j0; j <= j1; ++j) {
+    for (int64_t j = std::max(j0, rowBegin); j <= j1 && j < rowEnd; ++j) {
         const double y = y0 + j * dy;
         double* row = matrix.data + static_cast<std::size_t>(j) * matrix.columnCount;
         for (int64_t i = i0; i <= i1; ++i) {

@@ -46,6 +46,11 @@ public:
     // triangle stays blank then), a zero grid spacing, a triangle degenerate in
     // the plane, no output grid, or a matrix or record that does not fit.
     bool RasterizeTriangle(const Ka3DTriangle& t, KaTDataMatrix2D<double>& matrix) const;
+    // The same, writing only the rows in [rowBegin, rowEnd): bands of rows can
+    // be drawn by separate threads, each taking the triangles in the same
+    // order, so that the later triangle still wins on shared edges.
+    bool RasterizeTriangle(const Ka3DTriangle& t, KaTDataMatrix2D<double>& matrix, int64_t rowBegin,
+                           int64_t rowEnd) const;
 
     // P inside triangle ABC (either orientation), on one of its edges, or on a
     // vertex (within 1e-20).

@@ -21,6 +21,7 @@ public:
 class KaEstLocalPolynomial : public KaEstPolynomial {
 public:
     double EstimateNode(double x, double y) override;
+    KA_CLONE_FOR_THREAD(KaEstLocalPolynomial)
     // Fit, solve and evaluate at (x, y) on the neighbours handed in; blank on
     // any failure. Needs no sample list.
     virtual double EstimateFromNeighbours(const KaNeighbours& neighbours, double x, double y);

@@ -26,6 +26,14 @@ void KaEstModifiedShepardParam::VisitFields(KaFieldVisitor& v)
 KaEstModifiedShepard::KaEstModifiedShepard() = default;
 KaEstModifiedShepard::~KaEstModifiedShepard() = default;
 
+// The quadratic fit is per-node storage: each copy makes its own.
+KaEstModifiedShepard::KaEstModifiedShepard(const KaEstModifiedShepard& other) : KaEstInverseDistance(other) {}
+
+std::unique_ptr<KaEstimatorGrid> KaEstModifiedShepard::CloneForThread() const
+{
+    return std::make_unique<KaEstModifiedShepard>(*this);
+}
+
 double KaEstModifiedShepard::EstimateNode(double x, double y)
 {
     double decided;

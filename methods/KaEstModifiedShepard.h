@@ -25,9 +25,11 @@ public:
 class KaEstModifiedShepard : public KaEstInverseDistance {
 public:
     KaEstModifiedShepard();
+    KaEstModifiedShepard(const KaEstModifiedShepard& other);
     ~KaEstModifiedShepard() override;
 
     double EstimateNode(double x, double y) override;
+    std::unique_ptr<KaEstimatorGrid> CloneForThread() const override;
 
 private:
     // Made on the first node that needs a fit; it never searches, it only

@@ -9,6 +9,7 @@ class KaEstMovingAverageParam : public KaEstGridSearcherParam {};
 class KaEstMovingAverage : public KaEstGridSearcher {
 public:
     double EstimateNode(double x, double y) override;
+    KA_CLONE_FOR_THREAD(KaEstMovingAverage)
 
 private:
     KaNeighbours neighbours_;

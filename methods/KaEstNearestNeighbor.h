@@ -9,6 +9,7 @@ class KaEstNearestNeighborParam : public KaEstGridSearcherParam {};
 class KaEstNearestNeighbor : public KaEstGridSearcher {
 public:
     double EstimateNode(double x, double y) override;
+    KA_CLONE_FOR_THREAD(KaEstNearestNeighbor)
 
 private:
     KaNeighbours neighbours_;

@@ -19,4 +19,5 @@ public:
     // Stores the list and drops the search grid instead of building it.
     KaSampleList* SetSampleList(KaSampleList* samples) override;
     double EstimateNode(double x, double y) override;
+    KA_CLONE_FOR_THREAD(KaEstPolynomialRegression)
 };

@@ -58,6 +58,20 @@ double KaEstRadialBasisParam::BasisValue(double d) const
     }
 }
 
+void KaEstRadialBasis::SetParam(std::unique_ptr<KaEstimatorGridParam> param)
+{
+    KaEstGridSearcher::SetParam(std::move(param));
+    basisParam_ = dynamic_cast<const KaEstRadialBasisParam*>(GetParam());
+}
+
+std::unique_ptr<KaEstimatorGrid> KaEstRadialBasis::CloneForThread() const
+{
+    // The transform is cached lazily inside const distance requests: make it
+    // now, on this thread, so that the threads sharing the record never write it.
+    if (basisParam_) basisParam_->anisotropy.SquaredDistance(0.0, 0.0, 0.0);
+    return std::make_unique<KaEstRadialBasis>(*this);
+}
+
 double KaEstRadialBasis::EstimateNode(double x, double y)
 {
     double value;
@@ -75,7 +89,7 @@ bool KaEstRadialBasis::BuildSystem(const KaNeighbours& nb)
     values_.resize(m + 1);
     values_[m] = 0.0;
     double* a = matrix_.data();
-    const auto* p = dynamic_cast<const KaEstRadialBasisParam*>(GetParam());
+    const KaEstRadialBasisParam* p = basisParam_;
     // Every ordered pair is evaluated and written to (i, j) and (j, i), the later
     // write winning: for i < j that is the pair visited as (j, i), with the
     // separation x_i - x_j. Only those evaluations are made.
@@ -114,7 +128,7 @@ bool KaEstRadialBasis::Solve(int32_t count)
 
 double KaEstRadialBasis::Evaluate(double x, double y, const KaNeighbours& nb)
 {
-    const auto* p = dynamic_cast<const KaEstRadialBasisParam*>(GetParam());
+    const KaEstRadialBasisParam* p = basisParam_;
     const std::size_t m = nb.size();
     double v = values_[m];
     for (std::size_t j = 0; j < m; ++j) {

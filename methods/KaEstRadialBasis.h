@@ -30,13 +30,17 @@ public:
 // weight per neighbour, and the weighted basis values are summed at the node.
 class KaEstRadialBasis : public KaEstGridSearcher {
 public:
+    void SetParam(std::unique_ptr<KaEstimatorGridParam> param) override;
     double EstimateNode(double x, double y) override;
+    // Also builds the record's anisotropy transform, which the copies then only read.
+    std::unique_ptr<KaEstimatorGrid> CloneForThread() const override;
 
 protected:
     bool BuildSystem(const KaNeighbours& nb);
     bool Solve(int32_t count);
     double Evaluate(double x, double y, const KaNeighbours& nb);
 
+    const KaEstRadialBasisParam* basisParam_ = nullptr;  // the record, when of this kind
     // Per-node arrays, reused from node to node to save the allocations.
     std::vector<double> matrix_;  // m x m, row-major
     std::vector<double> values_;  // the z values, then the weights; [m]: the constant term

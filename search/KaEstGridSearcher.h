@@ -1,52 +1,29 @@
 #pragma once
 
 #include <cstdint>
-#include <stdexcept>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "core/KaEstimatorGrid.h"
 #include "platform/kadata/Ka3DPoint.h"
 #include "search/KaEstGridSearcherParam.h"
-#include "search/KaSectorTable.h"
-
-// Neighbours of one node: copies of the samples, sector by sector.
-using KaNeighbours = std::vector<Ka3DPoint>;
-
-// A search that cannot go on: a sector index outside [0, sectorCount), or a
-// search grid too large to hold. The job stops with this message.
-class KaSearchError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
-
-// Geometry of the bucket grid.
-struct KaSearchGridInfo {
-    virtual ~KaSearchGridInfo() = default;
-    virtual bool IsValid() const
-    {
-        return columnCount > 0 && rowCount > 0 && cellSize > 0 && !(xMax < xMin) && !(yMax < yMin);
-    }
-
-    int32_t columnCount = 0;
-    int32_t rowCount = 0;
-    double cellSize = 0.0;
-    double xMin = 0.0, yMin = 0.0;
-    double xMax = 0.0, yMax = 0.0;
-};
+#include "search/KaSearchGrid.h"
 
 // Base of the searching estimators: keeps the samples in square buckets over the
 // output grid plus a margin, and selects a node's neighbours ring by ring.
 //
-// The buckets are stored compactly: one flat sample array ordered by bucket
-// (sample order kept inside each bucket) and one offset array, row-major, plus
-// the same column-major, so that every edge of a search ring is one contiguous
-// run of samples. A large output grid costs eight bytes of bookkeeping per
-// bucket.
+// The search grid is built once per job and is immutable from then on; the
+// thread copies of an estimator (CloneForThread) share it and each has its own
+// workspace, so the per-node path takes no lock.
 class KaEstGridSearcher : public KaEstimatorGrid {
 public:
-    static constexpr uint32_t marginCells = 5;
+    static constexpr uint32_t marginCells = KaSearchGrid::marginCells;
 
+    KaEstGridSearcher() = default;
+
+    // Also keeps the record as a search record (null when it is not one).
+    void SetParam(std::unique_ptr<KaEstimatorGridParam> param) override;
     // Stores the list and builds the search grid (BuildSearchGrid).
     KaSampleList* SetSampleList(KaSampleList* samples) override;
     // Searching methods override this; the searcher itself has no estimate.
@@ -59,52 +36,37 @@ public:
     // sector index out of range.
     bool Search(double x, double y, KaNeighbours& result, bool stopAtCoincident);
 
-    const KaSearchGridInfo& SearchGridInfo() const { return grid_; }
-    std::size_t BucketCount() const { return offsets_.empty() ? 0 : offsets_.size() - 1; }
+    const KaSearchGridInfo& SearchGridInfo() const;
+    std::size_t BucketCount() const { return grid_ ? grid_->BucketCount() : 0; }
     // Samples of one bucket, in sample-list order.
-    const Ka3DPoint* BucketBegin(std::size_t b) const { return samplesByBucket_.data() + offsets_[b]; }
-    const Ka3DPoint* BucketEnd(std::size_t b) const { return samplesByBucket_.data() + offsets_[b + 1]; }
+    std::span<const Ka3DPoint> Bucket(std::size_t b) const;
+    // The shared search grid; null before a build or when there is nothing to search.
+    const std::shared_ptr<const KaSearchGrid>& Grid() const { return grid_; }
 
 protected:
+    // For CloneForThread: shares the record, the samples and the search grid;
+    // the workspace starts empty.
+    KaEstGridSearcher(const KaEstGridSearcher& other);
+
     // The common opening of the searching methods: the neighbours of (x, y) into
     // `out`. Returns true with `value` set when the node is decided already:
     // blank without samples, after a failed search or an empty result; the
     // first neighbour's z when it lies within the tolerance of the node.
     bool SearchOrDecide(double x, double y, KaNeighbours& out, double& value);
 
-    const KaEstGridSearcherParam* SearchParam() const;
+    const KaEstGridSearcherParam* SearchParam() const { return searchParam_; }
     // Drops the search grid (used by methods that never search).
-    void ClearSearchGrid();
+    void ClearSearchGrid() { grid_.reset(); }
 
 private:
-    enum class Visit { Continue, Finished };
-    struct Context;
-
     void BuildSearchGrid(KaSampleList* samples);
-    // Offers samples to the sector lists in order; Finished on a coincident
-    // sample when the search stops there.
-    Visit VisitSamples(const Ka3DPoint* begin, const Ka3DPoint* end, const Context& ctx, KaNeighbours& result);
-    // Cells [c0, c1) of row r, and cells [r0, r1) of column c, in that order.
-    Visit VisitRow(int64_t r, int64_t c0, int64_t c1, const Context& ctx, KaNeighbours& result)
-    {
-        const std::size_t b = static_cast<std::size_t>(r) * grid_.columnCount;
-        return VisitSamples(samplesByBucket_.data() + offsets_[b + c0], samplesByBucket_.data() + offsets_[b + c1],
-                            ctx, result);
-    }
-    Visit VisitColumn(int64_t c, int64_t r0, int64_t r1, const Context& ctx, KaNeighbours& result)
-    {
-        const std::size_t b = static_cast<std::size_t>(c) * grid_.rowCount;
-        return VisitSamples(samplesByColumn_.data() + columnOffsets_[b + r0],
-                            samplesByColumn_.data() + columnOffsets_[b + r1], ctx, result);
-    }
 
-    KaSearchGridInfo grid_;
-    std::vector<uint32_t> offsets_;          // bucket b holds [offsets_[b], offsets_[b+1])
-    std::vector<Ka3DPoint> samplesByBucket_;
-    std::vector<uint32_t> columnOffsets_;    // the same, column-major: column c, row r at c * rows + r
-    std::vector<Ka3DPoint> samplesByColumn_;
-    // Working sector lists, emptied at the start of every search; one searcher
-    // serves one job, so reusing them only saves allocations.
-    std::vector<std::vector<Ka3DPoint>> sectors_;
-    KaSectorTable sectorTable_;
+    const KaEstGridSearcherParam* searchParam_ = nullptr;  // the record, when a search record
+    std::shared_ptr<const KaSearchGrid> grid_;
+    KaSearchWorkspace workspace_;
 };
+
+// CloneForThread for a searching method whose members are all per-node storage
+// or read-only: a copy of the estimator.
+#define KA_CLONE_FOR_THREAD(Class) \
+    std::unique_ptr<KaEstimatorGrid> CloneForThread() const override { return std::make_unique<Class>(*this); }

@@ -80,14 +80,14 @@ TEST(SearchGrid, SamplesAreClampedIntoEdgeBucketsInListOrder)
     g.Build({{15, 15, 1}, {-50, -50, 2}, {-7, 3, 3}, {-8, 3, 4}});
     const auto& i = g.searcher.SearchGridInfo();
     const std::size_t last = static_cast<std::size_t>(i.columnCount) * i.rowCount - 1;
-    ASSERT_EQ(g.searcher.BucketEnd(last) - g.searcher.BucketBegin(last), 1);
-    EXPECT_EQ(g.searcher.BucketBegin(last)->z, 1);
-    EXPECT_EQ(g.searcher.BucketBegin(0)->z, 2);
+    ASSERT_EQ(g.searcher.Bucket(last).size(), 1u);
+    EXPECT_EQ(g.searcher.Bucket(last)[0].z, 1);
+    EXPECT_EQ(g.searcher.Bucket(0)[0].z, 2);
     // (-7, 3) and (-8, 3): column 0, row trunc(19 * 8 / 20) = 7, in sample order
     const std::size_t b = 7u * i.columnCount;
-    ASSERT_EQ(g.searcher.BucketEnd(b) - g.searcher.BucketBegin(b), 2);
-    EXPECT_EQ(g.searcher.BucketBegin(b)[0].z, 3);
-    EXPECT_EQ(g.searcher.BucketBegin(b)[1].z, 4);
+    ASSERT_EQ(g.searcher.Bucket(b).size(), 2u);
+    EXPECT_EQ(g.searcher.Bucket(b)[0].z, 3);
+    EXPECT_EQ(g.searcher.Bucket(b)[1].z, 4);
 }
 
 TEST(Search, SectorsFollowTheMirroredAngle)

@@ -69,6 +69,8 @@ const char* kUsage =
     "                     text input: columns by 1-based number or header name (default: the\n"
     "                     header's x, y, z (easting, lon, ...) when it has them, else 1 2 3);\n"
     "                     vector input: --z names the attribute holding z (default: geometry z)\n"
+    "  --threads N        threads that estimate rows at once (default: one per core);\n"
+    "                     the grid is the same whatever N\n"
     "  -q, --quiet        no progress output\n"
     "  -h, --help         this text\n"
     "  --version          kagrid's and GDAL's versions\n";
@@ -84,6 +86,7 @@ struct Options {
     bool printParams = false;
     bool quiet = false;
     bool xColumnGiven = false, yColumnGiven = false, zColumnGiven = false;
+    unsigned threads = 0;  // 0: one per core
 };
 
 [[noreturn]] void Usage(const std::string& message)
@@ -124,6 +127,14 @@ Options ParseArguments(int argc, char** argv)
         else if (a == "--x") { o.columns.x = value("a column"); o.xColumnGiven = true; }
         else if (a == "--y") { o.columns.y = value("a column"); o.yColumnGiven = true; }
         else if (a == "--z") { o.columns.z = value("a column or field"); o.zColumnGiven = true; }
+        else if (a == "--threads") {
+            const std::string n = value("a thread count");
+            char* end = nullptr;
+            const unsigned long t = std::strtoul(n.c_str(), &end, 10);
+            if (n.empty() || *end || !std::isdigit(static_cast<unsigned char>(n[0])) || t < 1 || t > 1024)
+                Usage("--threads needs a whole number from 1 to 1024, not '" + n + "'");
+            o.threads = static_cast<unsigned>(t);
+        }
         else if (a == "-q" || a == "--quiet") o.quiet = true;
         else if (a.size() > 1 && a[0] == '-' && !std::isdigit(static_cast<unsigned char>(a[1])))
             Usage("unknown option " + a);
@@ -317,6 +328,7 @@ int Run(const Options& o)
 
     KaProgress progress(o.quiet);
     std::unique_ptr<KaGridJob> job = MakeJob(*method, &progress);
+    job->SetThreadCount(o.threads);
     job->SetSampleList(std::move(samples));
     job->SetEstimator(method->makeEstimator());
     if (!job->StartEstimate(std::move(record))) throw KaParamError("the parameters were refused");

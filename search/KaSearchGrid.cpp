@@ -1,0 +1,319 @@
+#include "search/KaSearchGrid.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <limits>
+#include <numeric>
+
+namespace {
+
+// Bucket coordinate of a sample: truncated, clamped into [0, count - 1].
+// Samples below or left of the grid land in the first bucket, like samples
+// beyond the upper edge land in the last.
+int32_t BucketCoord(double v, int32_t count)
+{
+    if (!(v >= 1.0)) return 0;  // also NaN
+    if (v >= static_cast<double>(count - 1)) return count - 1;
+    return static_cast<int32_t>(v);
+}
+
+std::string Format(const char* fmt, auto... args)
+{
+    char buf[512];
+    std::snprintf(buf, sizeof buf, fmt, args...);
+    return buf;
+}
+
+// Buckets per stored sample or node up to which the rank bitmap is used: it
+// costs 1.5 bits per bucket and each structure, so at most 24 bytes per
+// sample or node, and answers in constant time.
+constexpr double kBitmapBucketsPerItem = 64;
+
+}  // namespace
+
+void KaBucketLines::Build(const std::vector<Ka3DPoint>& points, const std::vector<int32_t>& line,
+                          const std::vector<int32_t>& pos, int64_t lineCount, int64_t lineLength, bool bitmap)
+{
+    lineLength_ = lineLength;
+    bitmap_ = bitmap;
+    const std::size_t n = points.size();
+    // Counting sort by line (stable), then by position within each line
+    // (stable): bucket order, and sample order inside a bucket.
+    std::vector<uint32_t> start(static_cast<std::size_t>(lineCount) + 1, 0);
+    for (std::size_t i = 0; i < n; ++i) ++start[line[i] + 1];
+    std::partial_sum(start.begin(), start.end(), start.begin());
+    std::vector<uint32_t> order(n);
+    {
+        std::vector<uint32_t> next(start.begin(), start.end() - 1);
+        for (std::size_t i = 0; i < n; ++i) order[next[line[i]]++] = static_cast<uint32_t>(i);
+    }
+    for (int64_t l = 0; l < lineCount; ++l)
+        if (start[l + 1] - start[l] > 1)
+            std::stable_sort(order.begin() + start[l], order.begin() + start[l + 1],
+                             [&](uint32_t a, uint32_t b) { return pos[a] < pos[b]; });
+
+    samples_.resize(n);
+    cellStart_.clear();
+    cellPos_.clear();
+    std::vector<uint32_t> cellLine;  // only to fill the line starts
+    for (std::size_t k = 0; k < n; ++k) {
+        const uint32_t i = order[k];
+        samples_[k] = points[i];
+        if (k == 0 || line[i] != line[order[k - 1]] || pos[i] != pos[order[k - 1]]) {
+            cellStart_.push_back(static_cast<uint32_t>(k));
+            cellPos_.push_back(pos[i]);
+            cellLine.push_back(static_cast<uint32_t>(line[i]));
+        }
+    }
+    const std::size_t cells = cellStart_.size();
+    cellStart_.push_back(static_cast<uint32_t>(n));
+
+    if (bitmap) {
+        const uint64_t keys = static_cast<uint64_t>(lineCount) * static_cast<uint64_t>(lineLength);
+        bits_.assign(keys / 64 + 1, 0);
+        for (std::size_t c = 0; c < cells; ++c) {
+            const uint64_t key = static_cast<uint64_t>(cellLine[c]) * lineLength + cellPos_[c];
+            bits_[key >> 6] |= uint64_t{1} << (key & 63);
+        }
+        wordRank_.resize(bits_.size());
+        uint32_t rank = 0;
+        for (std::size_t w = 0; w < bits_.size(); ++w) {
+            wordRank_[w] = rank;
+            rank += static_cast<uint32_t>(std::popcount(bits_[w]));
+        }
+        std::vector<int32_t>().swap(cellPos_);
+    } else {
+        lineStart_.assign(static_cast<std::size_t>(lineCount) + 1, 0);
+        for (std::size_t c = 0; c < cells; ++c) ++lineStart_[cellLine[c] + 1];
+        std::partial_sum(lineStart_.begin(), lineStart_.end(), lineStart_.begin());
+    }
+}
+
+std::size_t KaBucketLines::MemoryBytes() const
+{
+    return bits_.capacity() * 8 + wordRank_.capacity() * 4 + lineStart_.capacity() * 4 + cellPos_.capacity() * 4 +
+           cellStart_.capacity() * 4 + samples_.capacity() * sizeof(Ka3DPoint);
+}
+
+std::shared_ptr<const KaSearchGrid> KaSearchGrid::Build(const KaEstGridSearcherParam& p, const KaSampleList& samples)
+{
+    if (!p.IsValid() || samples.empty()) return nullptr;
+
+    const double m = marginCells;
+    const double dx = p.GetDx(), dy = p.GetDy();
+    KaSearchGridInfo g;
+    g.xMin = p.xMin - m * dx;
+    g.yMin = p.yMin - m * dy;
+    g.xMax = p.xMax + m * dx;
+    g.yMax = p.yMax + m * dy;
+    const double cx = static_cast<double>(p.columnCount) + 2 * m;
+    const double cy = static_cast<double>(p.rowCount) + 2 * m;
+    const double sx = (g.xMax - g.xMin) / (cx - 1);
+    const double sy = (g.yMax - g.yMin) / (cy - 1);
+    g.cellSize = sx < sy ? sx : sy;
+    // A zero-extent grid (one row or column, or equal bounds) has no buckets:
+    // every searching node is then blank.
+    if (!(g.cellSize > 0) || !std::isfinite(g.cellSize)) return nullptr;
+
+    const double cols = std::trunc((g.xMax - g.xMin) / g.cellSize + 1);
+    const double rows = std::trunc((g.yMax - g.yMin) / g.cellSize + 1);
+    constexpr double kMaxCount = std::numeric_limits<int32_t>::max();
+    if (!(cols <= kMaxCount) || !(rows <= kMaxCount))
+        throw KaSearchError(Format(
+            "the search grid would need %.0f x %.0f buckets, more than a bucket count can hold; the x and "
+            "y spacings of the output grid differ too much", cols, rows));
+    g.columnCount = static_cast<int32_t>(cols);
+    g.rowCount = static_cast<int32_t>(rows);
+    // kept: the box ends one cell beyond the cells the bucket formula spreads over
+    g.xMax = g.xMin + g.columnCount * g.cellSize;
+    g.yMax = g.yMin + g.rowCount * g.cellSize;
+
+    if (samples.size() >= std::numeric_limits<uint32_t>::max())
+        throw KaSearchError("too many samples for the search grid");
+
+    const std::size_t n = samples.size();
+    std::vector<Ka3DPoint> points;
+    std::vector<int32_t> col, row;
+    points.reserve(n);
+    col.reserve(n);
+    row.reserve(n);
+    const double spanX = g.xMax - g.xMin, spanY = g.yMax - g.yMin;
+    for (const KaSample& s : samples) {
+        const double vx = (g.columnCount - 1) * (s.point.x - g.xMin) / spanX;
+        const double vy = (g.rowCount - 1) * (s.point.y - g.yMin) / spanY;
+        points.push_back(s.point);
+        col.push_back(spanX == 0 ? 0 : BucketCoord(vx, g.columnCount));
+        row.push_back(spanY == 0 ? 0 : BucketCoord(vy, g.rowCount));
+    }
+
+    auto grid = std::make_shared<KaSearchGrid>();
+    grid->info_ = g;
+    const double items = static_cast<double>(n) + static_cast<double>(p.columnCount) * static_cast<double>(p.rowCount);
+    const bool bitmap = cols * rows <= kBitmapBucketsPerItem * (items + 1024);
+    grid->byRow_.Build(points, row, col, g.rowCount, g.columnCount, bitmap);
+    grid->byColumn_.Build(points, col, row, g.columnCount, g.rowCount, bitmap);
+    grid->tableSectors_ = p.sectorCount;
+    grid->tableAngle_ = p.ellipseAngle;
+    grid->tableReady_ = grid->table_.Prepare(p.sectorCount, p.ellipseAngle);
+    return grid;
+}
+
+namespace {
+
+struct Context {
+    double x, y;
+    double tol2;
+    double invalid;
+    double radius1, radius2, ellipseAngle;
+    int32_t sectorCount;
+    int64_t maxFromEach;
+    bool stopAtCoincident;
+    // Shortcuts that give the same answers as the full test (see KaSectorTable).
+    bool circle;
+    double rimIn2, rimOut2;  // squared radius less and more a margin
+    const KaSectorTable* table;
+};
+
+enum class Visit { Continue, Finished };
+
+// Offers samples to the sector lists in order; Finished on a coincident sample
+// when the search stops there.
+Visit VisitSamples(std::span<const Ka3DPoint> run, const Context& ctx, std::vector<std::vector<Ka3DPoint>>& sectors,
+                   KaNeighbours& result)
+{
+    for (const Ka3DPoint& s : run) {
+        if (std::fabs(s.z - ctx.invalid) < 1e-20) continue;
+        const double dx = s.x - ctx.x, dy = s.y - ctx.y;
+        const double dist2 = dx * dx + dy * dy;  // (x - sx)^2 + (y - sy)^2 to the last bit
+        int64_t sector;
+        if (dist2 <= ctx.tol2) {
+            if (ctx.stopAtCoincident) {
+                result.assign(1, s);
+                return Visit::Finished;
+            }
+            sector = 0;
+            if (ctx.sectorCount < 1)  // only without search validation
+                throw KaSearchError(Format("sector index out of range (0 of %d sectors) for the sample at "
+                                           "(%.17g, %.17g) on the node; sectorCount must be at least 1",
+                                           ctx.sectorCount, s.x, s.y));
+        } else {
+            sector = -1;
+            if (ctx.circle) {
+                // The ellipse radius of a circle is its radius to a few ulps:
+                // only samples right at the rim need the exact test.
+                if (dist2 > ctx.rimOut2) continue;
+                if (dist2 < ctx.rimIn2 && dist2 > 1e-200 && ctx.table) sector = ctx.table->Lookup(dx, dist2, dy < 0);
+            }
+            if (sector < 0) {
+                const double dist = std::sqrt(dist2);
+                double theta;
+                const double idx = KaSectorIndex(dx, dy, dist, ctx.sectorCount, ctx.ellipseAngle, &theta);
+                // kept: sin and cos take the angle in degrees as if it were radians
+                const double sn = std::sin(theta), cs = std::cos(theta);
+                const double r = ctx.radius1 * ctx.radius2 /
+                                 std::sqrt(sn * sn * (ctx.radius1 * ctx.radius1) + cs * cs * (ctx.radius2 * ctx.radius2));
+                if (r <= dist) continue;
+                if (!(idx > -1.0 && idx < ctx.sectorCount))
+                    throw KaSearchError(Format(
+                        "sector index out of range (%.17g of %d sectors) for the sample at "
+                        "(%.17g, %.17g), angle %.17g degrees from the node at (%.17g, %.17g); "
+                        "adjust the grid bounds or the ellipse angle",
+                        std::trunc(idx), ctx.sectorCount, s.x, s.y, theta, ctx.x, ctx.y));
+                sector = static_cast<int64_t>(idx);  // idx in (-1, sectorCount): 0 .. sectorCount - 1
+            }
+        }
+        std::vector<Ka3DPoint>& list = sectors[sector];
+        if (static_cast<int64_t>(list.size()) < ctx.maxFromEach) list.push_back(s);
+    }
+    return Visit::Continue;
+}
+
+}  // namespace
+
+bool KaRingSearch(const KaSearchGrid& grid, const KaEstGridSearcherParam& p, KaSearchWorkspace& ws, double x,
+                  double y, KaNeighbours& result, bool stopAtCoincident)
+{
+    const KaSearchGridInfo& g = grid.Info();
+    if (grid.BucketCount() == 0 || !g.IsValid()) return false;
+    result.clear();
+
+    // A circle of moderate radius: r1 * r2 / sqrt(...) is the radius within a
+    // few ulps (outside this range r1 * r1 could overflow or underflow).
+    const bool circle = p.radius1 == p.radius2 && p.radius1 > 1e-100 && p.radius1 < 1e100;
+    const Context ctx{x, y, p.tolerance * p.tolerance, p.originalInvalidValue,
+                      p.radius1, p.radius2, p.ellipseAngle, p.sectorCount,
+                      p.maxFromEach, stopAtCoincident,
+                      circle, p.radius1 * p.radius1 * (1 - 2e-9), p.radius1 * p.radius1 * (1 + 3e-9),
+                      grid.SectorTable(p.sectorCount, p.ellipseAngle)};
+
+    // kept: the node cell is found by plain division, not by the formula that
+    // placed the samples
+    const double fx = std::trunc((x - g.xMin) / g.cellSize);
+    const double fy = std::trunc((y - g.yMin) / g.cellSize);
+    if (!std::isfinite(fx) || !std::isfinite(fy)) return false;
+    const int64_t cx = static_cast<int64_t>(std::clamp(fx, -1e15, 1e15));
+    const int64_t cy = static_cast<int64_t>(std::clamp(fy, -1e15, 1e15));
+    // Rings are square whatever the ellipse angle.
+    const double fkx = std::trunc(std::fabs(p.radius1 / g.cellSize + 1));
+    const double fky = std::trunc(std::fabs(p.radius2 / g.cellSize + 1));
+    const int64_t kx = static_cast<int64_t>(std::min(fkx, 1e15));
+    const int64_t ky = static_cast<int64_t>(std::min(fky, 1e15));
+
+    auto& sectors = ws.sectors;
+    sectors.resize(static_cast<std::size_t>(std::max(p.sectorCount, 0)));
+    for (auto& s : sectors) s.clear();
+
+    const int64_t cols = g.columnCount, rows = g.rowCount;
+    int64_t prev[4] = {-1, -1, -1, -1};
+    std::size_t prevTotal = 0;
+    // An edge "from a up to b - 1" with b <= a is empty.
+    auto row = [&](int64_t r, int64_t c0, int64_t c1) {
+        if (c1 <= c0) return false;
+        return VisitSamples(grid.RowRun(r, c0, c1), ctx, sectors, result) == Visit::Finished;
+    };
+    auto column = [&](int64_t c, int64_t r0, int64_t r1) {
+        if (r1 <= r0) return false;
+        return VisitSamples(grid.ColumnRun(c, r0, r1), ctx, sectors, result) == Visit::Finished;
+    };
+    for (int64_t k = 0; k < kx || k < ky; ++k) {
+        // kept: the clamp applies to every ring, so past an edge of the search
+        // grid the edge row or column is visited again on each further ring
+        int64_t c0 = std::max<int64_t>(cx - k, 0), c1 = std::min<int64_t>(cx + k, cols - 1);
+        int64_t r0 = std::max<int64_t>(cy - k, 0), r1 = std::min<int64_t>(cy + k, rows - 1);
+        const int64_t rect[4] = {c0, c1, r0, r1};
+        if (c0 == c1 && r0 == r1) {
+            if (0 <= c0 && c0 < cols && 0 <= r0 && r0 < rows && row(r0, c0, c0 + 1)) return true;
+        } else {
+            if (c0 == c1 && c1 == 0) c1 = 1;
+            if (r0 == r1 && r1 == 0) r1 = 1;
+            const bool rowEdges = 0 <= c0 && c0 < cols - 1 && 0 < c1 && c1 <= cols - 1;
+            const bool colEdges = 0 <= r0 && r0 < rows - 1 && 0 < r1 && r1 <= rows - 1;
+            // kept: the corner cells (r0, c1) and (r1, c1) are never visited
+            if (rowEdges) {
+                if (r0 < rows && row(r0, c0, c1)) return true;
+                if (r1 >= 0 && row(r1, c0, c1)) return true;
+            }
+            if (colEdges) {
+                if (c0 < cols && column(c0, r0 + 1, r1)) return true;
+                if (c1 >= 0 && column(c1, r0 + 1, r1)) return true;
+            }
+        }
+        std::size_t total = 0;
+        int64_t empty = 0;
+        for (const auto& s : sectors) {
+            total += s.size();
+            empty += s.empty() ? 1 : 0;
+        }
+        if (static_cast<int64_t>(total) >= p.maxFromAll ||
+            (empty < p.blankSectors && static_cast<int64_t>(total) >= p.minInAll))
+            break;
+        // Once the ring is clamped on every side it repeats the previous one; if
+        // that added nothing, no further ring can change the result.
+        if (std::equal(rect, rect + 4, prev) && total == prevTotal) break;
+        std::copy(rect, rect + 4, prev);
+        prevTotal = total;
+    }
+    for (const auto& s : sectors) result.insert(result.end(), s.begin(), s.end());
+    return static_cast<int64_t>(result.size()) >= p.minInAll;
+}
