@@ -25,18 +25,18 @@ std::string Format(const char* fmt, auto... args)
     return buf;
 }
 
-// Buckets per stored sample or node up to which the rank bitmap is used: it
-// costs 1.5 bits per bucket and each structure, so at most 24 bytes per
-// sample or node, and answers in constant time.
-constexpr double kBitmapBucketsPerItem = 64;
+// Buckets per sample or node up to which every bucket gets an offset: about
+// 2 bytes a bucket in each of the two structures, so at most about 32 bytes
+// per sample or node.
+constexpr double kDenseBucketsPerItem = 8;
 
 }  // namespace
 
 void KaBucketLines::Build(const std::vector<Ka3DPoint>& points, const std::vector<int32_t>& line,
-                          const std::vector<int32_t>& pos, int64_t lineCount, int64_t lineLength, bool bitmap)
+                          const std::vector<int32_t>& pos, int64_t lineCount, int64_t lineLength, bool dense)
 {
     lineLength_ = lineLength;
-    bitmap_ = bitmap;
+    dense_ = false;
     const std::size_t n = points.size();
     // Counting sort by line (stable), then by position within each line
     // (stable): bucket order, and sample order inside a bucket.
@@ -68,32 +68,80 @@ void KaBucketLines::Build(const std::vector<Ka3DPoint>& points, const std::vecto
     }
     const std::size_t cells = cellStart_.size();
     cellStart_.push_back(static_cast<uint32_t>(n));
+    lines_.clear();
+    linesCell_.clear();
+    for (std::size_t c = 0; c < cells; ++c)
+        if (c == 0 || cellLine[c] != cellLine[c - 1]) {
+            lines_.push_back(static_cast<int32_t>(cellLine[c]));
+            linesCell_.push_back(static_cast<uint32_t>(c));
+        }
+    linesCell_.push_back(static_cast<uint32_t>(cells));
 
-    if (bitmap) {
-        const uint64_t keys = static_cast<uint64_t>(lineCount) * static_cast<uint64_t>(lineLength);
-        bits_.assign(keys / 64 + 1, 0);
-        for (std::size_t c = 0; c < cells; ++c) {
-            const uint64_t key = static_cast<uint64_t>(cellLine[c]) * lineLength + cellPos_[c];
-            bits_[key >> 6] |= uint64_t{1} << (key & 63);
+    lineStart_.assign(static_cast<std::size_t>(lineCount) + 1, 0);
+    for (std::size_t c = 0; c < cells; ++c) ++lineStart_[cellLine[c] + 1];
+    std::partial_sum(lineStart_.begin(), lineStart_.end(), lineStart_.begin());
+    if (dense) BuildDense(cellLine, lineCount);
+}
+
+void KaBucketLines::BuildDense(const std::vector<uint32_t>& cellLine, int64_t lineCount)
+{
+    const uint64_t keys = static_cast<uint64_t>(lineCount) * static_cast<uint64_t>(lineLength_);
+    std::vector<uint32_t> base(keys / 64 + 1);
+    std::vector<uint16_t> local(keys + 1);
+    std::size_t cell = 0;
+    const std::size_t cells = cellPos_.size();
+    uint32_t before = 0;
+    for (uint64_t key = 0; key <= keys; ++key) {
+        if ((key & 63) == 0) base[key >> 6] = before;
+        const uint32_t offset = before - base[key >> 6];
+        if (offset > 0xffff) return;  // a crowded block: the cell list serves instead
+        local[key] = static_cast<uint16_t>(offset);
+        if (cell < cells && static_cast<uint64_t>(cellLine[cell]) * lineLength_ + cellPos_[cell] == key) {
+            before = cellStart_[cell + 1];
+            ++cell;
         }
-        wordRank_.resize(bits_.size());
-        uint32_t rank = 0;
-        for (std::size_t w = 0; w < bits_.size(); ++w) {
-            wordRank_[w] = rank;
-            rank += static_cast<uint32_t>(std::popcount(bits_[w]));
-        }
-        std::vector<int32_t>().swap(cellPos_);
-    } else {
-        lineStart_.assign(static_cast<std::size_t>(lineCount) + 1, 0);
-        for (std::size_t c = 0; c < cells; ++c) ++lineStart_[cellLine[c] + 1];
-        std::partial_sum(lineStart_.begin(), lineStart_.end(), lineStart_.begin());
     }
+    blockBase_ = std::move(base);
+    local_ = std::move(local);
+    dense_ = true;
 }
 
 std::size_t KaBucketLines::MemoryBytes() const
 {
-    return bits_.capacity() * 8 + wordRank_.capacity() * 4 + lineStart_.capacity() * 4 + cellPos_.capacity() * 4 +
-           cellStart_.capacity() * 4 + samples_.capacity() * sizeof(Ka3DPoint);
+    return blockBase_.capacity() * 4 + local_.capacity() * 2 + lineStart_.capacity() * 4 + cellPos_.capacity() * 4 +
+           lines_.capacity() * 4 + linesCell_.capacity() * 4 + cellStart_.capacity() * 4 +
+           samples_.capacity() * sizeof(Ka3DPoint);
+}
+
+int64_t KaBucketLines::NextDistance(int64_t line, int64_t pos, int64_t k, int64_t limit, int budget) const
+{
+    int64_t best = limit;
+    // Lines outward from `line`, both ways, while they can still beat `best`.
+    const auto mid = std::lower_bound(lines_.begin(), lines_.end(), line);
+    auto consider = [&](std::size_t li) {
+        const int64_t dl = std::abs(static_cast<int64_t>(lines_[li]) - line);
+        const int32_t* b = cellPos_.data() + linesCell_[li];
+        const int32_t* e = cellPos_.data() + linesCell_[li + 1];
+        if (dl > k) {  // every cell of the line is beyond ring k: the nearest one to pos
+            const int32_t* at = std::lower_bound(b, e, pos);
+            if (at != e) best = std::min(best, std::max(dl, *at - pos));
+            if (at != b) best = std::min(best, std::max(dl, pos - at[-1]));
+        } else {  // only cells more than k away along the line count
+            const int32_t* right = std::lower_bound(b, e, pos + k + 1);
+            if (right != e) best = std::min(best, *right - pos);
+            const int32_t* left = std::lower_bound(b, e, pos - k);
+            if (left != b) best = std::min(best, pos - left[-1]);
+        }
+    };
+    for (auto it = mid; it != lines_.end() && *it - line < best; ++it) {
+        if (--budget < 0) return -1;
+        consider(static_cast<std::size_t>(it - lines_.begin()));
+    }
+    for (auto it = mid; it != lines_.begin() && line - it[-1] < best; --it) {
+        if (--budget < 0) return -1;
+        consider(static_cast<std::size_t>(it - 1 - lines_.begin()));
+    }
+    return best;
 }
 
 std::shared_ptr<const KaSearchGrid> KaSearchGrid::Build(const KaEstGridSearcherParam& p, const KaSampleList& samples)
@@ -150,9 +198,9 @@ std::shared_ptr<const KaSearchGrid> KaSearchGrid::Build(const KaEstGridSearcherP
     auto grid = std::make_shared<KaSearchGrid>();
     grid->info_ = g;
     const double items = static_cast<double>(n) + static_cast<double>(p.columnCount) * static_cast<double>(p.rowCount);
-    const bool bitmap = cols * rows <= kBitmapBucketsPerItem * (items + 1024);
-    grid->byRow_.Build(points, row, col, g.rowCount, g.columnCount, bitmap);
-    grid->byColumn_.Build(points, col, row, g.columnCount, g.rowCount, bitmap);
+    const bool dense = cols * rows <= kDenseBucketsPerItem * (items + 1024);
+    grid->byRow_.Build(points, row, col, g.rowCount, g.columnCount, dense);
+    grid->byColumn_.Build(points, col, row, g.columnCount, g.rowCount, dense);
     grid->tableSectors_ = p.sectorCount;
     grid->tableAngle_ = p.ellipseAngle;
     grid->tableReady_ = grid->table_.Prepare(p.sectorCount, p.ellipseAngle);
@@ -177,54 +225,79 @@ struct Context {
 
 enum class Visit { Continue, Finished };
 
+enum class Test { Reject, Accept, Coincident };
+
+// The full test of one sample, for what the shortcuts of VisitSamples leave:
+// samples on the node, near the rim of a circle, on an ellipse, or near a
+// sector boundary.
+[[gnu::noinline]] Test FullTest(const Ka3DPoint& s, double dx, double dy, double dist2, const Context& ctx,
+                                int64_t& sector)
+{
+    if (dist2 <= ctx.tol2) {
+        if (ctx.stopAtCoincident) return Test::Coincident;
+        sector = 0;
+        if (ctx.sectorCount < 1)  // only without search validation
+            throw KaSearchError(Format("sector index out of range (0 of %d sectors) for the sample at "
+                                       "(%.17g, %.17g) on the node; sectorCount must be at least 1",
+                                       ctx.sectorCount, s.x, s.y));
+        return Test::Accept;
+    }
+    sector = -1;
+    if (ctx.circle) {
+        // The ellipse radius of a circle is its radius to a few ulps: only
+        // samples right at the rim need the exact test.
+        if (dist2 > ctx.rimOut2) return Test::Reject;
+        if (dist2 < ctx.rimIn2 && dist2 > 1e-200 && ctx.table) sector = ctx.table->Lookup(dx, dist2, dy < 0);
+        if (sector >= 0) return Test::Accept;
+    }
+    const double dist = std::sqrt(dist2);
+    double theta;
+    const double idx = KaSectorIndex(dx, dy, dist, ctx.sectorCount, ctx.ellipseAngle, &theta);
+    // kept: sin and cos take the angle in degrees as if it were radians
+    const double sn = std::sin(theta), cs = std::cos(theta);
+    const double r = ctx.radius1 * ctx.radius2 /
+                     std::sqrt(sn * sn * (ctx.radius1 * ctx.radius1) + cs * cs * (ctx.radius2 * ctx.radius2));
+    if (r <= dist) return Test::Reject;
+    if (!(idx > -1.0 && idx < ctx.sectorCount))
+        throw KaSearchError(Format(
+            "sector index out of range (%.17g of %d sectors) for the sample at "
+            "(%.17g, %.17g), angle %.17g degrees from the node at (%.17g, %.17g); "
+            "adjust the grid bounds or the ellipse angle",
+            std::trunc(idx), ctx.sectorCount, s.x, s.y, theta, ctx.x, ctx.y));
+    sector = static_cast<int64_t>(idx);  // idx in (-1, sectorCount): 0 .. sectorCount - 1
+    return Test::Accept;
+}
+
 // Offers samples to the sector lists in order; Finished on a coincident sample
-// when the search stops there.
+// when the search stops there. The common case of a circle, a sample well
+// inside it and away from the node and from sector boundaries, is decided
+// here with the values held in registers; everything else goes to FullTest.
 Visit VisitSamples(std::span<const Ka3DPoint> run, const Context& ctx, std::vector<std::vector<Ka3DPoint>>& sectors,
                    KaNeighbours& result)
 {
+    const double nx = ctx.x, ny = ctx.y, invalid = ctx.invalid, tol2 = ctx.tol2;
+    const double lo2 = std::max(tol2, 1e-200), hi2 = ctx.rimIn2;
+    // Beyond the rim of a circle and off the node: rejected without more ado.
+    const double out2 = ctx.circle ? std::max(tol2, ctx.rimOut2) : std::numeric_limits<double>::infinity();
+    const KaSectorTable* table = ctx.circle ? ctx.table : nullptr;
+    const std::size_t cap = static_cast<std::size_t>(std::max<int64_t>(ctx.maxFromEach, 0));
     for (const Ka3DPoint& s : run) {
-        if (std::fabs(s.z - ctx.invalid) < 1e-20) continue;
-        const double dx = s.x - ctx.x, dy = s.y - ctx.y;
+        if (std::fabs(s.z - invalid) < 1e-20) continue;
+        const double dx = s.x - nx, dy = s.y - ny;
         const double dist2 = dx * dx + dy * dy;  // (x - sx)^2 + (y - sy)^2 to the last bit
-        int64_t sector;
-        if (dist2 <= ctx.tol2) {
-            if (ctx.stopAtCoincident) {
+        if (dist2 > out2) continue;
+        int64_t sector = -1;
+        if (table && dist2 > lo2 && dist2 < hi2) sector = table->Lookup(dx, dist2, dy < 0);
+        if (sector < 0) {
+            const Test t = FullTest(s, dx, dy, dist2, ctx, sector);
+            if (t == Test::Reject) continue;
+            if (t == Test::Coincident) {
                 result.assign(1, s);
                 return Visit::Finished;
             }
-            sector = 0;
-            if (ctx.sectorCount < 1)  // only without search validation
-                throw KaSearchError(Format("sector index out of range (0 of %d sectors) for the sample at "
-                                           "(%.17g, %.17g) on the node; sectorCount must be at least 1",
-                                           ctx.sectorCount, s.x, s.y));
-        } else {
-            sector = -1;
-            if (ctx.circle) {
-                // The ellipse radius of a circle is its radius to a few ulps:
-                // only samples right at the rim need the exact test.
-                if (dist2 > ctx.rimOut2) continue;
-                if (dist2 < ctx.rimIn2 && dist2 > 1e-200 && ctx.table) sector = ctx.table->Lookup(dx, dist2, dy < 0);
-            }
-            if (sector < 0) {
-                const double dist = std::sqrt(dist2);
-                double theta;
-                const double idx = KaSectorIndex(dx, dy, dist, ctx.sectorCount, ctx.ellipseAngle, &theta);
-                // kept: sin and cos take the angle in degrees as if it were radians
-                const double sn = std::sin(theta), cs = std::cos(theta);
-                const double r = ctx.radius1 * ctx.radius2 /
-                                 std::sqrt(sn * sn * (ctx.radius1 * ctx.radius1) + cs * cs * (ctx.radius2 * ctx.radius2));
-                if (r <= dist) continue;
-                if (!(idx > -1.0 && idx < ctx.sectorCount))
-                    throw KaSearchError(Format(
-                        "sector index out of range (%.17g of %d sectors) for the sample at "
-                        "(%.17g, %.17g), angle %.17g degrees from the node at (%.17g, %.17g); "
-                        "adjust the grid bounds or the ellipse angle",
-                        std::trunc(idx), ctx.sectorCount, s.x, s.y, theta, ctx.x, ctx.y));
-                sector = static_cast<int64_t>(idx);  // idx in (-1, sectorCount): 0 .. sectorCount - 1
-            }
         }
         std::vector<Ka3DPoint>& list = sectors[sector];
-        if (static_cast<int64_t>(list.size()) < ctx.maxFromEach) list.push_back(s);
+        if (list.size() < cap) list.push_back(s);
     }
     return Visit::Continue;
 }
@@ -267,16 +340,25 @@ bool KaRingSearch(const KaSearchGrid& grid, const KaEstGridSearcherParam& p, KaS
     const int64_t cols = g.columnCount, rows = g.rowCount;
     int64_t prev[4] = {-1, -1, -1, -1};
     std::size_t prevTotal = 0;
+    // The first ring clamped on some side; before it, ring k visits exactly
+    // the cells at Chebyshev distance k from the node's cell.
+    const int64_t firstClamped = std::min({cx + 1, cols - cx, cy + 1, rows - cy});
+    std::size_t offered = 0;  // samples the current ring offered
     // An edge "from a up to b - 1" with b <= a is empty.
     auto row = [&](int64_t r, int64_t c0, int64_t c1) {
         if (c1 <= c0) return false;
-        return VisitSamples(grid.RowRun(r, c0, c1), ctx, sectors, result) == Visit::Finished;
+        const auto run = grid.RowRun(r, c0, c1);
+        offered += run.size();
+        return VisitSamples(run, ctx, sectors, result) == Visit::Finished;
     };
     auto column = [&](int64_t c, int64_t r0, int64_t r1) {
         if (r1 <= r0) return false;
-        return VisitSamples(grid.ColumnRun(c, r0, r1), ctx, sectors, result) == Visit::Finished;
+        const auto run = grid.ColumnRun(c, r0, r1);
+        offered += run.size();
+        return VisitSamples(run, ctx, sectors, result) == Visit::Finished;
     };
     for (int64_t k = 0; k < kx || k < ky; ++k) {
+        offered = 0;
         // kept: the clamp applies to every ring, so past an edge of the search
         // grid the edge row or column is visited again on each further ring
         int64_t c0 = std::max<int64_t>(cx - k, 0), c1 = std::min<int64_t>(cx + k, cols - 1);
@@ -313,7 +395,17 @@ bool KaRingSearch(const KaSearchGrid& grid, const KaEstGridSearcherParam& p, KaS
         if (std::equal(rect, rect + 4, prev) && total == prevTotal) break;
         std::copy(rect, rect + 4, prev);
         prevTotal = total;
+        // After an empty ring, jump over the rings that cannot offer anything:
+        // unclamped rings up to the next cell that holds samples. They would
+        // leave the sector lists, and so every decision, as they are.
+        if (offered == 0 && k + 2 < firstClamped) {
+            const int64_t next = grid.NextOccupiedRing(cx, cy, k, firstClamped, 32);
+            if (next > k + 1) k = next - 1;
+        }
     }
-    for (const auto& s : sectors) result.insert(result.end(), s.begin(), s.end());
+    if (sectors.size() == 1)
+        result.swap(sectors[0]);  // the same list without a copy; the workspace keeps the other buffer
+    else
+        for (const auto& s : sectors) result.insert(result.end(), s.begin(), s.end());
     return static_cast<int64_t>(result.size()) >= p.minInAll;
 }

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <bit>
 #include <cstdint>
 #include <memory>
 #include <span>
@@ -39,32 +38,43 @@ struct KaSearchGridInfo {
 
 // The samples of a bucket grid, line by line (rows, or columns), so that any
 // run of cells along one line is one contiguous run of samples, bucket order
-// and sample order kept. Only buckets that hold samples are stored: a rank
-// bitmap over all buckets (1.5 bits each) when the grid is small next to the
-// data, otherwise a sorted list of the occupied cells of every line.
+// and sample order kept. When the grid is small next to the data, every
+// bucket gets its first sample's index as a 16-bit offset from a 32-bit base
+// per 64 buckets (a little over 2 bytes a bucket, two loads a lookup);
+// otherwise only the buckets holding samples are stored, as a sorted list of
+// the occupied cells of every line.
 class KaBucketLines {
 public:
-    // key[i] = (line, position) of sample i; both within the counts.
+    // Sample i lies in cell (line[i], pos[i]); both within the counts.
     void Build(const std::vector<Ka3DPoint>& points, const std::vector<int32_t>& line,
-               const std::vector<int32_t>& pos, int64_t lineCount, int64_t lineLength, bool bitmap);
+               const std::vector<int32_t>& pos, int64_t lineCount, int64_t lineLength, bool dense);
 
     // Samples of cells [p0, p1) of one line; p0 <= p1 <= lineLength.
     std::span<const Ka3DPoint> Run(int64_t line, int64_t p0, int64_t p1) const
     {
+        if (dense_) {
+            const uint64_t k = static_cast<uint64_t>(line) * static_cast<uint64_t>(lineLength_);
+            return {samples_.data() + DenseStart(k + p0), samples_.data() + DenseStart(k + p1)};
+        }
         const uint32_t a = cellStart_[CellRank(line, p0)], b = cellStart_[CellRank(line, p1)];
         return {samples_.data() + a, samples_.data() + b};
     }
     std::size_t MemoryBytes() const;
 
+    // The smallest Chebyshev distance above k from cell (line, pos) to a cell
+    // holding samples, when below `limit`; `limit` when there is none below it.
+    // -1 when answering would mean looking at more than `budget` lines.
+    int64_t NextDistance(int64_t line, int64_t pos, int64_t k, int64_t limit, int budget) const;
+
 private:
+    // Gives every cell its offset; leaves the grid on the cell list when a
+    // block of 64 cells holds 65536 samples or more.
+    void BuildDense(const std::vector<uint32_t>& cellLine, int64_t lineCount);
+    // Samples before cell `key` (line * lineLength + pos).
+    uint32_t DenseStart(uint64_t key) const { return blockBase_[key >> 6] + local_[key]; }
     // Occupied cells before (line, pos) in line-major order.
     uint32_t CellRank(int64_t line, int64_t pos) const
     {
-        if (bitmap_) {
-            const uint64_t key = static_cast<uint64_t>(line) * static_cast<uint64_t>(lineLength_) + pos;
-            const uint64_t word = bits_[key >> 6] & ((uint64_t{1} << (key & 63)) - 1);
-            return wordRank_[key >> 6] + static_cast<uint32_t>(std::popcount(word));
-        }
         const uint32_t b = lineStart_[line], e = lineStart_[line + 1];
         if (b == e) return b;  // an empty line: the common case of a sparse grid
         const int32_t* first = cellPos_.data() + b;
@@ -82,11 +92,13 @@ private:
     }
 
     int64_t lineLength_ = 0;
-    bool bitmap_ = false;
-    std::vector<uint64_t> bits_;       // bitmap: one bit per cell, line-major
-    std::vector<uint32_t> wordRank_;   // bitmap: occupied cells before each word
+    bool dense_ = false;
+    std::vector<uint32_t> blockBase_;  // dense: samples before each block of 64 cells
+    std::vector<uint16_t> local_;      // dense: samples before each cell within its block
     std::vector<uint32_t> lineStart_;  // list: the line's first occupied cell
-    std::vector<int32_t> cellPos_;     // list: position of each occupied cell
+    std::vector<int32_t> cellPos_;     // position of each occupied cell
+    std::vector<int32_t> lines_;       // the lines that hold samples, ascending
+    std::vector<uint32_t> linesCell_;  // their first occupied cell, and the end
     std::vector<uint32_t> cellStart_;  // first sample of each occupied cell, and the end
     std::vector<Ka3DPoint> samples_;
 };
@@ -122,6 +134,11 @@ public:
     }
     // Bytes held, for the memory checks of the tests.
     std::size_t MemoryBytes() const { return byRow_.MemoryBytes() + byColumn_.MemoryBytes(); }
+    // See KaBucketLines::NextDistance; (cx, cy) is the node's cell.
+    int64_t NextOccupiedRing(int64_t cx, int64_t cy, int64_t k, int64_t limit, int budget) const
+    {
+        return byRow_.NextDistance(cy, cx, k, limit, budget);
+    }
 
 private:
     KaSearchGridInfo info_;
