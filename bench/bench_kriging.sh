@@ -44,15 +44,22 @@ common=(--set xMin=0.0025 --set xMax=0.9975 --set yMin=0.0025 --set yMax=0.9975
 # run NAME COMMAND...: wall seconds of the whole command into $work/NAME.t
 run() {
   local name=$1; shift
-  /usr/bin/time -f "%e" -o "$work/$name.t" "$@" > "$work/$name.out" 2> "$work/$name.err" ||
+  /usr/bin/time -f "%e %M" -o "$work/$name.t" "$@" > "$work/$name.out" 2> "$work/$name.err" ||
     { cat "$work/$name.err"; exit 1; }
 }
 
-run kagrid_krig "$kagrid" kriging "$work/points.csv" "$work/k_krig.asc" "${common[@]}" \
-  --set krigType=Ordinary \
-  --set 'variogram={"components": [{"model": "Linear", "sill": 1, "range": 1}]}'
-run kagrid_rbf "$kagrid" radial-basis "$work/points.csv" "$work/k_rbf.asc" "${common[@]}" \
-  --set basisFunction=0 --set r2Parameter=1
+for th in 1 2; do
+  run kagrid_krig$th "$kagrid" kriging "$work/points.csv" "$work/k_krig$th.asc" "${common[@]}" --threads $th \
+    --set krigType=Ordinary \
+    --set 'variogram={"components": [{"model": "Linear", "sill": 1, "range": 1}]}'
+  run kagrid_rbf$th "$kagrid" radial-basis "$work/points.csv" "$work/k_rbf$th.asc" "${common[@]}" --threads $th \
+    --set basisFunction=0 --set r2Parameter=1
+done
+for m in krig rbf; do
+  cmp -s "$work/k_${m}1.asc" "$work/k_${m}2.asc" || { echo "kagrid $m: 1 and 2 threads differ"; exit 1; }
+  cp "$work/k_${m}2.asc" "$work/k_$m.asc"
+  cp "$work/kagrid_${m}2.t" "$work/kagrid_$m.t"
+done
 
 cat > "$work/gstat.R" <<'R'
 suppressPackageStartupMessages({ library(sp); library(gstat) })
@@ -104,14 +111,21 @@ print(f"median |diff| {np.median(d):.2e}, 99th percentile {np.percentile(d, 99):
       f"z range {np.nanmin(peer):.2f} .. {np.nanmax(peer):.2f}")
 PY
 
-t() { cat "$work/$1.t"; }
+t() { cut -d' ' -f1 "$work/$1.t"; }
+mem() { echo "$(cut -d' ' -f2 "$work/$1.t") / 1024" | bc -l; }
 inner() { tr -d ' \n' < "$work/$1.inner"; }
-echo "10 000 points -> 200 x 200 nodes, single-threaded (ratio = peer time / kagrid time)"
-printf "%-40s %8.2f s\n" "kagrid kriging (whole run)" "$(t kagrid_krig)"
-printf "%-40s %8.2f s   (whole run %.2f s)\n" "R gstat krige nmax=32 (call only)" "$(inner gstat)" "$(t gstat)"
+echo "10 000 points -> 200 x 200 nodes; kagrid with 2 threads, the peers single-threaded (they have no"
+echo "thread setting); ratio = peer time / kagrid time"
+printf "%-40s %8.2f s %7.1f MiB; 1 thread %.2f s %.1f MiB: %.2fx from 1 to 2\n" "kagrid kriging (whole run)" \
+  "$(t kagrid_krig2)" "$(mem kagrid_krig2)" "$(t kagrid_krig1)" "$(mem kagrid_krig1)" \
+  "$(echo "$(t kagrid_krig1) / $(t kagrid_krig2)" | bc -l)"
+printf "%-40s %8.2f s   (whole run %.2f s, %.1f MiB)\n" "R gstat krige nmax=32 (call only)" "$(inner gstat)" \
+  "$(t gstat)" "$(mem gstat)"
 printf "%-40s %8.1fx\n" "ratio gstat / kagrid" "$(echo "$(inner gstat) / $(t kagrid_krig)" | bc -l)"
 printf "%-40s " "kriging agreement:"; $PY "$work/compare.py" "$work/k_krig.asc" "$work/g_krig.txt"
-printf "%-40s %8.2f s\n" "kagrid radial-basis (whole run)" "$(t kagrid_rbf)"
+printf "%-40s %8.2f s %7.1f MiB; 1 thread %.2f s %.1f MiB: %.2fx from 1 to 2\n" "kagrid radial-basis (whole run)" \
+  "$(t kagrid_rbf2)" "$(mem kagrid_rbf2)" "$(t kagrid_rbf1)" "$(mem kagrid_rbf1)" \
+  "$(echo "$(t kagrid_rbf1) / $(t kagrid_rbf2)" | bc -l)"
 printf "%-40s %8.2f s   (whole run %.2f s)\n" "SciPy RBFInterpolator k=32 (call only)" "$(inner scipy)" "$(t scipy_rbf)"
 printf "%-40s %8.1fx\n" "ratio SciPy / kagrid" "$(echo "$(inner scipy) / $(t kagrid_rbf)" | bc -l)"
 printf "%-40s " "radial basis agreement:"; $PY "$work/compare.py" "$work/k_rbf.asc" "$work/s_rbf.txt"

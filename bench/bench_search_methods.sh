@@ -1,8 +1,12 @@
 #!/usr/bin/env bash
 # Inverse distance, nearest neighbour and moving average on 100 000 random
 # points of the unit square to a 1000 x 1000 grid, side by side with gdal_grid
-# (single-threaded) and a SciPy KD-tree inverse distance on the same points and
-# node positions. Prints wall time and peak memory of each and the ratios.
+# and a SciPy KD-tree inverse distance on the same points and node positions;
+# nearest neighbour also from 1 000 000 points to 2000 x 2000 against a KD-tree
+# nearest. kagrid runs with 1 and with 2 threads; every peer that has threads
+# gets 2 (GDAL_NUM_THREADS, cKDTree workers). Prints wall time and peak memory
+# of each, the ratios (peer / kagrid with 2 threads) and kagrid's speed-up
+# from 1 to 2 threads. Timings on a shared machine are noisy.
 #
 # Node positions: kagrid's grid spans 0.0005 .. 0.9995 with 1000 nodes (spacing
 # 0.001); gdal_grid's -txe 0 1 -outsize 1000 puts its pixel centres there too.
@@ -24,6 +28,14 @@ x, y = rng.random(n), rng.random(n)
 z = np.sin(6 * x) * np.cos(4 * y) + 0.3 * x
 np.savetxt(sys.argv[1], np.column_stack([x, y, z]), delimiter=",", header="x,y,z", comments="", fmt="%.9f")
 PY
+$PY - "$work/points1m.csv" <<'PY'
+import sys, numpy as np
+rng = np.random.default_rng(20261122)
+n = 1_000_000
+x, y = rng.random(n), rng.random(n)
+z = np.sin(6 * x) * np.cos(4 * y) + 0.3 * x
+np.savetxt(sys.argv[1], np.column_stack([x, y, z]), delimiter=",", header="x,y,z", comments="", fmt="%.9f")
+PY
 
 grid=(--set xMin=0.0005 --set xMax=0.9995 --set yMin=0.0005 --set yMax=0.9995
       --set columnCount=1000 --set rowCount=1000 --set tolerance=1e-9 -q)
@@ -41,24 +53,39 @@ run() {
   /usr/bin/time -f "%e %M" -o "$work/$name.t" "$@" > /dev/null 2> "$work/$name.err" ||
     { cat "$work/$name.err"; exit 1; }
 }
-report() {  # report LABEL OURS PEER
+mib() { echo "$1/1024" | bc -l; }
+report() {  # report LABEL OURS PEER: kagrid with 2 threads against the peer
   read -r t1 m1 < "$work/$2.t"; read -r t2 m2 < "$work/$3.t"
-  printf "%-34s %8.2f s %8.1f MiB | %-16s %8.2f s %8.1f MiB | speed %6.1fx  memory %5.2fx\n" \
-    "$1" "$t1" "$(echo "$m1/1024" | bc -l)" "$3" "$t2" "$(echo "$m2/1024" | bc -l)" \
-    "$(echo "$t2/$t1" | bc -l)" "$(echo "$m1/$m2" | bc -l)"
+  printf "%-30s %7.2f s %7.1f MiB | %-18s %7.2f s %7.1f MiB | speed %6.1fx  memory %5.2fx\n" \
+    "$1" "$t1" "$(mib "$m1")" "$3" "$t2" "$(mib "$m2")" "$(echo "$t2/$t1" | bc -l)" "$(echo "$m1/$m2" | bc -l)"
+}
+speedup() {  # speedup LABEL ONE TWO: kagrid from 1 to 2 threads
+  read -r t1 m1 < "$work/$2.t"; read -r t2 m2 < "$work/$3.t"
+  printf "%-30s 1 thread %7.2f s %7.1f MiB, 2 threads %7.2f s %7.1f MiB: %4.2fx\n" \
+    "$1" "$t1" "$(mib "$m1")" "$t2" "$(mib "$m2")" "$(echo "$t1/$t2" | bc -l)"
 }
 
-run kagrid_idw "$kagrid" inverse-distance "$work/points.csv" "$work/k_idw.tif" "${grid[@]}" \
-  --set power=2 --set sectorCount=1 --set blankSectors=1 --set minInAll=16 \
-  --set maxFromAll=16 --set maxFromEach=16 --set radius1=0.02 --set radius2=0.02
-run kagrid_near "$kagrid" nearest-neighbor "$work/points.csv" "$work/k_near.tif" "${grid[@]}" \
-  --set sectorCount=1 --set blankSectors=1 --set minInAll=1 --set radius1=0.02 --set radius2=0.02
-# The ring search stops once minInAll samples are in; 50 of the ~126 samples
-# a 0.02 circle holds keeps the work comparable with gdal_grid's full average.
-run kagrid_mean "$kagrid" moving-average "$work/points.csv" "$work/k_mean.tif" "${grid[@]}" \
-  --set sectorCount=1 --set blankSectors=1 --set minInAll=50 --set radius1=0.02 --set radius2=0.02
+for th in 1 2; do
+  run kagrid_idw_$th "$kagrid" inverse-distance "$work/points.csv" "$work/k_idw$th.tif" "${grid[@]}" --threads $th \
+    --set power=2 --set sectorCount=1 --set blankSectors=1 --set minInAll=16 \
+    --set maxFromAll=16 --set maxFromEach=16 --set radius1=0.02 --set radius2=0.02
+  run kagrid_near_$th "$kagrid" nearest-neighbor "$work/points.csv" "$work/k_near$th.tif" "${grid[@]}" --threads $th \
+    --set sectorCount=1 --set blankSectors=1 --set minInAll=1 --set radius1=0.02 --set radius2=0.02
+  # The ring search stops once minInAll samples are in; 50 of the ~126 samples
+  # a 0.02 circle holds keeps the work comparable with gdal_grid's full average.
+  run kagrid_mean_$th "$kagrid" moving-average "$work/points.csv" "$work/k_mean$th.tif" "${grid[@]}" --threads $th \
+    --set sectorCount=1 --set blankSectors=1 --set minInAll=50 --set radius1=0.02 --set radius2=0.02
+  # 1 000 000 points -> 2000 x 2000, the nearest of the samples within 0.004.
+  run kagrid_near1m_$th "$kagrid" nearest-neighbor "$work/points1m.csv" "$work/k_near1m$th.tif" -q --threads $th \
+    --set xMin=0.00025 --set xMax=0.99975 --set yMin=0.00025 --set yMax=0.99975 \
+    --set columnCount=2000 --set rowCount=2000 --set tolerance=1e-9 \
+    --set sectorCount=1 --set blankSectors=1 --set minInAll=1 --set radius1=0.004 --set radius2=0.004
+done
+for m in idw near mean near1m; do
+  cmp -s "$work/k_${m}1.tif" "$work/k_${m}2.tif" || { echo "kagrid $m: 1 and 2 threads differ"; exit 1; }
+done
 
-export GDAL_NUM_THREADS=1
+export GDAL_NUM_THREADS=2
 run gdal_invdistnn gdal_grid -a invdistnn:power=2:smoothing=0:radius=0.02:max_points=16:min_points=0:nodata=-9999 \
   "${gdal[@]}" "$work/points.vrt" "$work/g_idw.tif"
 run gdal_nearest gdal_grid -a nearest:radius1=0.02:radius2=0.02:nodata=-9999 \
@@ -74,7 +101,7 @@ tree = cKDTree(pts[:, :2])
 g = 0.0005 + 0.001 * np.arange(1000)
 gx, gy = np.meshgrid(g, g)
 q = np.column_stack([gx.ravel(), gy.ravel()])
-d, i = tree.query(q, k=16, distance_upper_bound=0.02)
+d, i = tree.query(q, k=16, distance_upper_bound=0.02, workers=2)
 ok = np.isfinite(d)
 w = np.where(ok, 1.0 / np.maximum(d, 1e-12) ** 2, 0.0)
 zz = np.where(ok, pts[np.minimum(i, len(pts) - 1), 2], 0.0)
@@ -83,8 +110,31 @@ np.save(sys.argv[2], out.reshape(1000, 1000))
 PY
 run scipy_kdtree_idw $PY "$work/kdtree.py" "$work/points.csv" "$work/s_idw.npy"
 
-echo "100 000 points -> 1000 x 1000 nodes, single-threaded (ratio = peer time / kagrid time)"
-report "kagrid inverse-distance" kagrid_idw gdal_invdistnn
-report "kagrid inverse-distance" kagrid_idw scipy_kdtree_idw
-report "kagrid nearest-neighbor" kagrid_near gdal_nearest
-report "kagrid moving-average" kagrid_mean gdal_average
+cat > "$work/kdtree_nearest.py" <<'PY'
+import sys, numpy as np
+from scipy.spatial import cKDTree
+pts = np.loadtxt(sys.argv[1], delimiter=",", skiprows=1)
+tree = cKDTree(pts[:, :2])
+g = 0.00025 + 0.0005 * np.arange(2000)
+gx, gy = np.meshgrid(g, g)
+q = np.column_stack([gx.ravel(), gy.ravel()])
+d, i = tree.query(q, k=1, distance_upper_bound=0.004, workers=2)
+out = np.where(np.isfinite(d), pts[np.minimum(i, len(pts) - 1), 2], np.nan)
+np.save(sys.argv[2], out.reshape(2000, 2000))
+PY
+run scipy_kdtree_near1m $PY "$work/kdtree_nearest.py" "$work/points1m.csv" "$work/s_near1m.npy"
+
+echo "100 000 points -> 1000 x 1000 nodes; 1 000 000 -> 2000 x 2000 for near1m"
+echo "kagrid with 2 threads against peers with 2 threads (ratio = peer time / kagrid time):"
+report "kagrid inverse-distance" kagrid_idw_2 gdal_invdistnn
+report "kagrid inverse-distance" kagrid_idw_2 scipy_kdtree_idw
+report "kagrid nearest-neighbor" kagrid_near_2 gdal_nearest
+report "kagrid nearest-neighbor 1M" kagrid_near1m_2 scipy_kdtree_near1m
+report "kagrid moving-average" kagrid_mean_2 gdal_average
+echo "single-threaded kagrid (peers as above):"
+report "kagrid moving-average, 1 th." kagrid_mean_1 gdal_average
+echo "kagrid from 1 to 2 threads (the grids are identical):"
+speedup "inverse-distance" kagrid_idw_1 kagrid_idw_2
+speedup "nearest-neighbor" kagrid_near_1 kagrid_near_2
+speedup "nearest-neighbor 1M" kagrid_near1m_1 kagrid_near1m_2
+speedup "moving-average" kagrid_mean_1 kagrid_mean_2

@@ -74,20 +74,26 @@ ratio() {  # ratio LABEL SLOW FAST
     "$(echo "$(field "$2" wall) / $(field "$3" wall)" | bc -l)" "$(echo "$(field "$2" cpu) / $(field "$3" cpu)" | bc -l)"
 }
 
-echo "kagrid triangulation vs SciPy griddata(method='linear'), single-threaded, same points and nodes"
+echo "kagrid triangulation (2 threads; and 1) vs SciPy griddata(method='linear') (single-threaded, it has"
+echo "no thread setting), same points and nodes"
 for size in "p100k 1000" "p1m 2000"; do
   set -- $size
   name=$1 n=$2
   lo=$(echo "0.5 / $n" | bc -l) hi=$(echo "1 - 0.5 / $n" | bc -l)
   grid=(--set xMin=$lo --set xMax=$hi --set yMin=$lo --set yMax=$hi --set columnCount=$n --set rowCount=$n)
+  run "${name}_kagrid1" "$KAGRID" triangulation "$work/$name.csv" "$work/${name}_tri1.tif" "${grid[@]}" \
+    --set createDelaunayObject=false -q --threads 1
   run "${name}_kagrid" "$KAGRID" triangulation "$work/$name.csv" "$work/${name}_tri.tif" "${grid[@]}" \
-    --set createDelaunayObject=false -q
+    --set createDelaunayObject=false -q --threads 2
+  cmp -s "$work/${name}_tri1.tif" "$work/${name}_tri.tif" || { echo "1 and 2 threads differ"; exit 1; }
   run "${name}_read" "$KAGRID" triangulation "$work/$name.csv" "$work/${name}_tri.tif" "${grid[@]}" --print-params
   run "${name}_scipy" $PY "$work/griddata.py" "$work/$name.csv" "$n" "$work/${name}_scipy.npy" "$work/${name}_scipy.split"
   read -r sread sgrid < "$work/${name}_scipy.split"
   echo
   echo "$(($(wc -l < "$work/$name.csv") - 1)) points -> $n x $n nodes"
-  line "kagrid triangulation (end to end)" "${name}_kagrid"
+  line "kagrid triangulation, 1 thread" "${name}_kagrid1"
+  line "kagrid triangulation, 2 threads (end to end)" "${name}_kagrid"
+  ratio "speed-up from 1 to 2 threads" "${name}_kagrid1" "${name}_kagrid"
   printf "  %-44s %7.2f s wall %7.2f s cpu\n" "  of which reading the CSV (--print-params)" \
     "$(field "${name}_read" wall)" "$(field "${name}_read" cpu)"
   printf "  %-44s %7.2f s wall %7.2f s cpu\n" "  of which the job and writing the GeoTIFF" \

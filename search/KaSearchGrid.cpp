@@ -221,6 +221,11 @@ struct Context {
     bool circle;
     double rimIn2, rimOut2;  // squared radius less and more a margin
     const KaSectorTable* table;
+    // Derived once per search for the loop of VisitSamples.
+    double lo2;                    // above this, a sample is off the node (and not at it)
+    double out2;                   // above this, outside a circle and off the node
+    const KaSectorTable* lookup;   // the table when the shortcut applies (a circle)
+    std::size_t cap;               // maxFromEach as a size
 };
 
 enum class Visit { Continue, Finished };
@@ -272,16 +277,16 @@ enum class Test { Reject, Accept, Coincident };
 // when the search stops there. The common case of a circle, a sample well
 // inside it and away from the node and from sector boundaries, is decided
 // here with the values held in registers; everything else goes to FullTest.
-Visit VisitSamples(std::span<const Ka3DPoint> run, const Context& ctx, std::vector<std::vector<Ka3DPoint>>& sectors,
-                   KaNeighbours& result)
+// The runs of one ring are taken in one call, in order.
+Visit VisitSamples(const std::span<const Ka3DPoint>* runs, int count, const Context& ctx,
+                   std::vector<std::vector<Ka3DPoint>>& sectors, KaNeighbours& result)
 {
-    const double nx = ctx.x, ny = ctx.y, invalid = ctx.invalid, tol2 = ctx.tol2;
-    const double lo2 = std::max(tol2, 1e-200), hi2 = ctx.rimIn2;
-    // Beyond the rim of a circle and off the node: rejected without more ado.
-    const double out2 = ctx.circle ? std::max(tol2, ctx.rimOut2) : std::numeric_limits<double>::infinity();
-    const KaSectorTable* table = ctx.circle ? ctx.table : nullptr;
-    const std::size_t cap = static_cast<std::size_t>(std::max<int64_t>(ctx.maxFromEach, 0));
-    for (const Ka3DPoint& s : run) {
+    const double nx = ctx.x, ny = ctx.y, invalid = ctx.invalid;
+    const double lo2 = ctx.lo2, hi2 = ctx.rimIn2, out2 = ctx.out2;
+    const KaSectorTable* table = ctx.lookup;
+    const std::size_t cap = ctx.cap;
+    for (int i = 0; i < count; ++i)
+    for (const Ka3DPoint& s : runs[i]) {
         if (std::fabs(s.z - invalid) < 1e-20) continue;
         const double dx = s.x - nx, dy = s.y - ny;
         const double dist2 = dx * dx + dy * dy;  // (x - sx)^2 + (y - sy)^2 to the last bit
@@ -314,11 +319,17 @@ bool KaRingSearch(const KaSearchGrid& grid, const KaEstGridSearcherParam& p, KaS
     // A circle of moderate radius: r1 * r2 / sqrt(...) is the radius within a
     // few ulps (outside this range r1 * r1 could overflow or underflow).
     const bool circle = p.radius1 == p.radius2 && p.radius1 > 1e-100 && p.radius1 < 1e100;
-    const Context ctx{x, y, p.tolerance * p.tolerance, p.originalInvalidValue,
+    Context ctx{x, y, p.tolerance * p.tolerance, p.originalInvalidValue,
                       p.radius1, p.radius2, p.ellipseAngle, p.sectorCount,
                       p.maxFromEach, stopAtCoincident,
                       circle, p.radius1 * p.radius1 * (1 - 2e-9), p.radius1 * p.radius1 * (1 + 3e-9),
-                      grid.SectorTable(p.sectorCount, p.ellipseAngle)};
+                      grid.SectorTable(p.sectorCount, p.ellipseAngle),
+                      0, 0, nullptr, 0};
+    ctx.lo2 = std::max(ctx.tol2, 1e-200);
+    // Beyond the rim of a circle and off the node: rejected without more ado.
+    ctx.out2 = circle ? std::max(ctx.tol2, ctx.rimOut2) : std::numeric_limits<double>::infinity();
+    ctx.lookup = circle ? ctx.table : nullptr;
+    ctx.cap = static_cast<std::size_t>(std::max<int64_t>(p.maxFromEach, 0));
 
     // kept: the node cell is found by plain division, not by the formula that
     // placed the samples
@@ -343,29 +354,32 @@ bool KaRingSearch(const KaSearchGrid& grid, const KaEstGridSearcherParam& p, KaS
     // The first ring clamped on some side; before it, ring k visits exactly
     // the cells at Chebyshev distance k from the node's cell.
     const int64_t firstClamped = std::min({cx + 1, cols - cx, cy + 1, rows - cy});
-    std::size_t offered = 0;  // samples the current ring offered
-    // An edge "from a up to b - 1" with b <= a is empty.
-    auto row = [&](int64_t r, int64_t c0, int64_t c1) {
-        if (c1 <= c0) return false;
-        const auto run = grid.RowRun(r, c0, c1);
+    // The runs of samples of one ring, in visiting order; an edge "from a up
+    // to b - 1" with b <= a is empty.
+    std::span<const Ka3DPoint> runs[4];
+    int runCount = 0;
+    std::size_t offered = 0;  // samples the current ring offers
+    auto add = [&](std::span<const Ka3DPoint> run) {
+        if (run.empty()) return;
+        runs[runCount++] = run;
         offered += run.size();
-        return VisitSamples(run, ctx, sectors, result) == Visit::Finished;
+    };
+    auto row = [&](int64_t r, int64_t c0, int64_t c1) {
+        if (c1 > c0) add(grid.RowRun(r, c0, c1));
     };
     auto column = [&](int64_t c, int64_t r0, int64_t r1) {
-        if (r1 <= r0) return false;
-        const auto run = grid.ColumnRun(c, r0, r1);
-        offered += run.size();
-        return VisitSamples(run, ctx, sectors, result) == Visit::Finished;
+        if (r1 > r0) add(grid.ColumnRun(c, r0, r1));
     };
     for (int64_t k = 0; k < kx || k < ky; ++k) {
         offered = 0;
+        runCount = 0;
         // kept: the clamp applies to every ring, so past an edge of the search
         // grid the edge row or column is visited again on each further ring
         int64_t c0 = std::max<int64_t>(cx - k, 0), c1 = std::min<int64_t>(cx + k, cols - 1);
         int64_t r0 = std::max<int64_t>(cy - k, 0), r1 = std::min<int64_t>(cy + k, rows - 1);
         const int64_t rect[4] = {c0, c1, r0, r1};
         if (c0 == c1 && r0 == r1) {
-            if (0 <= c0 && c0 < cols && 0 <= r0 && r0 < rows && row(r0, c0, c0 + 1)) return true;
+            if (0 <= c0 && c0 < cols && 0 <= r0 && r0 < rows) row(r0, c0, c0 + 1);
         } else {
             if (c0 == c1 && c1 == 0) c1 = 1;
             if (r0 == r1 && r1 == 0) r1 = 1;
@@ -373,14 +387,15 @@ bool KaRingSearch(const KaSearchGrid& grid, const KaEstGridSearcherParam& p, KaS
             const bool colEdges = 0 <= r0 && r0 < rows - 1 && 0 < r1 && r1 <= rows - 1;
             // kept: the corner cells (r0, c1) and (r1, c1) are never visited
             if (rowEdges) {
-                if (r0 < rows && row(r0, c0, c1)) return true;
-                if (r1 >= 0 && row(r1, c0, c1)) return true;
+                if (r0 < rows) row(r0, c0, c1);
+                if (r1 >= 0) row(r1, c0, c1);
             }
             if (colEdges) {
-                if (c0 < cols && column(c0, r0 + 1, r1)) return true;
-                if (c1 >= 0 && column(c1, r0 + 1, r1)) return true;
+                if (c0 < cols) column(c0, r0 + 1, r1);
+                if (c1 >= 0) column(c1, r0 + 1, r1);
             }
         }
+        if (runCount > 0 && VisitSamples(runs, runCount, ctx, sectors, result) == Visit::Finished) return true;
         std::size_t total = 0;
         int64_t empty = 0;
         for (const auto& s : sectors) {
