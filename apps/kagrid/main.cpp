@@ -353,6 +353,7 @@ int Run(const Options& o)
     if (const KaSampleList* used = job->GetSampleList(); used && estimator && estimator->GetParam())
         for (const std::string& w : ReviewSurface(*method, *estimator->GetParam(), *used, *surface))
             std::fprintf(stderr, "kagrid: warning: %s\n", w.c_str());
+    job.reset();  // the samples and the search grid are not needed for writing
 
     WriteSurface(*surface, o.output, how);
     note("wrote " + o.output);

@@ -24,6 +24,9 @@ void KaIoInit()
         // GDAL's own warnings would clutter kagrid's output; failures that
         // matter are caught per call and reported as KaIoError.
         CPLSetErrorHandler(CPLQuietErrorHandler);
+        // Rows are written once, in order: a large block cache would only keep
+        // a second copy of the grid in memory. The user's setting wins.
+        if (!CPLGetConfigOption("GDAL_CACHEMAX", nullptr)) CPLSetConfigOption("GDAL_CACHEMAX", "64");
     });
 }
 
