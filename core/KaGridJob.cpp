@@ -188,24 +188,25 @@ void KaGridJob::EstimateRowsInParallel(KaEstimatorGrid& first, std::vector<std::
     uint32_t failedRow = rows;
     std::exception_ptr failure;
 
-    auto work = [&](KaEstimatorGrid& e) {
-        for (;;) {
-            if (stop.load(std::memory_order_relaxed)) return;
-            const uint32_t r = next.fetch_add(1, std::memory_order_relaxed);
-            if (r >= rows) return;
-            try {
-                EstimateRow(e, p, r, cols, m.data + static_cast<std::size_t>(r) * cols, rowMin[r], rowMax[r]);
-            } catch (...) {
-                std::lock_guard<std::mutex> lock(failureLock);
-                if (r < failedRow) {
-                    failedRow = r;
-                    failure = std::current_exception();
-                }
-                stop.store(true, std::memory_order_relaxed);
-                return;
+    // Takes the next row and estimates it with `e`; false when no row is left
+    // or a node failed.
+    auto oneRow = [&](KaEstimatorGrid& e) {
+        if (stop.load(std::memory_order_relaxed)) return false;
+        const uint32_t r = next.fetch_add(1, std::memory_order_relaxed);
+        if (r >= rows) return false;
+        try {
+            EstimateRow(e, p, r, cols, m.data + static_cast<std::size_t>(r) * cols, rowMin[r], rowMax[r]);
+        } catch (...) {
+            std::lock_guard<std::mutex> lock(failureLock);
+            if (r < failedRow) {
+                failedRow = r;
+                failure = std::current_exception();
             }
-            done[r].store(true, std::memory_order_release);
+            stop.store(true, std::memory_order_relaxed);
+            return false;
         }
+        done[r].store(true, std::memory_order_release);
+        return true;
     };
 
     int lastPercent = -1;
@@ -218,26 +219,15 @@ void KaGridJob::EstimateRowsInParallel(KaEstimatorGrid& first, std::vector<std::
     {
         std::vector<std::jthread> pool;
         pool.reserve(copies.size());
-        for (auto& c : copies) pool.emplace_back([&work, e = c.get()] { work(*e); });
-        // This thread works too, and reports progress between its rows.
-        for (;;) {
-            announce(false);
-            if (stop.load(std::memory_order_relaxed)) break;
-            const uint32_t r = next.fetch_add(1, std::memory_order_relaxed);
-            if (r >= rows) break;
-            try {
-                EstimateRow(first, p, r, cols, m.data + static_cast<std::size_t>(r) * cols, rowMin[r], rowMax[r]);
-            } catch (...) {
-                std::lock_guard<std::mutex> lock(failureLock);
-                if (r < failedRow) {
-                    failedRow = r;
-                    failure = std::current_exception();
+        for (auto& c : copies)
+            pool.emplace_back([&oneRow, e = c.get()] {
+                while (oneRow(*e)) {
                 }
-                stop.store(true, std::memory_order_relaxed);
-                break;
-            }
-            done[r].store(true, std::memory_order_release);
-        }
+            });
+        // This thread works too, and reports progress between its rows.
+        do {
+            announce(false);
+        } while (oneRow(first));
     }  // joins
     announce(true);
     if (failure) std::rethrow_exception(failure);
