@@ -47,20 +47,21 @@ cat > "$work/points.vrt" <<VRT
 <Field name="z" type="Real"/></OGRVRTLayer></OGRVRTDataSource>
 VRT
 
-# run NAME COMMAND...: prints "seconds peak_kib" into $work/NAME.t
+# run NAME COMMAND...: prints "seconds peak_kib cpu_seconds" into $work/NAME.t
 run() {
   local name=$1; shift
-  /usr/bin/time -f "%e %M" -o "$work/$name.t" "$@" > /dev/null 2> "$work/$name.err" ||
+  /usr/bin/time -f "%e %M %U %S" -o "$work/$name.t" "$@" > /dev/null 2> "$work/$name.err" ||
     { cat "$work/$name.err"; exit 1; }
 }
 mib() { echo "$1/1024" | bc -l; }
 report() {  # report LABEL OURS PEER: kagrid with 2 threads against the peer
-  read -r t1 m1 < "$work/$2.t"; read -r t2 m2 < "$work/$3.t"
-  printf "%-30s %7.2f s %7.1f MiB | %-18s %7.2f s %7.1f MiB | speed %6.1fx  memory %5.2fx\n" \
-    "$1" "$t1" "$(mib "$m1")" "$3" "$t2" "$(mib "$m2")" "$(echo "$t2/$t1" | bc -l)" "$(echo "$m1/$m2" | bc -l)"
+  read -r t1 m1 u1 s1 < "$work/$2.t"; read -r t2 m2 u2 s2 < "$work/$3.t"
+  printf "%-30s %7.2f s %7.1f MiB | %-19s %7.2f s %7.1f MiB | speed %5.1fx (cpu %5.1fx) memory %4.2fx\n" \
+    "$1" "$t1" "$(mib "$m1")" "$3" "$t2" "$(mib "$m2")" "$(echo "$t2/$t1" | bc -l)" \
+    "$(echo "($u2 + $s2) / ($u1 + $s1)" | bc -l)" "$(echo "$m1/$m2" | bc -l)"
 }
 speedup() {  # speedup LABEL ONE TWO: kagrid from 1 to 2 threads
-  read -r t1 m1 < "$work/$2.t"; read -r t2 m2 < "$work/$3.t"
+  read -r t1 m1 _ < "$work/$2.t"; read -r t2 m2 _ < "$work/$3.t"
   printf "%-30s 1 thread %7.2f s %7.1f MiB, 2 threads %7.2f s %7.1f MiB: %4.2fx\n" \
     "$1" "$t1" "$(mib "$m1")" "$t2" "$(mib "$m2")" "$(echo "$t1/$t2" | bc -l)"
 }
@@ -125,7 +126,8 @@ PY
 run scipy_kdtree_near1m $PY "$work/kdtree_nearest.py" "$work/points1m.csv" "$work/s_near1m.npy"
 
 echo "100 000 points -> 1000 x 1000 nodes; 1 000 000 -> 2000 x 2000 for near1m"
-echo "kagrid with 2 threads against peers with 2 threads (ratio = peer time / kagrid time):"
+echo "kagrid with 2 threads against peers with 2 threads (ratio = peer time / kagrid time; cpu:"
+echo "the same for processor time, which a machine shared with other work disturbs less):"
 report "kagrid inverse-distance" kagrid_idw_2 gdal_invdistnn
 report "kagrid inverse-distance" kagrid_idw_2 scipy_kdtree_idw
 report "kagrid nearest-neighbor" kagrid_near_2 gdal_nearest

@@ -38,20 +38,33 @@ void KaBucketLines::Build(const std::vector<Ka3DPoint>& points, const std::vecto
     lineLength_ = lineLength;
     dense_ = false;
     const std::size_t n = points.size();
-    // Counting sort by line (stable), then by position within each line
-    // (stable): bucket order, and sample order inside a bucket.
-    std::vector<uint32_t> start(static_cast<std::size_t>(lineCount) + 1, 0);
-    for (std::size_t i = 0; i < n; ++i) ++start[line[i] + 1];
-    std::partial_sum(start.begin(), start.end(), start.begin());
+    // Samples by line, then by position, sample order kept within a cell.
+    // Counting sorts: by position and then by line when the lines are short
+    // enough to count, otherwise by line and then a sort within each line.
+    auto countingSort = [n](const std::vector<int32_t>& key, std::size_t keys, const std::vector<uint32_t>& in) {
+        std::vector<uint32_t> start(keys + 1, 0);
+        for (std::size_t i = 0; i < n; ++i) ++start[key[i] + 1];
+        std::partial_sum(start.begin(), start.end(), start.begin());
+        std::vector<uint32_t> out(n);
+        for (uint32_t i : in) out[start[key[i]]++] = i;
+        return out;
+    };
     std::vector<uint32_t> order(n);
-    {
-        std::vector<uint32_t> next(start.begin(), start.end() - 1);
-        for (std::size_t i = 0; i < n; ++i) order[next[line[i]]++] = static_cast<uint32_t>(i);
+    std::iota(order.begin(), order.end(), 0u);
+    const bool shortLines = static_cast<double>(lineLength) <= 4.0 * static_cast<double>(n + lineCount) + 1024;
+    if (shortLines) order = countingSort(pos, static_cast<std::size_t>(lineLength), order);
+    order = countingSort(line, static_cast<std::size_t>(lineCount), order);
+    if (!shortLines) {
+        std::size_t b = 0;
+        while (b < n) {
+            std::size_t e = b + 1;
+            while (e < n && line[order[e]] == line[order[b]]) ++e;
+            if (e - b > 1)
+                std::stable_sort(order.begin() + b, order.begin() + e,
+                                 [&](uint32_t a, uint32_t c) { return pos[a] < pos[c]; });
+            b = e;
+        }
     }
-    for (int64_t l = 0; l < lineCount; ++l)
-        if (start[l + 1] - start[l] > 1)
-            std::stable_sort(order.begin() + start[l], order.begin() + start[l + 1],
-                             [&](uint32_t a, uint32_t b) { return pos[a] < pos[b]; });
 
     samples_.resize(n);
     cellStart_.clear();
@@ -230,6 +243,9 @@ struct Context {
 
 enum class Visit { Continue, Finished };
 
+// Column edges up to this many cells are read cell by cell from the rows.
+constexpr int64_t kShortColumn = 4;
+
 enum class Test { Reject, Accept, Coincident };
 
 // The full test of one sample, for what the shortcuts of VisitSamples leave:
@@ -356,7 +372,7 @@ bool KaRingSearch(const KaSearchGrid& grid, const KaEstGridSearcherParam& p, KaS
     const int64_t firstClamped = std::min({cx + 1, cols - cx, cy + 1, rows - cy});
     // The runs of samples of one ring, in visiting order; an edge "from a up
     // to b - 1" with b <= a is empty.
-    std::span<const Ka3DPoint> runs[4];
+    std::span<const Ka3DPoint> runs[2 + 2 * kShortColumn];
     int runCount = 0;
     std::size_t offered = 0;  // samples the current ring offers
     auto add = [&](std::span<const Ka3DPoint> run) {
@@ -368,7 +384,12 @@ bool KaRingSearch(const KaSearchGrid& grid, const KaEstGridSearcherParam& p, KaS
         if (c1 > c0) add(grid.RowRun(r, c0, c1));
     };
     auto column = [&](int64_t c, int64_t r0, int64_t r1) {
-        if (r1 > r0) add(grid.ColumnRun(c, r0, r1));
+        // A short column edge cell by cell from the rows, which the walk
+        // along a grid row keeps in cache; a long one as one run.
+        if (r1 - r0 > kShortColumn)
+            add(grid.ColumnRun(c, r0, r1));
+        else
+            for (int64_t r = r0; r < r1; ++r) add(grid.RowRun(r, c, c + 1));
     };
     for (int64_t k = 0; k < kx || k < ky; ++k) {
         offered = 0;
