@@ -192,3 +192,32 @@ TEST(Kagrid, MethodsListEveryKeyAndPreviewIsWritten)
     EXPECT_GT(fs::file_size(d / "s.png"), 1000u);
     EXPECT_NE(r.output.find("Estimat"), std::string::npos);  // progress on stderr
 }
+
+TEST(Kagrid, ThreadCountChangesNothingInTheFileAndIsChecked)
+{
+    katest::TempDir d;
+    const std::string in = std::string(KA_SOURCE_DIR) + "/data/sample_points.csv ";
+    for (const char* method : {"kriging", "triangulation"}) {
+        SCOPED_TRACE(method);
+        const auto one = Kagrid(std::string(method) + " " + in + d / "one.tif -q --threads 1");
+        const auto three = Kagrid(std::string(method) + " " + in + d / "three.tif -q --threads 3");
+        ASSERT_EQ(one.status, 0) << one.output;
+        ASSERT_EQ(three.status, 0) << three.output;
+        EXPECT_EQ(katest::ReadFile(d / "one.tif"), katest::ReadFile(d / "three.tif"));
+    }
+    for (const char* bad : {"0", "-2", "two", ""}) {
+        const auto r = Kagrid("nearest-neighbor " + in + d / "x.tif --threads '" + bad + "'");
+        EXPECT_EQ(r.status, 2) << bad;
+        EXPECT_NE(r.output.find("--threads"), std::string::npos) << r.output;
+    }
+}
+
+TEST(Kagrid, AGridThatCannotFitInMemoryIsRefusedBeforeAnyWork)
+{
+    katest::TempDir d;
+    const auto r = Kagrid("nearest-neighbor " + std::string(KA_SOURCE_DIR) + "/data/sample_points.csv " +
+                          d / "huge.tif --set columnCount=3000000 --set rowCount=3000000");
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.output.find("3000000 x 3000000 nodes needs 72000.0 GB"), std::string::npos) << r.output;
+    EXPECT_EQ(d.Entries(), std::set<std::string>{});
+}
