@@ -60,10 +60,11 @@ report() {  # report LABEL OURS PEER: kagrid with 2 threads against the peer
     "$1" "$t1" "$(mib "$m1")" "$3" "$t2" "$(mib "$m2")" "$(echo "$t2/$t1" | bc -l)" \
     "$(echo "($u2 + $s2) / ($u1 + $s1)" | bc -l)" "$(echo "$m1/$m2" | bc -l)"
 }
-speedup() {  # speedup LABEL ONE TWO: kagrid from 1 to 2 threads
-  read -r t1 m1 _ < "$work/$2.t"; read -r t2 m2 _ < "$work/$3.t"
-  printf "%-30s 1 thread %7.2f s %7.1f MiB, 2 threads %7.2f s %7.1f MiB: %4.2fx\n" \
-    "$1" "$t1" "$(mib "$m1")" "$t2" "$(mib "$m2")" "$(echo "$t1/$t2" | bc -l)"
+speedup() {  # speedup LABEL ONE TWO: kagrid from 1 to 2 threads, and the processor time of each
+  read -r t1 m1 u1 s1 < "$work/$2.t"; read -r t2 m2 u2 s2 < "$work/$3.t"
+  printf "%-22s 1 thread %6.2f s %6.1f MiB, 2 threads %6.2f s %6.1f MiB: %4.2fx (cpu %.2f s, %.2f s)\n" \
+    "$1" "$t1" "$(mib "$m1")" "$t2" "$(mib "$m2")" "$(echo "$t1/$t2" | bc -l)" \
+    "$(echo "$u1 + $s1" | bc -l)" "$(echo "$u2 + $s2" | bc -l)"
 }
 
 for th in 1 2; do
