@@ -84,6 +84,14 @@ void KaEstKrig::SetParam(std::unique_ptr<KaEstimatorGridParam> param)
     krigParam_ = dynamic_cast<const KaEstKrigParam*>(GetParam());
 }
 
+std::unique_ptr<KaEstimatorGrid> KaEstKrig::CloneForThread() const
+{
+    // The transforms are cached lazily inside const evaluations: make them
+    // now, on this thread, so that the threads sharing the record never write them.
+    if (krigParam_ && krigParam_->variogram) krigParam_->variogram->Evaluate(0.0, 0.0, 0.0);
+    return std::make_unique<KaEstKrig>(*this);
+}
+
 double KaEstKrig::EstimateNode(double x, double y)
 {
     double value;

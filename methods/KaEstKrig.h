@@ -37,7 +37,9 @@ class KaEstKrig : public KaEstGridSearcher {
 public:
     void SetParam(std::unique_ptr<KaEstimatorGridParam> param) override;
     double EstimateNode(double x, double y) override;
-    KA_CLONE_FOR_THREAD(KaEstKrig)
+    // Also builds the variogram components' anisotropy transforms, which the
+    // copies then only read.
+    std::unique_ptr<KaEstimatorGrid> CloneForThread() const override;
 
     // Of the last node that reached the system (blank when its solve failed).
     double KrigingVariance() const { return krigingVariance_; }
