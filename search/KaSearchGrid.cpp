@@ -33,14 +33,15 @@ constexpr double kDenseBucketsPerItem = 8;
 }  // namespace
 
 void KaBucketLines::Build(const std::vector<Ka3DPoint>& points, const std::vector<int32_t>& line,
-                          const std::vector<int32_t>& pos, int64_t lineCount, int64_t lineLength, bool dense)
+                          const std::vector<int32_t>& pos, int64_t lineCount, int64_t lineLength, bool dense,
+                          bool lineTable)
 {
     lineLength_ = lineLength;
     dense_ = false;
     const std::size_t n = points.size();
     // Samples by line, then by position, sample order kept within a cell.
-    // Counting sorts: by position and then by line when the lines are short
-    // enough to count, otherwise by line and then a sort within each line.
+    // Counting sorts, by position and then by line, when both can be counted
+    // in little memory; otherwise a stable sort by (line, position).
     auto countingSort = [n](const std::vector<int32_t>& key, std::size_t keys, const std::vector<uint32_t>& in) {
         std::vector<uint32_t> start(keys + 1, 0);
         for (std::size_t i = 0; i < n; ++i) ++start[key[i] + 1];
@@ -51,19 +52,15 @@ void KaBucketLines::Build(const std::vector<Ka3DPoint>& points, const std::vecto
     };
     std::vector<uint32_t> order(n);
     std::iota(order.begin(), order.end(), 0u);
-    const bool shortLines = static_cast<double>(lineLength) <= 4.0 * static_cast<double>(n + lineCount) + 1024;
-    if (shortLines) order = countingSort(pos, static_cast<std::size_t>(lineLength), order);
-    order = countingSort(line, static_cast<std::size_t>(lineCount), order);
-    if (!shortLines) {
-        std::size_t b = 0;
-        while (b < n) {
-            std::size_t e = b + 1;
-            while (e < n && line[order[e]] == line[order[b]]) ++e;
-            if (e - b > 1)
-                std::stable_sort(order.begin() + b, order.begin() + e,
-                                 [&](uint32_t a, uint32_t c) { return pos[a] < pos[c]; });
-            b = e;
-        }
+    auto countable = [&](int64_t keys) { return static_cast<double>(keys) <= 4.0 * static_cast<double>(n) + 1e6; };
+    const bool shortLines = countable(lineLength) && countable(lineCount);
+    if (shortLines) {
+        order = countingSort(pos, static_cast<std::size_t>(lineLength), order);
+        order = countingSort(line, static_cast<std::size_t>(lineCount), order);
+    } else {
+        std::stable_sort(order.begin(), order.end(), [&](uint32_t a, uint32_t c) {
+            return line[a] < line[c] || (line[a] == line[c] && pos[a] < pos[c]);
+        });
     }
 
     samples_.resize(n);
@@ -90,9 +87,12 @@ void KaBucketLines::Build(const std::vector<Ka3DPoint>& points, const std::vecto
         }
     linesCell_.push_back(static_cast<uint32_t>(cells));
 
-    lineStart_.assign(static_cast<std::size_t>(lineCount) + 1, 0);
-    for (std::size_t c = 0; c < cells; ++c) ++lineStart_[cellLine[c] + 1];
-    std::partial_sum(lineStart_.begin(), lineStart_.end(), lineStart_.begin());
+    lineStart_.clear();
+    if (lineTable) {
+        lineStart_.assign(static_cast<std::size_t>(lineCount) + 1, 0);
+        for (std::size_t c = 0; c < cells; ++c) ++lineStart_[cellLine[c] + 1];
+        std::partial_sum(lineStart_.begin(), lineStart_.end(), lineStart_.begin());
+    }
     if (dense) BuildDense(cellLine, lineCount);
 }
 
@@ -212,8 +212,11 @@ std::shared_ptr<const KaSearchGrid> KaSearchGrid::Build(const KaEstGridSearcherP
     grid->info_ = g;
     const double items = static_cast<double>(n) + static_cast<double>(p.columnCount) * static_cast<double>(p.rowCount);
     const bool dense = cols * rows <= kDenseBucketsPerItem * (items + 1024);
-    grid->byRow_.Build(points, row, col, g.rowCount, g.columnCount, dense);
-    grid->byColumn_.Build(points, col, row, g.columnCount, g.rowCount, dense);
+    // A table of lines costs 4 bytes a line: kept while the lines are not many
+    // more than the samples and nodes.
+    const double tableLimit = 4 * (items + 1024);
+    grid->byRow_.Build(points, row, col, g.rowCount, g.columnCount, dense, rows <= tableLimit);
+    grid->byColumn_.Build(points, col, row, g.columnCount, g.rowCount, dense, cols <= tableLimit);
     grid->tableSectors_ = p.sectorCount;
     grid->tableAngle_ = p.ellipseAngle;
     grid->tableReady_ = grid->table_.Prepare(p.sectorCount, p.ellipseAngle);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <span>
@@ -45,9 +46,12 @@ struct KaSearchGridInfo {
 // the occupied cells of every line.
 class KaBucketLines {
 public:
-    // Sample i lies in cell (line[i], pos[i]); both within the counts.
+    // Sample i lies in cell (line[i], pos[i]); both within the counts. With
+    // `lineTable` every line gets its first occupied cell (4 bytes a line);
+    // without it lines are found among the occupied ones by bisection.
     void Build(const std::vector<Ka3DPoint>& points, const std::vector<int32_t>& line,
-               const std::vector<int32_t>& pos, int64_t lineCount, int64_t lineLength, bool dense);
+               const std::vector<int32_t>& pos, int64_t lineCount, int64_t lineLength, bool dense,
+               bool lineTable);
 
     // Samples of cells [p0, p1) of one line; p0 <= p1 <= lineLength.
     std::span<const Ka3DPoint> Run(int64_t line, int64_t p0, int64_t p1) const
@@ -75,7 +79,17 @@ private:
     // Occupied cells before (line, pos) in line-major order.
     uint32_t CellRank(int64_t line, int64_t pos) const
     {
-        const uint32_t b = lineStart_[line], e = lineStart_[line + 1];
+        uint32_t b, e;
+        if (!lineStart_.empty()) {
+            b = lineStart_[line];
+            e = lineStart_[line + 1];
+        } else {
+            const auto it = std::lower_bound(lines_.begin(), lines_.end(), line);
+            const std::size_t li = static_cast<std::size_t>(it - lines_.begin());
+            if (it == lines_.end() || *it != line) return linesCell_[li];
+            b = linesCell_[li];
+            e = linesCell_[li + 1];
+        }
         if (b == e) return b;  // an empty line: the common case of a sparse grid
         const int32_t* first = cellPos_.data() + b;
         std::size_t n = e - b;
@@ -95,7 +109,7 @@ private:
     bool dense_ = false;
     std::vector<uint32_t> blockBase_;  // dense: samples before each block of 64 cells
     std::vector<uint16_t> local_;      // dense: samples before each cell within its block
-    std::vector<uint32_t> lineStart_;  // list: the line's first occupied cell
+    std::vector<uint32_t> lineStart_;  // each line's first occupied cell (with a line table)
     std::vector<int32_t> cellPos_;     // position of each occupied cell
     std::vector<int32_t> lines_;       // the lines that hold samples, ascending
     std::vector<uint32_t> linesCell_;  // their first occupied cell, and the end
