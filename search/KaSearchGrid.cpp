@@ -370,9 +370,21 @@ bool KaRingSearch(const KaSearchGrid& grid, const KaEstGridSearcherParam& p, KaS
     const int64_t cols = g.columnCount, rows = g.rowCount;
     int64_t prev[4] = {-1, -1, -1, -1};
     std::size_t prevTotal = 0;
-    // The first ring clamped on some side; before it, ring k visits exactly
-    // the cells at Chebyshev distance k from the node's cell.
-    const int64_t firstClamped = std::min({cx + 1, cols - cx, cy + 1, rows - cy});
+    // Rings before this one visit only cells at Chebyshev distance k from the
+    // node's cell, and cells of clamped edge lines that hold no samples. For a
+    // node inside a grid of at least 2 x 2 cells a ring's cells are those at
+    // its distance and those of the edge lines it is clamped to; otherwise
+    // only unclamped rings are that simple.
+    int64_t skipLimit = std::max(kx, ky) + 1;
+    auto limitAt = [&skipLimit](int64_t ring) { skipLimit = std::min(skipLimit, ring); };
+    if (0 <= cx && cx < cols && 0 <= cy && cy < rows && cols >= 2 && rows >= 2) {
+        if (grid.ColumnHoldsSamples(0)) limitAt(cx + 1);
+        if (grid.ColumnHoldsSamples(cols - 1)) limitAt(cols - cx);
+        if (grid.RowHoldsSamples(0)) limitAt(cy + 1);
+        if (grid.RowHoldsSamples(rows - 1)) limitAt(rows - cy);
+    } else {
+        limitAt(std::min({cx + 1, cols - cx, cy + 1, rows - cy}));
+    }
     // The runs of samples of one ring, in visiting order; an edge "from a up
     // to b - 1" with b <= a is empty.
     std::span<const Ka3DPoint> runs[2 + 2 * kShortColumn];
@@ -434,11 +446,11 @@ bool KaRingSearch(const KaSearchGrid& grid, const KaEstGridSearcherParam& p, KaS
         if (std::equal(rect, rect + 4, prev) && total == prevTotal) break;
         std::copy(rect, rect + 4, prev);
         prevTotal = total;
-        // After an empty ring, jump over the rings that cannot offer anything:
-        // unclamped rings up to the next cell that holds samples. They would
+        // After an empty ring, jump over the rings that cannot offer anything
+        // (see skipLimit) up to the next cell that holds samples. They would
         // leave the sector lists, and so every decision, as they are.
-        if (offered == 0 && k + 2 < firstClamped) {
-            const int64_t next = grid.NextOccupiedRing(cx, cy, k, firstClamped, 32);
+        if (offered == 0 && k + 2 < skipLimit) {
+            const int64_t next = grid.NextOccupiedRing(cx, cy, k, skipLimit, 32);
             if (next > k + 1) k = next - 1;
         }
     }

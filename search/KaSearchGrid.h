@@ -69,6 +69,7 @@ public:
     // holding samples, when below `limit`; `limit` when there is none below it.
     // -1 when answering would mean looking at more than `budget` lines.
     int64_t NextDistance(int64_t line, int64_t pos, int64_t k, int64_t limit, int budget) const;
+    bool LineHoldsSamples(int64_t line) const { return std::binary_search(lines_.begin(), lines_.end(), line); }
 
 private:
     // Gives every cell its offset; leaves the grid on the cell list when a
@@ -153,6 +154,8 @@ public:
     {
         return byRow_.NextDistance(cy, cx, k, limit, budget);
     }
+    bool RowHoldsSamples(int64_t r) const { return byRow_.LineHoldsSamples(r); }
+    bool ColumnHoldsSamples(int64_t c) const { return byColumn_.LineHoldsSamples(c); }
 
 private:
     KaSearchGridInfo info_;

@@ -286,3 +286,25 @@ TEST(SearchGridStorage, AStretchedGridCostsMemoryByItsSamplesAndNodes)
     EXPECT_GT(grid->BucketCount(), 50'000'000u);
     EXPECT_LT(grid->MemoryBytes(), 2'000'000u);
 }
+
+TEST(SearchGridStorage, EmptyRingsAreNotSkippedPastAClampedEdgeThatHoldsSamples)
+{
+    // The node's cell is 5 above the bottom edge; the only sample lies beyond
+    // the edge, so it sits in the edge row 9 cells to the right, where a ring
+    // of its own distance leaves it out (a corner) and the bottom row, visited
+    // again by every clamped ring, reaches it one ring later.
+    KaEstMovingAverageParam p;
+    SetGridAndSearch(p, 0, 39, 40, 15, 1000);  // rings never stop early
+    p.maxFromAll = p.maxFromEach = 1000;
+    p.tolerance = 0;
+    const std::vector<Ka3DPoint> points = {Ka3DPoint(20, -8, 1)};
+    auto samples = Samples(points);
+    auto grid = KaSearchGrid::Build(p, *samples);
+    ASSERT_NE(grid, nullptr);
+    const PlainWalk plain(grid->Info(), points);
+    KaSearchWorkspace ws;
+    KaNeighbours got;
+    KaRingSearch(*grid, p, ws, 10, 0.2, got, false);
+    EXPECT_TRUE(SameList(plain.Visit(10, 0.2, 16), got));
+    EXPECT_EQ(got.size(), 6u);  // rings 10 to 15
+}
