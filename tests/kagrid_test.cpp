@@ -211,13 +211,3 @@ TEST(Kagrid, ThreadCountChangesNothingInTheFileAndIsChecked)
         EXPECT_NE(r.output.find("--threads"), std::string::npos) << r.output;
     }
 }
-
-TEST(Kagrid, AGridThatCannotFitInMemoryIsRefusedBeforeAnyWork)
-{
-    katest::TempDir d;
-    const auto r = Kagrid("nearest-neighbor " + std::string(KA_SOURCE_DIR) + "/data/sample_points.csv " +
-                          d / "huge.tif --set columnCount=3000000 --set rowCount=3000000");
-    EXPECT_EQ(r.status, 1);
-    EXPECT_NE(r.output.find("3000000 x 3000000 nodes needs 72000.0 GB"), std::string::npos) << r.output;
-    EXPECT_EQ(d.Entries(), std::set<std::string>{});
-}
