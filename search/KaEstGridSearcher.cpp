@@ -38,6 +38,8 @@ struct KaEstGridSearcher::Context {
     int32_t sectorCount;
     int64_t maxFromEach;
     bool stopAtCoincident;
+    const Ka3DPoint* skipRow;
+    const Ka3DPoint* skipColumn;
     // Shortcuts that give the same answers as the full test (see KaSectorTable).
     bool circle;
     double rimIn2, rimOut2;  // squared radius less and more a margin
@@ -75,6 +77,25 @@ void KaEstGridSearcher::ClearSearchGrid()
     columnOffsets_.shrink_to_fit();
     samplesByColumn_.clear();
     samplesByColumn_.shrink_to_fit();
+    slotOf_.clear();
+    slotOf_.shrink_to_fit();
+    nearest_.Clear();
+    SetExcludedSample(excluded_);
+}
+
+void KaEstGridSearcher::SetExcludedSample(std::size_t index)
+{
+    excluded_ = index;
+    skipRow_ = skipColumn_ = nullptr;
+    if (index >= slotOf_.size()) return;
+    const uint32_t slot = slotOf_[index];
+    skipRow_ = samplesByBucket_.data() + slot;
+    // The same copy in the column-major arrays: same bucket, same place in it.
+    const std::size_t b = static_cast<std::size_t>(std::upper_bound(offsets_.begin(), offsets_.end(), slot) -
+                                                   offsets_.begin()) - 1;
+    const std::size_t nc = static_cast<std::size_t>(grid_.columnCount), nr = static_cast<std::size_t>(grid_.rowCount);
+    const std::size_t r = b / nc, c = b % nc;
+    skipColumn_ = samplesByColumn_.data() + columnOffsets_[c * nr + r] + (slot - offsets_[b]);
 }
 
 KaSampleList* KaEstGridSearcher::SetSampleList(KaSampleList* samples)
@@ -89,6 +110,10 @@ void KaEstGridSearcher::BuildSearchGrid(KaSampleList* samples)
     ClearSearchGrid();
     const KaEstGridSearcherParam* p = SearchParam();
     if (!p || !param_->IsValid() || !samples || samples->empty()) return;
+    if (p->searchMode == kKaSearchNearest) {
+        nearest_.Build(*samples, *p);
+        return;
+    }
 
     const double m = marginCells;
     const double dx = p->GetDx(), dy = p->GetDy();
@@ -139,7 +164,12 @@ void KaEstGridSearcher::BuildSearchGrid(KaSampleList* samples)
     samplesByBucket_.resize(samples->size());
     std::vector<uint32_t> next(offsets_.begin(), offsets_.end() - 1);
     std::size_t i = 0;
-    for (const KaSample& s : *samples) samplesByBucket_[next[bucketOf[i++]]++] = s.point;
+    slotOf_.resize(samples->size());
+    for (const KaSample& s : *samples) {
+        slotOf_[i] = next[bucketOf[i]]++;
+        samplesByBucket_[slotOf_[i]] = s.point;
+        ++i;
+    }
 
     // The same samples column by column, so that a column edge of a ring is one
     // contiguous run too (bucket order and sample order kept).
@@ -157,13 +187,14 @@ void KaEstGridSearcher::BuildSearchGrid(KaSampleList* samples)
                       samplesByColumn_.begin() + columnOffsets_[c * nr + r]);
         }
     grid_ = g;
+    SetExcludedSample(excluded_);
 }
 
 KaEstGridSearcher::Visit KaEstGridSearcher::VisitSamples(const Ka3DPoint* begin, const Ka3DPoint* end,
                                                         const Context& ctx, KaNeighbours& result)
 {
     for (const Ka3DPoint* s = begin; s != end; ++s) {
-        if (std::fabs(s->z - ctx.invalid) < 1e-20) continue;
+        if (std::fabs(s->z - ctx.invalid) < 1e-20 || s == ctx.skipRow || s == ctx.skipColumn) continue;
         const double dx = s->x - ctx.x, dy = s->y - ctx.y;
         const double dist2 = dx * dx + dy * dy;  // (x - sx)^2 + (y - sy)^2 to the last bit
         int64_t sector;
@@ -214,6 +245,10 @@ KaEstGridSearcher::Visit KaEstGridSearcher::VisitSamples(const Ka3DPoint* begin,
 bool KaEstGridSearcher::Search(double x, double y, KaNeighbours& result, bool stopAtCoincident)
 {
     const KaEstGridSearcherParam* p = SearchParam();
+    if (nearest_.IsBuilt()) {
+        if (!p || !param_->IsValid()) return false;
+        return nearest_.Search(x, y, result, stopAtCoincident, excluded_, nearestWork_);
+    }
     if (BucketCount() == 0 || !grid_.IsValid() || !p || !param_->IsValid()) return false;
     result.clear();
 
@@ -223,7 +258,7 @@ bool KaEstGridSearcher::Search(double x, double y, KaNeighbours& result, bool st
     const bool tableReady = sectorTable_.Prepare(p->sectorCount, p->ellipseAngle);
     const Context ctx{x, y, p->tolerance * p->tolerance, p->originalInvalidValue,
                       p->radius1, p->radius2, p->ellipseAngle, p->sectorCount,
-                      p->maxFromEach, stopAtCoincident,
+                      p->maxFromEach, stopAtCoincident, skipRow_, skipColumn_,
                       circle, p->radius1 * p->radius1 * (1 - 2e-9), p->radius1 * p->radius1 * (1 + 3e-9),
                       tableReady ? &sectorTable_ : nullptr};
 

@@ -8,6 +8,7 @@
 #include "core/KaEstimatorGrid.h"
 #include "platform/kadata/Ka3DPoint.h"
 #include "search/KaEstGridSearcherParam.h"
+#include "search/KaNearestSearch.h"
 #include "search/KaSectorTable.h"
 
 // Neighbours of one node: copies of the samples, sector by sector.
@@ -59,6 +60,11 @@ public:
     // sector index out of range.
     bool Search(double x, double y, KaNeighbours& result, bool stopAtCoincident);
 
+    // Leaves the sample with this input index out of every later search (for
+    // leave-one-out estimates); kNoSample takes every sample again.
+    static constexpr std::size_t kNoSample = KaNearestSearch::kNone;
+    void SetExcludedSample(std::size_t index);
+
     const KaSearchGridInfo& SearchGridInfo() const { return grid_; }
     std::size_t BucketCount() const { return offsets_.empty() ? 0 : offsets_.size() - 1; }
     // Samples of one bucket, in sample-list order.
@@ -103,6 +109,13 @@ private:
     std::vector<Ka3DPoint> samplesByBucket_;
     std::vector<uint32_t> columnOffsets_;    // the same, column-major: column c, row r at c * rows + r
     std::vector<Ka3DPoint> samplesByColumn_;
+    std::vector<uint32_t> slotOf_;  // sample index -> its position in samplesByBucket_
+    // The nearest-first search, built instead of the buckets in that mode.
+    KaNearestSearch nearest_;
+    KaNearestSearch::Workspace nearestWork_;
+    std::size_t excluded_ = kNoSample;
+    const Ka3DPoint* skipRow_ = nullptr;  // the excluded sample's copies in the bucket arrays
+    const Ka3DPoint* skipColumn_ = nullptr;
     // Working sector lists, emptied at the start of every search; one searcher
     // serves one job, so reusing them only saves allocations.
     std::vector<std::vector<Ka3DPoint>> sectors_;
