@@ -178,9 +178,9 @@ TEST(NearestSearch, RingWalkStaysTheDefaultAndLeaveOneOutSkipsOnlyThatSample)
         EXPECT_EQ(out[0].z, 2) << mode;
         rig.searcher.SetExcludedSample(1);
         rig.p->minInAll = 3;  // more than there are: the whole radius is searched
-        EXPECT_FALSE(rig.searcher.Search(0.5, 0.5, out, false));
-        ASSERT_EQ(out.size(), 2u) << mode;
-        EXPECT_EQ(out[0].z + out[1].z, 4) << mode;
+        rig.searcher.Search(0.5, 0.5, out, false);
+        auto has = [&](double z) { return std::any_of(out.begin(), out.end(), [z](auto& q) { return q.z == z; }); };
+        EXPECT_TRUE(has(1) && has(3) && !has(2)) << mode;
     }
     EXPECT_EQ(KaEstGridSearcherParam{}.searchMode, kKaSearchRings);
 }
