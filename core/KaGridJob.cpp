@@ -91,6 +91,17 @@ bool KaGridJob::EstimateSurface(KaSurface* surface)
     }
     matrix.Fill(surface->GetInvalidValue());
 
+    stdDev_.reset();
+    KaTDataMatrix2D<double> sd(kKaMaxDouble);
+    const bool withStdDev = collectStdDev_ && searcher->FormsStdDev();
+    if (withStdDev) {
+        if (!sd.Create(cols, rows)) {
+            failure_ = "Fail to allocate memory to 2D data matrix.";
+            return false;
+        }
+        sd.Fill(surface->GetInvalidValue());
+    }
+
     Percent(0, "Creating Searching Grid");
     searcher->SetSampleList(samples_.get());
     Percent(0, "Estimating");
@@ -114,8 +125,22 @@ bool KaGridJob::EstimateSurface(KaSurface* surface)
                 zMin = std::min(zMin, v);
             }
             row[c] = v;
+            if (withStdDev) {
+                const double s = searcher->NodeStdDev();
+                if (std::fabs(v - blank) > 1e-20 && !std::isnan(s)) sd.data[static_cast<std::size_t>(r) * cols + c] = s;
+            }
         }
     }
     SetSurfaceLimits(*surface, zMin, zMax);
+    if (withStdDev) {
+        stdDev_ = std::make_unique<KaSurface>();
+        stdDev_->SetID(KaObject::CreateUniqueID());
+        stdDev_->GetSurfaceObjInfo() = surface->GetSurfaceObjInfo();
+        double sMin = kKaMaxDouble, sMax = -kKaMaxDouble;
+        for (std::size_t i = 0; i < static_cast<std::size_t>(cols) * rows; ++i)
+            if (std::fabs(sd.data[i] - blank) > 1e-20) sMin = std::min(sMin, sd.data[i]), sMax = std::max(sMax, sd.data[i]);
+        SetSurfaceLimits(*stdDev_, sMin, sMax);
+        if (!stdDev_->SetGridDataArray(std::move(sd))) stdDev_.reset();
+    }
     return surface->SetGridDataArray(std::move(matrix));
 }

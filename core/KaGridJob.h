@@ -49,6 +49,12 @@ public:
     // otherwise. The job itself stays silent; callers may show it.
     virtual std::string FailureReason() const { return failure_; }
 
+    // When set before Run, an estimator that forms a kriging variance also
+    // fills a standard-deviation surface on the same lattice (blank where the
+    // estimate is blank); TakeStdDevSurface hands it over after the run.
+    void CollectStdDev(bool on) { collectStdDev_ = on; }
+    std::unique_ptr<KaSurface> TakeStdDevSurface() { return std::move(stdDev_); }
+
 protected:
     void Message(const std::string& text) { if (observer_) observer_->Message(text); }
     void Percent(int p, const std::string& text) { if (observer_) observer_->Percent(p, text); }
@@ -60,4 +66,6 @@ protected:
     std::string failure_;
     std::unique_ptr<KaEstimatorGrid> estimator_;
     std::unique_ptr<KaSampleList> samples_;
+    bool collectStdDev_ = false;
+    std::unique_ptr<KaSurface> stdDev_;
 };

@@ -20,6 +20,7 @@ public:
 class KaEstKriging : public KaEstGridSearcher {
 public:
     double EstimateNode(double x, double y) override;
+    bool FormsStdDev() const override { return true; }
 
 protected:
     // Per-node storage, reused from node to node to save the allocations.
