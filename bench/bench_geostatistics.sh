@@ -120,7 +120,17 @@ elif what == "fit":
         out.append(f"{ref[k]} sill {abs(c['sill'] - sill) / max(abs(sill), 1e-300):.1e}")
         if rng > 0:
             out.append(f"range {abs(c['range'] - rng) / rng:.1e}")
-    print("  fit: " + ", ".join(out))
+    # The objective both minimise, at each one's answer.
+    lags = json.load(open(sys.argv[2]))["lags"]
+    shape = {"Nug": lambda h, a: 1.0 if h > 0 else 0.0,
+             "Sph": lambda h, a: 1.0 if h > a else 1.5 * h / a - 0.5 * (h / a) ** 3,
+             "Exp": lambda h, a: 1 - np.exp(-h / a), "Gau": lambda h, a: 1 - np.exp(-(h / a) ** 2)}
+    def sse(comps):
+        return sum(l["pairs"] / l["distance"] ** 2 *
+                   (l["gamma"] - sum(s * shape[m](l["distance"], a) for m, s, a in comps)) ** 2 for l in lags)
+    ours = sse([(ref[k], model[k]["sill"], model[k]["range"]) for k in range(n)])
+    theirs = sse([(ref[k], float(ref[n + k]), float(ref[2 * n + k])) for k in range(n)])
+    print("  fit: " + ", ".join(out) + f"; weighted SSE kagrid {ours:.6g}, gstat {theirs:.6g}")
 PY
 
 grid=(--set xMin=178600 --set xMax=181400 --set yMin=329700 --set yMax=333600
@@ -177,7 +187,8 @@ VRT
   --set smoothing=0 --set searchMode=nearest --set sectorCount=1 --set radius1=0.1 --set radius2=0.1 \
   --set maxFromAll=12 --set maxFromEach=12 --set minInAll=1 --set tolerance=1e-12 -of AAIGrid -q
 gdal_grid -q -zfield z -a invdistnn:power=2:radius=0.1:max_points=12:min_points=1:nodata=-9999 \
-  -txe 0 1 -tye 1 0 -outsize 200 200 -of AAIGrid -l rand "$work/rand.vrt" "$work/g_idw.asc"
+  -txe 0 1 -tye 1 0 -outsize 200 200 -of GTiff -l rand "$work/rand.vrt" "$work/g_idw.tif"
+gdal_translate -q -of AAIGrid "$work/g_idw.tif" "$work/g_idw.asc"
 $PY - "$work/k_idw.asc" "$work/g_idw.asc" <<'PY'
 import sys, numpy as np
 def asc(p):
