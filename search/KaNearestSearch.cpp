@@ -159,7 +159,7 @@ bool KaNearestSearch::FindCoincident(double x, double y, double nu, double nv, s
 
 namespace {
 
-// Min-heap order: nearest first, then input order.
+// Nearest first, then input order: true when a comes after b.
 bool Later(const KaNearestSearch::Workspace::Candidate& a, const KaNearestSearch::Workspace::Candidate& b)
 {
     return a.key > b.key || (a.key == b.key && a.index > b.index);
@@ -187,19 +187,29 @@ bool KaNearestSearch::Search(double x, double y, std::vector<Ka3DPoint>& result,
     } else {
         // Coincident samples outside the ellipse still count (in sector 0).
         FindCoincident(x, y, nu, nv, excluded, coincident, &heap);
-        std::make_heap(heap.begin(), heap.end(), Later);
     }
 
     ws.perSector.assign(static_cast<std::size_t>(metric_.SectorCount()), 0);
     int64_t total = 0, fullSectors = 0;
     bool done = maxFromAll_ <= 0 || maxFromEach_ <= 0;
     const double limit = metric_.Limit();
+    // Candidates nearer than `bound` (a key) are final: take them in order.
     auto take = [&](double bound) {
-        // Everything nearer than `bound` (a key) is final; take it in order.
-        while (!done && !heap.empty() && heap.front().key < bound) {
-            std::pop_heap(heap.begin(), heap.end(), Later);
-            const Workspace::Candidate c = heap.back();
-            heap.pop_back();
+        if (done) return;
+        const auto mid = std::partition(heap.begin(), heap.end(), [bound](const auto& c) { return c.key < bound; });
+        auto end = mid;
+        auto before = [](const auto& a, const auto& b) { return Later(b, a); };
+        if (metric_.SectorCount() == 1 || maxFromEach_ >= maxFromAll_) {
+            // No cap can turn a candidate down before the selection is complete:
+            // only the first `need` need to be in order.
+            const int64_t need = std::min(maxFromAll_ - total, metric_.SectorCount() == 1 ? maxFromEach_ - total : maxFromAll_);
+            if (need < mid - heap.begin()) end = heap.begin() + need;
+            std::partial_sort(heap.begin(), end, mid, before);
+        } else {
+            std::sort(heap.begin(), mid, before);
+        }
+        for (auto it = heap.begin(); it != end && !done; ++it) {
+            const Workspace::Candidate& c = *it;
             const Ka3DPoint& pt = slots_[c.slot].point;
             const double dx = pt.x - x, dy = pt.y - y;
             const bool coincident = dx * dx + dy * dy <= tol2_;
@@ -209,16 +219,22 @@ bool KaNearestSearch::Search(double x, double y, std::vector<Ka3DPoint>& result,
             if (++n == maxFromEach_) ++fullSectors;
             if (++total >= maxFromAll_ || fullSectors == metric_.SectorCount()) done = true;
         }
+        heap.erase(heap.begin(), mid);
+    };
+    // Worth a look only once the candidates could complete the selection.
+    auto enough = [&](double bound) {
+        const auto need = static_cast<std::size_t>(std::min<int64_t>(maxFromAll_ - total, 1 << 30));
+        if (heap.size() < need) return false;
+        std::size_t n = 0;
+        for (const auto& c : heap) n += c.key < bound;
+        return n >= need;
     };
     auto offer = [&](int64_t r, int64_t c0, int64_t c1) {
         for (uint32_t k = start_[r * cols_ + c0]; k < start_[r * cols_ + c1 + 1]; ++k) {
             const Slot& s = slots_[k];
             if (s.index == excluded) continue;
             const double key = metric_.Key(s.point.x - x, s.point.y - y);
-            if (key < limit) {
-                heap.push_back({key, s.index, k});
-                std::push_heap(heap.begin(), heap.end(), Later);
-            }
+            if (key < limit) heap.push_back({key, s.index, k});
         }
     };
 
@@ -248,7 +264,7 @@ bool KaNearestSearch::Search(double x, double y, std::vector<Ka3DPoint>& result,
         if (reach <= 0) continue;
         const double bound = reach * reach;
         if (bound >= limit * (1 + 1e-9)) break;
-        take(bound);
+        if (enough(bound)) take(bound);
     }
     take(HUGE_VAL);
     return total >= minInAll_;

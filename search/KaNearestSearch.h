@@ -71,7 +71,7 @@ public:
             uint32_t index;  // input order
             uint32_t slot;   // position in the bucketed arrays
         };
-        std::vector<Candidate> heap;
+        std::vector<Candidate> heap;  // found, not yet taken
         std::vector<int64_t> perSector;
     };
 
