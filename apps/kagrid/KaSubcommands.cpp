@@ -31,7 +31,7 @@ const Command kCommands[] = {
      "options:\n"
      "  --set KEY=VALUE, --params FILE, --x/--y/--z COL   as for gridding\n"
      "  --report FILE.json   the statistics as {\"count\", \"estimated\", \"me\", \"mae\", \"rmse\", \"r\"}\n"
-     "  --residuals FILE     x, y, observed, estimated, residual per sample (.csv, .gpkg, .shp,\n"
+     "  --residuals FILE     x, y, observed, estimated, residual per sample (.csv, .gpkg,\n"
      "                       .geojson or .fgb)\n"
      "  --threads N          worker threads (default: every core)\n"
      "  -q, --quiet          no progress output\n",

@@ -20,7 +20,6 @@ namespace {
 const char* DriverFor(const std::string& ext)
 {
     if (ext == ".gpkg") return "GPKG";
-    if (ext == ".shp") return "ESRI Shapefile";
     if (ext == ".geojson" || ext == ".json") return "GeoJSON";
     if (ext == ".fgb") return "FlatGeobuf";
     return nullptr;
@@ -77,7 +76,7 @@ void WritePointTable(const std::string& path, const std::vector<std::string>& co
     const char* driverName = DriverFor(ext);
     if (!driverName) {
         if (!ext.empty() && ext != ".csv" && ext != ".txt")
-            throw KaIoError(path, "unknown table format '" + ext + "' (use .csv, .gpkg, .shp, .geojson or .fgb)");
+            throw KaIoError(path, "unknown table format '" + ext + "' (use .csv, .gpkg, .geojson or .fgb)");
         WriteCsv(path, columns, rows);
         return;
     }
@@ -113,6 +112,7 @@ void WritePointTable(const std::string& path, const std::vector<std::string>& co
         if (transaction && ds->CommitTransaction() != OGRERR_NONE) fail("cannot complete the write");
     }
     if (errors.Failed()) fail("cannot complete the write");
-    if (fs::exists(path)) driver->Delete(path.c_str());
-    if (driver->Rename(path.c_str(), tmp.c_str()) != CE_None) fail("cannot rename the finished file into place");
+    std::error_code ec;
+    fs::rename(tmp, path, ec);
+    if (ec) fail("cannot rename the finished file into place");
 }

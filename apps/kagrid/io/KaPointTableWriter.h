@@ -5,8 +5,8 @@
 
 // Writes rows of numbers as a table of points: x and y are the first two
 // columns. ".csv" (or no extension) gives a comma-separated file with a
-// header line; ".gpkg", ".shp", ".geojson"/".json" and ".fgb" give a point
-// layer of that format with one real field per column after x and y. NaN
+// header line; ".gpkg", ".geojson"/".json" and ".fgb" (single-file formats)
+// give a point layer of that format with one real field per column after x and y. NaN
 // is written as an empty field (a null attribute). The file is written under a
 // temporary name beside `path` and renamed only when complete; throws
 // KaIoError naming `path`.
