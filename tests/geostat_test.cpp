@@ -66,6 +66,20 @@ Gridded Grid(std::unique_ptr<KaEstimatorGridParam> record, std::unique_ptr<KaEst
 
 constexpr double kBlank = 1.70141e38;
 
+// n random points on [0, 100]^2 written as CSV; returns them as read back.
+std::vector<Ka3DPoint> WritePoints(const std::string& path, std::size_t n, unsigned seed)
+{
+    std::string csv = "x,y,z\n";
+    std::vector<Ka3DPoint> read;
+    for (const auto& p : katest::RandomPoints(n, seed, 0, 100, 0, 100)) {
+        const std::string x = std::to_string(p.x), y = std::to_string(p.y), z = std::to_string(p.z);
+        csv += x + "," + y + "," + z + "\n";
+        read.emplace_back(std::stod(x), std::stod(y), std::stod(z));
+    }
+    katest::WriteFile(path, csv);
+    return read;
+}
+
 }  // namespace
 
 TEST(TextbookNugget, PureNuggetAveragesAndItsVarianceIsOneAndAHalfSills)
@@ -198,16 +212,7 @@ TEST(Variogram, FitRecoversTheModelThatMadeTheLags)
 TEST(KagridGeostat, CrossValidateEqualsLeavingEachSampleOut)
 {
     katest::TempDir d;
-    const auto pts = katest::RandomPoints(60, 5, 0, 100, 0, 100);
-    std::string csv = "x,y,z\n";
-    for (const auto& p : pts) csv += std::to_string(p.x) + "," + std::to_string(p.y) + "," + std::to_string(p.z) + "\n";
-    katest::WriteFile(d / "p.csv", csv);
-    const std::vector<Ka3DPoint> read = [&] {
-        std::vector<Ka3DPoint> v;
-        for (const auto& p : pts) v.emplace_back(std::stod(std::to_string(p.x)), std::stod(std::to_string(p.y)),
-                                                 std::stod(std::to_string(p.z)));
-        return v;
-    }();
+    const std::vector<Ka3DPoint> read = WritePoints(d / "p.csv", 60, 5);
     const std::string cases[][2] = {
         {"kriging", "--set searchMode=nearest --set maxFromAll=12 --set nuggetOnDiagonal=false "
                     "--set 'variogram={\"components\": [{\"model\": \"Nugget\", \"sill\": 0.01}, "
@@ -265,10 +270,7 @@ TEST(KagridGeostat, CrossValidateEqualsLeavingEachSampleOut)
 TEST(KagridGeostat, VariogramFitPastesIntoKrigingWithAStdDevSurface)
 {
     katest::TempDir d;
-    const auto pts = katest::RandomPoints(80, 9, 0, 100, 0, 100);
-    std::string csv = "x,y,z\n";
-    for (const auto& p : pts) csv += std::to_string(p.x) + "," + std::to_string(p.y) + "," + std::to_string(p.z) + "\n";
-    katest::WriteFile(d / "p.csv", csv);
+    WritePoints(d / "p.csv", 80, 9);
     const auto v = Kagrid("variogram " + d / "p.csv --fit Nugget+Gaussian --json " + d / "v.json --plot " +
                           d / "v.png");
     ASSERT_EQ(v.status, 0) << v.output;

@@ -5,8 +5,10 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <limits>
+#include <mutex>
 #include <thread>
 
 #include <nlohmann/json.hpp>
@@ -78,8 +80,8 @@ int RunCrossValidate(const KaSubOptions& o)
     }
     const std::string input = o.positional[1];
     KaRunSetup setup = PrepareRun(*method, input, o.columns, o.zColumnGiven, o.paramsFile, o.settings);
-    CheckOutputFolder(o.Value("--report"));
-    CheckOutputFolder(o.Value("--residuals"));
+    CheckWritable(o.Value("--report"));
+    CheckWritable(o.Value("--residuals"));
     std::unique_ptr<KaSampleList> samples = TakeSamples(*setup.input, input);
     setup.input.reset();
 
@@ -102,6 +104,7 @@ int RunCrossValidate(const KaSubOptions& o)
     std::vector<double> estimated(points.size(), NAN);
     std::atomic<std::size_t> next{0}, done{0};
     std::exception_ptr failure;
+    std::mutex failureMutex;
     std::atomic<bool> failed{false};
     threads = static_cast<unsigned>(std::min<std::size_t>(threads, std::max<std::size_t>(points.size(), 1)));
     auto work = [&](std::unique_ptr<KaEstimatorGrid> estimator) {
@@ -121,7 +124,8 @@ int RunCrossValidate(const KaSubOptions& o)
                 done += last - first;
             }
         } catch (...) {
-            failure = std::current_exception();
+            const std::lock_guard<std::mutex> lock(failureMutex);
+            if (!failure) failure = std::current_exception();
             failed = true;
         }
     };

@@ -1,5 +1,8 @@
 #include "apps/kagrid/KaRunSetup.h"
 
+#include <unistd.h>
+
+#include <filesystem>
 #include <fstream>
 #include <set>
 
@@ -55,4 +58,16 @@ std::string MethodNames()
     std::string names;
     for (const KaMethodInfo& m : KaMethods()) names += std::string(names.empty() ? "" : ", ") + m.key;
     return names;
+}
+
+void CheckWritable(const std::string& path)
+{
+    if (path.empty()) return;
+    const std::filesystem::path p(path);
+    const std::filesystem::path dir = p.has_parent_path() ? p.parent_path() : std::filesystem::path(".");
+    std::error_code ec;
+    if (!std::filesystem::is_directory(dir, ec))
+        throw KaIoError(path, "the folder '" + dir.string() + "' does not exist");
+    if (access(dir.c_str(), W_OK) != 0) throw KaIoError(path, "the folder '" + dir.string() + "' is not writable");
+    if (std::filesystem::is_directory(p, ec)) throw KaIoError(path, "is a folder");
 }

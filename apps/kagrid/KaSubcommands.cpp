@@ -1,11 +1,8 @@
 #include "apps/kagrid/KaSubcommands.h"
 
-#include <unistd.h>
-
 #include <cctype>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <new>
 #include <stdexcept>
 
@@ -89,17 +86,6 @@ KaSubOptions Parse(const Command& cmd, int argc, char** argv)
 }  // namespace
 
 bool IsSubcommand(const char* word) { return Find(word) != nullptr; }
-
-void CheckOutputFolder(const std::string& path)
-{
-    if (path.empty()) return;
-    const std::filesystem::path p(path);
-    const std::filesystem::path dir = p.has_parent_path() ? p.parent_path() : std::filesystem::path(".");
-    std::error_code ec;
-    if (!std::filesystem::is_directory(dir, ec))
-        throw KaIoError(path, "the folder '" + dir.string() + "' does not exist");
-    if (access(dir.c_str(), W_OK) != 0) throw KaIoError(path, "the folder '" + dir.string() + "' is not writable");
-}
 
 int RunSubcommand(int argc, char** argv)
 {

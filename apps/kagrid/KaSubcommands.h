@@ -36,6 +36,3 @@ struct KaUsageError {
 
 int RunCrossValidate(const KaSubOptions& o);
 int RunVariogram(const KaSubOptions& o);
-
-// Fails unless the folder of `path` (when given) can take a new file.
-void CheckOutputFolder(const std::string& path);

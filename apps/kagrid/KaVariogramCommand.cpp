@@ -9,6 +9,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "apps/kagrid/KaRunSetup.h"
 #include "apps/kagrid/KaSubcommands.h"
 #include "apps/kagrid/io/KaIoError.h"
 #include "apps/kagrid/io/KaNumericJson.h"
@@ -81,8 +82,8 @@ int RunVariogram(const KaSubOptions& o)
         if (o.Has("--tolerance")) vo.tolerance = Number(o, "--tolerance");
     }
     const std::vector<uint32_t> models = o.Has("--fit") ? Models(o.Value("--fit")) : std::vector<uint32_t>{};
-    CheckOutputFolder(o.Value("--json"));
-    CheckOutputFolder(o.Value("--plot"));
+    CheckWritable(o.Value("--json"));
+    CheckWritable(o.Value("--plot"));
 
     const std::string input = o.positional[0];
     KaPointColumns columns = o.columns;
