@@ -283,21 +283,34 @@ void WritePlotPng(const std::string& path, const KaPlot& plot)
     x1 *= 1.05, y1 *= 1.1;
 
     const int margin = 16, plotW = 560, plotH = 360;
-    const int tickW = std::max(TextWidth(Label(y1, 0, y1)), TextWidth(Label(y1 / 2, 0, y1)));
+    const int tickW = TextWidth("0.000000");
     const int plotX = margin + kGlyphH + 10 + tickW + 8, plotY = margin + kGlyphH + 14;
-    const int width = plotX + plotW + margin + TextWidth(Label(x1, 0, x1)) / 2;
+    const int width = plotX + plotW + margin + TextWidth("0.000000") / 2;
     const int height = plotY + plotH + 8 + kGlyphH + 10 + kGlyphH + margin;
     Canvas canvas(width, height);
     canvas.Text(plotX, margin, plot.title, kInk);
     auto px = [&](double x) { return plotX + static_cast<int>(std::lround(x / x1 * (plotW - 1))); };
     auto py = [&](double y) { return plotY + plotH - 1 - static_cast<int>(std::lround(y / y1 * (plotH - 1))); };
-    for (int k = 0; k <= 4; ++k) {
-        const double xv = x1 * k / 4, yv = y1 * k / 4;
-        const std::string xl = Label(xv, 0, x1), yl = Label(yv, 0, y1);
-        canvas.Fill(px(xv), plotY + plotH, 1, 5, kFrame);
-        canvas.Text(px(xv) - TextWidth(xl) / 2, plotY + plotH + 8, xl, kInk);
-        canvas.Fill(plotX - 5, py(yv), 5, 1, kFrame);
-        canvas.Text(plotX - 8 - TextWidth(yl), py(yv) - kGlyphH / 2, yl, kInk);
+    // Ticks at round steps (1, 2 or 5 times a power of ten), about four per axis.
+    auto step = [](double top) {
+        const double raw = top / 4, p = std::pow(10.0, std::floor(std::log10(raw)));
+        return raw / p < 1.5 ? p : raw / p < 3.5 ? 2 * p : raw / p < 7.5 ? 5 * p : 10 * p;
+    };
+    auto tick = [](double v) {
+        char buf[32];
+        std::snprintf(buf, sizeof buf, "%.6g", v);
+        return std::string(buf);
+    };
+    const double sx = step(x1), sy = step(y1);
+    for (int k = 0; k * sx <= x1; ++k) {
+        const std::string l = tick(k * sx);
+        canvas.Fill(px(k * sx), plotY + plotH, 1, 5, kFrame);
+        canvas.Text(px(k * sx) - TextWidth(l) / 2, plotY + plotH + 8, l, kInk);
+    }
+    for (int k = 0; k * sy <= y1; ++k) {
+        const std::string l = tick(k * sy);
+        canvas.Fill(plotX - 5, py(k * sy), 5, 1, kFrame);
+        canvas.Text(plotX - 8 - TextWidth(l), py(k * sy) - kGlyphH / 2, l, kInk);
     }
     canvas.Frame(plotX, plotY, plotW, plotH, kFrame);
     canvas.Text(plotX + (plotW - TextWidth(plot.xLabel)) / 2, plotY + plotH + 10 + kGlyphH, plot.xLabel, kInk);
