@@ -114,7 +114,9 @@ TEST(TextbookNugget, SmoothsWhereTheDesignsNuggetChangesNothing)
     EXPECT_EQ(Grid(Record(bare, false, 5, 10), std::make_unique<KaEstKrig>(), pts).z, plain.z);
     for (std::size_t i = 0; i < 5; ++i) {
         EXPECT_NEAR(design.z[i], plain.z[i], 1e-12) << i;
-        if (i == 1) EXPECT_GT(std::fabs(textbook.z[i] - plain.z[i]), 0.05);
+        if (i == 1) {
+            EXPECT_GT(std::fabs(textbook.z[i] - plain.z[i]), 0.05);
+        }
     }
     // The estimate moves towards the mean, and the uncertainty grows.
     EXPECT_GT(textbook.sd[1], plain.sd[1]);
@@ -202,7 +204,9 @@ TEST(Variogram, FitRecoversTheModelThatMadeTheLags)
         ASSERT_EQ(r.model->size(), c.models.size());
         for (std::size_t m = 0; m < c.models.size(); ++m) {
             EXPECT_NEAR((*r.model)[m].sill, c.sills[m], 1e-6 * c.sills[m]) << m;
-            if (c.models[m] != kKaVarioNugget) EXPECT_NEAR((*r.model)[m].range, c.range, 1e-6 * c.range);
+            if (c.models[m] != kKaVarioNugget) {
+                EXPECT_NEAR((*r.model)[m].range, c.range, 1e-6 * c.range);
+            }
         }
         EXPECT_LT(r.weightedSse, 1e-12);
     }
@@ -251,7 +255,9 @@ TEST(KagridGeostat, CrossValidateEqualsLeavingEachSampleOut)
         for (std::size_t i = 0; std::getline(in, line); ++i) {
             double v[5];
             ASSERT_EQ(std::sscanf(line.c_str(), "%lf,%lf,%lf,%lf,%lf", v, v + 1, v + 2, v + 3, v + 4), 5) << line;
-            if (i < want.size()) EXPECT_EQ(v[3], want[i]) << i;
+            if (i < want.size()) {
+                EXPECT_EQ(v[3], want[i]) << i;
+            }
             EXPECT_EQ(v[4], v[2] - v[3]);
             sum += v[4], sum2 += v[4] * v[4], ++n;
         }
