@@ -79,7 +79,7 @@ int RunCrossValidate(const KaSubOptions& o)
         threads = static_cast<unsigned>(n);
     }
     const std::string input = o.positional[1];
-    KaRunSetup setup = PrepareRun(*method, input, o.columns, o.zColumnGiven, o.paramsFile, o.settings);
+    KaRunSetup setup = PrepareRun(*method, input, o.columns, o.given, o.paramsFile, o.settings);
     CheckWritable(o.Value("--report"));
     CheckWritable(o.Value("--residuals"));
     std::unique_ptr<KaSampleList> samples = TakeSamples(*setup.input, input);

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <cstdio>
 #include <fstream>
 #include <set>
 
@@ -12,31 +13,37 @@
 #include "core/KaRecordFill.h"
 
 KaRunSetup PrepareRun(const KaMethodInfo& method, const std::string& inputPath, KaPointColumns columns,
-                      bool zColumnGiven, const std::string& paramsFile, const std::vector<std::string>& settings)
+                      const bool given[3], const std::string& paramsFile, const std::vector<std::string>& settings)
 {
     KaRunSetup run;
+    for (int k = 0; k < 3; ++k) columns.guess[k] = !given[k];
     // Vector files take z from the geometry unless a field is named.
-    if (!zColumnGiven && !LooksLikeTextPoints(inputPath)) columns.z = "";
-    run.input = ReadInput(inputPath, columns);
+    if (!given[2] && !LooksLikeTextPoints(inputPath)) columns.z = "";
+    KaPointReadReport report;
+    run.input = ReadInput(inputPath, columns, &report);
+    if (report.skippedMissing)
+        std::fprintf(stderr, "kagrid: skipped %zu rows or features with missing values\n", report.skippedMissing);
 
     run.record = method.makeParam();
     KaEstimatorGridParam& record = *run.record;
     const KaFillResult fill = FillRecordFromObject(&record, run.input.get(), method.suffix);
     if (fill == KaFillResult::Failed) throw KaIoError(inputPath, "not a point set or a surface");
 
-    std::set<std::string> given;
+    std::set<std::string> applied;
     if (!paramsFile.empty()) {
         std::ifstream in(paramsFile);
         if (!in) throw KaIoError(paramsFile, "cannot open the parameter file");
         nlohmann::json j = nlohmann::json::parse(in, nullptr, false);
         if (j.is_discarded()) throw KaParamError(paramsFile + ": not valid JSON");
-        ApplyJson(record, j, paramsFile, &given);
+        ApplyJson(record, j, paramsFile, &applied);
     }
-    for (const std::string& s : settings) ApplySetting(record, s, &given);
+    for (const std::string& s : settings) ApplySetting(record, s, &applied);
 
-    if (fill == KaFillResult::NeedsExplicitGeometry && !given.count("columnCount"))
+    // Zero width fills as the dialogs do (one column); only zero height needs the grid given.
+    const bool zeroHeight = !(record.limit.yMax > record.limit.yMin);
+    if (fill == KaFillResult::NeedsExplicitGeometry && zeroHeight && !applied.count("columnCount"))
         throw KaParamError(
-            "the points of " + inputPath + " have zero width or height, so the grid's column count "
+            "the points of " + inputPath + " have zero height, so the grid's column count "
             "cannot be derived from them; give the grid explicitly, e.g. --set xMin=... --set xMax=... "
             "--set yMin=... --set yMax=... --set columnCount=... --set rowCount=...");
     const std::string invalid = record.Validate();

@@ -16,11 +16,11 @@ struct KaRunSetup {
     std::unique_ptr<KaEstimatorGridParam> record;
 };
 
-// Reads the input (columns as given; vector files take z from the geometry
-// unless zColumnGiven) and builds the validated record. Throws KaIoError or
+// Reads the input (columns as given, guessed from a header where not
+// `given`; vector files take z from the geometry unless z is given) and builds the validated record. Throws KaIoError or
 // KaParamError.
 KaRunSetup PrepareRun(const KaMethodInfo& method, const std::string& inputPath, KaPointColumns columns,
-                      bool zColumnGiven, const std::string& paramsFile, const std::vector<std::string>& settings);
+                      const bool given[3], const std::string& paramsFile, const std::vector<std::string>& settings);
 
 // The input's samples in input order; throws KaIoError when there are none.
 std::unique_ptr<KaSampleList> TakeSamples(const KaDataObject& input, const std::string& inputPath);

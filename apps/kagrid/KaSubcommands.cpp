@@ -70,9 +70,9 @@ KaSubOptions Parse(const Command& cmd, int argc, char** argv)
             std::exit(0);
         } else if (a == "--set") o.settings.push_back(value());
         else if (a == "--params") o.paramsFile = value();
-        else if (a == "--x") o.columns.x = value();
-        else if (a == "--y") o.columns.y = value();
-        else if (a == "--z") o.columns.z = value(), o.zColumnGiven = true;
+        else if (a == "--x") o.columns.x = value(), o.given[0] = true;
+        else if (a == "--y") o.columns.y = value(), o.given[1] = true;
+        else if (a == "--z") o.columns.z = value(), o.given[2] = true;
         else if (a == "-q" || a == "--quiet") o.quiet = true;
         else if (std::find(cmd.valueOptions.begin(), cmd.valueOptions.end(), a) != cmd.valueOptions.end())
             o.values[a] = value();

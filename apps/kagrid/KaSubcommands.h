@@ -17,7 +17,7 @@ struct KaSubOptions {
     std::vector<std::string> settings;
     std::string paramsFile;
     KaPointColumns columns;
-    bool zColumnGiven = false;
+    bool given[3] = {false, false, false};  // x, y, z columns named on the command line
     bool quiet = false;
     std::map<std::string, std::string> values;  // "--report" -> "out.json"
 

@@ -87,7 +87,8 @@ int RunVariogram(const KaSubOptions& o)
 
     const std::string input = o.positional[0];
     KaPointColumns columns = o.columns;
-    if (!o.zColumnGiven && !LooksLikeTextPoints(input)) columns.z = "";
+    for (int k = 0; k < 3; ++k) columns.guess[k] = !o.given[k];
+    if (!o.given[2] && !LooksLikeTextPoints(input)) columns.z = "";
     std::unique_ptr<KaDataObject> object = ReadInput(input, columns);
     KaSampleList* raw = nullptr;
     if (!BuildSampleList(raw, object.get())) throw KaIoError(input, "cannot read its samples");
