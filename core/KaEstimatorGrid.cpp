@@ -1,7 +1,10 @@
 #include "core/KaEstimatorGrid.h"
 
+#include <cmath>
+
 double KaEstimatorGrid::EstimateAt(double x, double y)
 {
+    nodeStdDev_ = std::numeric_limits<double>::quiet_NaN();
     if (IsReady()) return EstimateNode(x, y);
     return param_ ? param_->blankValue : 0.0;
 }
@@ -20,4 +23,11 @@ KaSampleList* KaEstimatorGrid::SetSampleList(KaSampleList* samples)
 {
     samples_ = samples;
     return samples_;
+}
+
+double KaStdDevFromVariance(double variance, double magnitude)
+{
+    if (variance >= 0) return std::sqrt(variance);
+    if (variance >= -1e-10 * magnitude) return 0.0;
+    return std::numeric_limits<double>::quiet_NaN();
 }

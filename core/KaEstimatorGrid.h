@@ -1,5 +1,6 @@
 #pragma once
 
+#include <limits>
 #include <memory>
 
 #include "core/KaEstimatorGridParam.h"
@@ -21,6 +22,11 @@ public:
     virtual KaSampleList* GetSampleList() const { return samples_; }
     virtual double EstimateNode(double x, double y) = 0;
 
+    // Estimators that form a kriging variance say so, and after each EstimateAt
+    // give the standard deviation of that node (NaN when it has none).
+    virtual bool FormsStdDev() const { return false; }
+    double NodeStdDev() const { return nodeStdDev_; }
+
     KaEstimatorGridParam* GetParam() const { return param_.get(); }
     double BlankValue() const { return param_ ? param_->blankValue : 0.0; }
 
@@ -41,4 +47,10 @@ protected:
     // Shared only between the thread copies of one job, read-only meanwhile.
     std::shared_ptr<KaEstimatorGridParam> param_;
     KaSampleList* samples_ = nullptr;
+    double nodeStdDev_ = std::numeric_limits<double>::quiet_NaN();
 };
+
+// The standard deviation from a kriging variance whose terms add up to about
+// `magnitude`: round-off just below 0 gives 0, a clearly negative variance
+// (a system that is no valid kriging system) NaN.
+double KaStdDevFromVariance(double variance, double magnitude);

@@ -97,6 +97,17 @@ bool KaGridJob::EstimateSurface(KaSurface* surface)
     }
     matrix.Fill(surface->GetInvalidValue());
 
+    stdDev_.reset();
+    KaTDataMatrix2D<double> sd(kKaMaxDouble);
+    const bool withStdDev = collectStdDev_ && searcher->FormsStdDev();
+    if (withStdDev) {
+        if (!sd.Create(cols, rows)) {
+            failure_ = "Fail to allocate memory to 2D data matrix.";
+            return false;
+        }
+        sd.Fill(surface->GetInvalidValue());
+    }
+
     Percent(0, "Creating Searching Grid");
     searcher->SetSampleList(samples_.get());
     Percent(0, "Estimating");
@@ -112,10 +123,21 @@ bool KaGridJob::EstimateSurface(KaSurface* surface)
     }
     double zMin = kKaMaxDouble, zMax = -kKaMaxDouble;
     if (copies.empty())
-        EstimateRowsInOrder(*searcher, p, matrix, zMin, zMax);
+        EstimateRowsInOrder(*searcher, p, matrix, withStdDev ? sd.data : nullptr, zMin, zMax);
     else
-        EstimateRowsInParallel(*searcher, copies, p, matrix, zMin, zMax);
+        EstimateRowsInParallel(*searcher, copies, p, matrix, withStdDev ? sd.data : nullptr, zMin, zMax);
     SetSurfaceLimits(*surface, zMin, zMax);
+    if (withStdDev) {
+        stdDev_ = std::make_unique<KaSurface>();
+        stdDev_->SetID(KaObject::CreateUniqueID());
+        stdDev_->GetSurfaceObjInfo() = surface->GetSurfaceObjInfo();
+        const double blank = p.blankValue;
+        double sMin = kKaMaxDouble, sMax = -kKaMaxDouble;
+        for (std::size_t i = 0; i < static_cast<std::size_t>(cols) * rows; ++i)
+            if (std::fabs(sd.data[i] - blank) > 1e-20) sMin = std::min(sMin, sd.data[i]), sMax = std::max(sMax, sd.data[i]);
+        SetSurfaceLimits(*stdDev_, sMin, sMax);
+        if (!stdDev_->SetGridDataArray(std::move(sd))) stdDev_.reset();
+    }
     return surface->SetGridDataArray(std::move(matrix));
 }
 
@@ -140,8 +162,9 @@ namespace {
 
 // One row: the values into `row`, the z range of its non-blank values kept
 // the way the whole-grid loop keeps it (the first of equal extremes wins).
+// With `sdRow`, each non-blank node's standard deviation, when it has one.
 void EstimateRow(KaEstimatorGrid& e, const KaEstimatorGridParam& p, uint32_t r, uint32_t cols, double* row,
-                 double& zMin, double& zMax)
+                 double* sdRow, double& zMin, double& zMax)
 {
     const double dx = p.GetDx(), dy = p.GetDy(), blank = p.blankValue;
     const double y = dy * r + p.yMin;
@@ -152,18 +175,23 @@ void EstimateRow(KaEstimatorGrid& e, const KaEstimatorGridParam& p, uint32_t r, 
             zMin = std::min(zMin, v);
         }
         row[c] = v;
+        if (sdRow) {
+            const double s = e.NodeStdDev();
+            if (std::fabs(v - blank) > 1e-20 && !std::isnan(s)) sdRow[c] = s;
+        }
     }
 }
 
 }  // namespace
 
 void KaGridJob::EstimateRowsInOrder(KaEstimatorGrid& e, const KaEstimatorGridParam& p, KaTDataMatrix2D<double>& m,
-                                    double& zMin, double& zMax)
+                                    double* sd, double& zMin, double& zMax)
 {
     int lastPercent = -1;
     for (uint32_t r = 0; r < m.rowCount; ++r) {
         RowPercent(r, m.rowCount, lastPercent);
-        EstimateRow(e, p, r, m.columnCount, m.data + static_cast<std::size_t>(r) * m.columnCount, zMin, zMax);
+        const std::size_t at = static_cast<std::size_t>(r) * m.columnCount;
+        EstimateRow(e, p, r, m.columnCount, m.data + at, sd ? sd + at : nullptr, zMin, zMax);
     }
 }
 
@@ -175,8 +203,8 @@ void KaGridJob::EstimateRowsInOrder(KaEstimatorGrid& e, const KaEstimatorGridPar
 // single loop. A failing node stops further rows from being handed out; the
 // failure of the lowest row is the one reported, as the single loop would.
 void KaGridJob::EstimateRowsInParallel(KaEstimatorGrid& first, std::vector<std::unique_ptr<KaEstimatorGrid>>& copies,
-                                       const KaEstimatorGridParam& p, KaTDataMatrix2D<double>& m, double& zMin,
-                                       double& zMax)
+                                       const KaEstimatorGridParam& p, KaTDataMatrix2D<double>& m, double* sd,
+                                       double& zMin, double& zMax)
 {
     const uint32_t rows = m.rowCount, cols = m.columnCount;
     std::vector<double> rowMin(rows, kKaMaxDouble), rowMax(rows, -kKaMaxDouble);
@@ -195,7 +223,8 @@ void KaGridJob::EstimateRowsInParallel(KaEstimatorGrid& first, std::vector<std::
         const uint32_t r = next.fetch_add(1, std::memory_order_relaxed);
         if (r >= rows) return false;
         try {
-            EstimateRow(e, p, r, cols, m.data + static_cast<std::size_t>(r) * cols, rowMin[r], rowMax[r]);
+            const std::size_t at = static_cast<std::size_t>(r) * cols;
+            EstimateRow(e, p, r, cols, m.data + at, sd ? sd + at : nullptr, rowMin[r], rowMax[r]);
         } catch (...) {
             std::lock_guard<std::mutex> lock(failureLock);
             if (r < failedRow) {

@@ -61,6 +61,12 @@ public:
     // otherwise. The job itself stays silent; callers may show it.
     virtual std::string FailureReason() const { return failure_; }
 
+    // When set before Run, an estimator that forms a kriging variance also
+    // fills a standard-deviation surface on the same lattice (blank where the
+    // estimate is blank); TakeStdDevSurface hands it over after the run.
+    void CollectStdDev(bool on) { collectStdDev_ = on; }
+    std::unique_ptr<KaSurface> TakeStdDevSurface() { return std::move(stdDev_); }
+
 protected:
     void Message(const std::string& text) { if (observer_) observer_->Message(text); }
     void Percent(int p, const std::string& text) { if (observer_) observer_->Percent(p, text); }
@@ -70,11 +76,13 @@ protected:
 
     // Progress at the start of row r, at most once per whole percent.
     void RowPercent(uint32_t r, uint32_t rows, int& lastPercent);
+    // `sd`, when not null, receives the standard deviation of each node, laid
+    // out like `m`; every row's values come from the estimator of that row.
     void EstimateRowsInOrder(KaEstimatorGrid& e, const KaEstimatorGridParam& p, KaTDataMatrix2D<double>& m,
-                             double& zMin, double& zMax);
+                             double* sd, double& zMin, double& zMax);
     void EstimateRowsInParallel(KaEstimatorGrid& first, std::vector<std::unique_ptr<KaEstimatorGrid>>& copies,
-                                const KaEstimatorGridParam& p, KaTDataMatrix2D<double>& m, double& zMin,
-                                double& zMax);
+                                const KaEstimatorGridParam& p, KaTDataMatrix2D<double>& m, double* sd,
+                                double& zMin, double& zMax);
     // Threads to use for `rows` rows: the setting, 0 resolved, at most one per row.
     unsigned ThreadsFor(uint64_t rows) const;
 
@@ -83,4 +91,6 @@ protected:
     std::string failure_;
     std::unique_ptr<KaEstimatorGrid> estimator_;
     std::unique_ptr<KaSampleList> samples_;
+    bool collectStdDev_ = false;
+    std::unique_ptr<KaSurface> stdDev_;
 };

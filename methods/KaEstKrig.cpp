@@ -1,5 +1,7 @@
 #include "methods/KaEstKrig.h"
 
+#include <cmath>
+
 #include "core/KaFieldVisitor.h"
 #include "methods/numeric/KaMatrix.h"
 
@@ -25,7 +27,8 @@ KaEstKrigParam::KaEstKrigParam(const KaEstKrigParam& other)
       driftType(other.driftType),
       createStdDev(other.createStdDev),
       stdDevName(other.stdDevName),
-      variogram(other.variogram ? other.variogram->Clone().release() : nullptr)
+      variogram(other.variogram ? other.variogram->Clone().release() : nullptr),
+      nuggetOnDiagonal(other.nuggetOnDiagonal)
 {
 }
 
@@ -38,6 +41,7 @@ KaEstKrigParam& KaEstKrigParam::operator=(const KaEstKrigParam& other)
     createStdDev = other.createStdDev;
     stdDevName = other.stdDevName;
     SetVariogram(other.variogram ? other.variogram->Clone().release() : nullptr);
+    nuggetOnDiagonal = other.nuggetOnDiagonal;
     return *this;
 }
 
@@ -64,12 +68,16 @@ void KaEstKrigParam::VisitFields(KaFieldVisitor& v)
     KaEstGridSearcherParam::VisitFields(v);
     v.Choice("krigType", krigType, kKrigTypes, "Simple (no unbiasedness constraint) or Ordinary");
     v.Choice("driftType", driftType, kDriftTypes, "carried only: the system has no drift terms");
-    v.Field("createStdDev", createStdDev, "carried only: no standard-deviation surface is written");
+    v.Field("createStdDev", createStdDev,
+            "kagrid: also write the kriging standard deviation, named stdDevName, beside the output");
     v.Field("stdDevName", stdDevName, "name of the standard-deviation surface");
     v.Field("variogram", variogram,
             "variogram model: {\"scale\": s, \"components\": [{\"model\": \"Spherical\", \"sill\": 1, "
             "\"range\": 1, \"power\": 3, \"angle1\": 0, \"angle2\": 0, \"angle3\": 0, \"ratio1\": 1, "
             "\"ratio2\": 1}]}");
+    v.Field("nuggetOnDiagonal", nuggetOnDiagonal,
+            "true: the variogram at zero separation is the nugget sill, so for ordinary kriging a nugget "
+            "changes nothing; false: it is 0 and a nugget smooths the estimate");
 }
 
 void KaEstKrigParam::SetOutputNames(const std::string& objectName, const std::string& suffix)
@@ -95,7 +103,13 @@ std::unique_ptr<KaEstimatorGrid> KaEstKrig::CloneForThread() const
 double KaEstKrig::EstimateNode(double x, double y)
 {
     double value;
-    if (SearchOrDecide(x, y, neighbours_, value)) return value;
+    if (SearchOrDecide(x, y, neighbours_, value)) {
+        if (!neighbours_.empty()) {  // a sample on the node has no estimation error
+            const double dx = x - neighbours_[0].x, dy = y - neighbours_[0].y, tol = GetParam()->tolerance;
+            if (dx * dx + dy * dy <= tol * tol) nodeStdDev_ = 0.0;
+        }
+        return value;
+    }
     const KaEstKrigParam* p = krigParam_;
     if (!p || !p->variogram) return BlankValue();
 
@@ -126,17 +140,16 @@ bool KaEstKrig::BuildMatrix(const KaEstKrigParam& p, const KaNeighbours& nb)
     // Every ordered pair is evaluated and written to (i, j) and (j, i), the later
     // write winning: for i < j that is the pair visited as (j, i), with the
     // separation x_i - x_j. Only those evaluations are made.
-    const KaVarioVector& g = *p.variogram;
     for (int32_t j = 0; j < m; ++j) {
         const Ka3DPoint& pj = nb[j];
         for (int32_t i = 0; i < j; ++i) {
             const Ka3DPoint& pi = nb[i];
-            const double v = g.Evaluate(pi.x - pj.x, pi.y - pj.y, 0.0);
+            const double v = Gamma(p, pi.x - pj.x, pi.y - pj.y);
             a[j * stride + i] = v;
             a[i * stride + j] = v;
         }
-        // the diagonal: the nugget sills, not 0
-        a[j * stride + j] = g.Evaluate(pj.x - pj.x, pj.y - pj.y, 0.0);
+        // the diagonal: by design the nugget sills, not 0
+        a[j * stride + j] = Gamma(p, pj.x - pj.x, pj.y - pj.y);
     }
     return true;
 }
@@ -150,9 +163,8 @@ bool KaEstKrig::BuildRightHandSide(const KaEstKrigParam& p, double x, double y, 
         rhs_[count_] = 1.0;
         weights_[count_] = 1.0;
     }
-    const KaVarioVector& g = *p.variogram;
     for (int32_t j = 0; j < count_; ++j) {
-        const double v = g.Evaluate(x - nb[j].x, y - nb[j].y, 0.0);
+        const double v = Gamma(p, x - nb[j].x, y - nb[j].y);
         rhs_[j] = v;
         weights_[j] = v;
     }
@@ -161,12 +173,22 @@ bool KaEstKrig::BuildRightHandSide(const KaEstKrigParam& p, double x, double y, 
 
 double KaEstKrig::Combine(const KaEstKrigParam& p, const KaNeighbours& nb)
 {
-    krigingVariance_ = p.variogram->Evaluate(0.0, 0.0, 0.0);
+    krigingVariance_ = Gamma(p, 0.0, 0.0);
     double estimate = 0.0;
+    // The estimation variance of the system as solved, sum w g0 + mu (mu only
+    // for ordinary kriging), for the standard-deviation surface.
+    double variance = 0.0, magnitude = 0.0;
     for (int32_t j = 0; j < count_; ++j) {
         estimate += nb[j].z * weights_[j];
         krigingVariance_ -= rhs_[j] * weights_[j];
+        variance += rhs_[j] * weights_[j];
+        magnitude += std::fabs(rhs_[j] * weights_[j]);
     }
-    if (p.krigType == 1) krigingVariance_ -= weights_[count_];  // the Lagrange multiplier
+    if (p.krigType == 1) {
+        krigingVariance_ -= weights_[count_];  // the Lagrange multiplier
+        variance += weights_[count_];
+        magnitude += std::fabs(weights_[count_]);
+    }
+    nodeStdDev_ = KaStdDevFromVariance(variance, magnitude);
     return estimate;
 }

@@ -28,6 +28,9 @@ public:
     bool createStdDev = false;
     std::string stdDevName;
     KaVarioVector* variogram = nullptr;  // owned
+    // true: the variogram at zero separation is the nugget sill (the design);
+    // false: it is 0, and the nugget applies to every separation above 0.
+    bool nuggetOnDiagonal = true;
 };
 
 // Kriging from the neighbours of each node with the record's variogram model,
@@ -40,6 +43,7 @@ public:
     // Also builds the variogram components' anisotropy transforms, which the
     // copies then only read.
     std::unique_ptr<KaEstimatorGrid> CloneForThread() const override;
+    bool FormsStdDev() const override { return true; }
 
     // Of the last node that reached the system (blank when its solve failed).
     double KrigingVariance() const { return krigingVariance_; }
@@ -48,6 +52,12 @@ protected:
     bool BuildMatrix(const KaEstKrigParam& p, const KaNeighbours& n);
     bool BuildRightHandSide(const KaEstKrigParam& p, double x, double y, const KaNeighbours& n);
     double Combine(const KaEstKrigParam& p, const KaNeighbours& n);
+    // The variogram between two points, with the zero-separation rule.
+    static double Gamma(const KaEstKrigParam& p, double dx, double dy)
+    {
+        if (!p.nuggetOnDiagonal && dx == 0 && dy == 0) return 0.0;
+        return p.variogram->Evaluate(dx, dy, 0.0);
+    }
 
     const KaEstKrigParam* krigParam_ = nullptr;  // the record, when of this kind
     double krigingVariance_ = 1.0;

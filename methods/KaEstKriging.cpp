@@ -19,7 +19,13 @@ void KaEstKriging::SetParam(std::unique_ptr<KaEstimatorGridParam> param)
 double KaEstKriging::EstimateNode(double x, double y)
 {
     double value;
-    if (SearchOrDecide(x, y, neighbours_, value)) return value;
+    if (SearchOrDecide(x, y, neighbours_, value)) {
+        if (!neighbours_.empty()) {  // a sample on the node has no estimation error
+            const double dx = x - neighbours_[0].x, dy = y - neighbours_[0].y, tol = GetParam()->tolerance;
+            if (dx * dx + dy * dy <= tol * tol) nodeStdDev_ = 0.0;
+        }
+        return value;
+    }
     const KaEstKrigingParam* p = linearParam_;
     if (!p) return BlankValue();
 
@@ -63,5 +69,15 @@ double KaEstKriging::EstimateNode(double x, double y)
 
     double estimate = 0.0;
     for (uint32_t i = 0; i < last; ++i) estimate += rhs_[i] * nb[i].z;  // rhs_[last]: the multiplier
+    // The variance of the system as solved (the first n - 1 neighbours, the
+    // multiplier last): sum w g0 + mu.
+    double variance = rhs_[last], magnitude = std::fabs(rhs_[last]);
+    for (uint32_t i = 0; i < last; ++i) {
+        const double dy = nb[i].y - y, dx = nb[i].x - x;
+        const double t = rhs_[i] * (slope * std::sqrt(dy * dy + dx * dx));
+        variance += t;
+        magnitude += std::fabs(t);
+    }
+    nodeStdDev_ = KaStdDevFromVariance(variance, magnitude);
     return estimate;
 }

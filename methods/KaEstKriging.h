@@ -21,6 +21,7 @@ class KaEstKriging : public KaEstGridSearcher {
 public:
     void SetParam(std::unique_ptr<KaEstimatorGridParam> param) override;
     double EstimateNode(double x, double y) override;
+    bool FormsStdDev() const override { return true; }
     KA_CLONE_FOR_THREAD(KaEstKriging)
 
     KaEstKriging() = default;

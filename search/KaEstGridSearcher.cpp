@@ -1,7 +1,12 @@
 #include "search/KaEstGridSearcher.h"
 
 KaEstGridSearcher::KaEstGridSearcher(const KaEstGridSearcher& other)
-    : KaEstimatorGrid(other), searchParam_(other.searchParam_), grid_(other.grid_)
+    : KaEstimatorGrid(other),
+      searchParam_(other.searchParam_),
+      grid_(other.grid_),
+      nearest_(other.nearest_),
+      excluded_(other.excluded_),
+      skip_(other.skip_)
 {
 }
 
@@ -40,6 +45,12 @@ bool KaEstGridSearcher::SearchOrDecide(double x, double y, KaNeighbours& out, do
     return false;
 }
 
+void KaEstGridSearcher::SetExcludedSample(std::size_t index)
+{
+    excluded_ = index;
+    skip_ = grid_ ? grid_->SkipFor(index) : KaSampleSkip{};
+}
+
 KaSampleList* KaEstGridSearcher::SetSampleList(KaSampleList* samples)
 {
     KaEstimatorGrid::SetSampleList(samples);
@@ -50,15 +61,26 @@ KaSampleList* KaEstGridSearcher::SetSampleList(KaSampleList* samples)
 void KaEstGridSearcher::BuildSearchGrid(KaSampleList* samples)
 {
     grid_.reset();
+    nearest_.reset();
     const KaEstGridSearcherParam* p = searchParam_;
     // The method's own record decides validity (it may check more than the search).
-    if (!p || !param_->IsValid() || !samples) return;
-    grid_ = KaSearchGrid::Build(*p, *samples);
+    if (p && param_->IsValid() && samples && !samples->empty()) {
+        if (p->searchMode == kKaSearchNearest) {
+            auto nearest = std::make_shared<KaNearestSearch>();
+            nearest->Build(*samples, *p);
+            if (nearest->IsBuilt()) nearest_ = std::move(nearest);
+        } else {
+            grid_ = KaSearchGrid::Build(*p, *samples);
+        }
+    }
+    SetExcludedSample(excluded_);
 }
 
 bool KaEstGridSearcher::Search(double x, double y, KaNeighbours& result, bool stopAtCoincident)
 {
     const KaEstGridSearcherParam* p = searchParam_;
-    if (!grid_ || !p || !param_->IsValid()) return false;
-    return KaRingSearch(*grid_, *p, workspace_, x, y, result, stopAtCoincident);
+    if (!p || !param_->IsValid()) return false;
+    if (nearest_) return nearest_->Search(x, y, result, stopAtCoincident, excluded_, workspace_.nearest);
+    if (!grid_) return false;
+    return KaRingSearch(*grid_, *p, workspace_, x, y, result, stopAtCoincident, skip_);
 }

@@ -8,6 +8,7 @@
 #include "core/KaEstimatorGrid.h"
 #include "platform/kadata/Ka3DPoint.h"
 #include "search/KaEstGridSearcherParam.h"
+#include "search/KaNearestSearch.h"
 #include "search/KaSearchGrid.h"
 
 // Base of the searching estimators: keeps the samples in square buckets over the
@@ -36,6 +37,11 @@ public:
     // sector index out of range.
     bool Search(double x, double y, KaNeighbours& result, bool stopAtCoincident);
 
+    // Leaves the sample with this input index out of every later search (for
+    // leave-one-out estimates); kNoSample takes every sample again.
+    static constexpr std::size_t kNoSample = KaNearestSearch::kNone;
+    void SetExcludedSample(std::size_t index);
+
     const KaSearchGridInfo& SearchGridInfo() const;
     std::size_t BucketCount() const { return grid_ ? grid_->BucketCount() : 0; }
     // Samples of one bucket, in sample-list order.
@@ -44,8 +50,8 @@ public:
     const std::shared_ptr<const KaSearchGrid>& Grid() const { return grid_; }
 
 protected:
-    // For CloneForThread: shares the record, the samples and the search grid;
-    // the workspace starts empty.
+    // For CloneForThread: shares the record, the samples and the search grid
+    // (or nearest index), leaves out the same sample; the workspace starts empty.
     KaEstGridSearcher(const KaEstGridSearcher& other);
 
     // The common opening of the searching methods: the neighbours of (x, y) into
@@ -56,13 +62,23 @@ protected:
 
     const KaEstGridSearcherParam* SearchParam() const { return searchParam_; }
     // Drops the search grid (used by methods that never search).
-    void ClearSearchGrid() { grid_.reset(); }
+    void ClearSearchGrid()
+    {
+        grid_.reset();
+        nearest_.reset();
+        skip_ = {};
+    }
 
 private:
     void BuildSearchGrid(KaSampleList* samples);
 
     const KaEstGridSearcherParam* searchParam_ = nullptr;  // the record, when a search record
     std::shared_ptr<const KaSearchGrid> grid_;
+    // The nearest-first index, built instead of the search grid in that mode;
+    // shared by the thread copies like the grid.
+    std::shared_ptr<const KaNearestSearch> nearest_;
+    std::size_t excluded_ = kNoSample;
+    KaSampleSkip skip_;  // the excluded sample's copies in the search grid
     KaSearchWorkspace workspace_;
 };
 

@@ -4,10 +4,17 @@
 
 #include "core/KaFieldVisitor.h"
 
+namespace {
+
+const char* const kSearchModes[] = {"rings", "nearest"};
+
+}  // namespace
+
 std::string KaEstGridSearcherParam::ValidateSearch() const
 {
     std::string base = KaEstimatorGridParam::Validate();
     if (!base.empty()) return base;
+    if (searchMode != kKaSearchRings && searchMode != kKaSearchNearest) return "searchMode: must be rings or nearest";
     if (!useSearch) return {};
     if (sectorCount < 1) return "sectorCount: must be at least 1";
     if (minInAll <= 0) return "minInAll: must be above 0";
@@ -31,6 +38,9 @@ void KaEstGridSearcherParam::VisitFields(KaFieldVisitor& v)
     v.Field("radius1", radius1, "search ellipse semi-axis along the ellipse angle");
     v.Field("radius2", radius2, "search ellipse semi-axis across the ellipse angle");
     v.Field("ellipseAngle", ellipseAngle, "search ellipse angle, degrees");
+    v.Choice("searchMode", searchMode, kSearchModes,
+             "rings: the ring walk above; nearest: the samples inside a true ellipse, nearest first, "
+             "up to maxFromEach per sector and maxFromAll in all");
 }
 
 void KaEstGridSearcherParam::ApplySearchDefaults(uint64_t n, double diagonal)

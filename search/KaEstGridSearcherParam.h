@@ -4,6 +4,8 @@
 
 #include "core/KaEstimatorGridParam.h"
 
+enum : int32_t { kKaSearchRings = 0, kKaSearchNearest = 1 };
+
 // Search settings shared by every method that estimates from nearby samples.
 class KaEstGridSearcherParam : public KaEstimatorGridParam {
 public:
@@ -23,4 +25,6 @@ public:
     double radius1 = 1.0;
     double radius2 = 1.0;
     double ellipseAngle = 0.0;
+    // How neighbours are chosen: the ring walk of the design, or nearest first.
+    int32_t searchMode = kKaSearchRings;
 };

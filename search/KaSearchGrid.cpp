@@ -64,12 +64,14 @@ void KaBucketLines::Build(const std::vector<Ka3DPoint>& points, const std::vecto
     }
 
     samples_.resize(n);
+    slotOf_.resize(n);
     cellStart_.clear();
     cellPos_.clear();
     std::vector<uint32_t> cellLine;  // only to fill the line starts
     for (std::size_t k = 0; k < n; ++k) {
         const uint32_t i = order[k];
         samples_[k] = points[i];
+        slotOf_[i] = static_cast<uint32_t>(k);
         if (k == 0 || line[i] != line[order[k - 1]] || pos[i] != pos[order[k - 1]]) {
             cellStart_.push_back(static_cast<uint32_t>(k));
             cellPos_.push_back(pos[i]);
@@ -122,7 +124,7 @@ void KaBucketLines::BuildDense(const std::vector<uint32_t>& cellLine, int64_t li
 std::size_t KaBucketLines::MemoryBytes() const
 {
     return blockBase_.capacity() * 4 + local_.capacity() * 2 + lineStart_.capacity() * 4 + cellPos_.capacity() * 4 +
-           lines_.capacity() * 4 + linesCell_.capacity() * 4 + cellStart_.capacity() * 4 +
+           lines_.capacity() * 4 + linesCell_.capacity() * 4 + cellStart_.capacity() * 4 + slotOf_.capacity() * 4 +
            samples_.capacity() * sizeof(Ka3DPoint);
 }
 
@@ -210,6 +212,7 @@ std::shared_ptr<const KaSearchGrid> KaSearchGrid::Build(const KaEstGridSearcherP
 
     auto grid = std::make_shared<KaSearchGrid>();
     grid->info_ = g;
+    grid->sampleCount_ = n;
     const double items = static_cast<double>(n) + static_cast<double>(p.columnCount) * static_cast<double>(p.rowCount);
     const bool dense = cols * rows <= kDenseBucketsPerItem * (items + 1024);
     // A table of lines costs 4 bytes a line: kept while the lines are not many
@@ -233,6 +236,7 @@ struct Context {
     int32_t sectorCount;
     int64_t maxFromEach;
     bool stopAtCoincident;
+    KaSampleSkip skip;
     // Shortcuts that give the same answers as the full test (see KaSectorTable).
     bool circle;
     double rimIn2, rimOut2;  // squared radius less and more a margin
@@ -304,9 +308,11 @@ Visit VisitSamples(const std::span<const Ka3DPoint>* runs, int count, const Cont
     const double lo2 = ctx.lo2, hi2 = ctx.rimIn2, out2 = ctx.out2;
     const KaSectorTable* table = ctx.lookup;
     const std::size_t cap = ctx.cap;
+    const Ka3DPoint* const skipRow = ctx.skip.row;
+    const Ka3DPoint* const skipColumn = ctx.skip.column;
     for (int i = 0; i < count; ++i)
     for (const Ka3DPoint& s : runs[i]) {
-        if (std::fabs(s.z - invalid) < 1e-20) continue;
+        if (std::fabs(s.z - invalid) < 1e-20 || &s == skipRow || &s == skipColumn) continue;
         const double dx = s.x - nx, dy = s.y - ny;
         const double dist2 = dx * dx + dy * dy;  // (x - sx)^2 + (y - sy)^2 to the last bit
         if (dist2 > out2) continue;
@@ -329,7 +335,7 @@ Visit VisitSamples(const std::span<const Ka3DPoint>* runs, int count, const Cont
 }  // namespace
 
 bool KaRingSearch(const KaSearchGrid& grid, const KaEstGridSearcherParam& p, KaSearchWorkspace& ws, double x,
-                  double y, KaNeighbours& result, bool stopAtCoincident)
+                  double y, KaNeighbours& result, bool stopAtCoincident, const KaSampleSkip& skip)
 {
     const KaSearchGridInfo& g = grid.Info();
     if (grid.BucketCount() == 0 || !g.IsValid()) return false;
@@ -340,7 +346,7 @@ bool KaRingSearch(const KaSearchGrid& grid, const KaEstGridSearcherParam& p, KaS
     const bool circle = p.radius1 == p.radius2 && p.radius1 > 1e-100 && p.radius1 < 1e100;
     Context ctx{x, y, p.tolerance * p.tolerance, p.originalInvalidValue,
                       p.radius1, p.radius2, p.ellipseAngle, p.sectorCount,
-                      p.maxFromEach, stopAtCoincident,
+                      p.maxFromEach, stopAtCoincident, skip,
                       circle, p.radius1 * p.radius1 * (1 - 2e-9), p.radius1 * p.radius1 * (1 + 3e-9),
                       grid.SectorTable(p.sectorCount, p.ellipseAngle),
                       0, 0, nullptr, 0};

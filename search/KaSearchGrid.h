@@ -10,6 +10,7 @@
 #include "core/KaEstimatorSample.h"
 #include "platform/kadata/Ka3DPoint.h"
 #include "search/KaEstGridSearcherParam.h"
+#include "search/KaNearestSearch.h"
 #include "search/KaSectorTable.h"
 
 // Neighbours of one node: copies of the samples, sector by sector.
@@ -64,6 +65,8 @@ public:
         return {samples_.data() + a, samples_.data() + b};
     }
     std::size_t MemoryBytes() const;
+    // Where sample i of the list given to Build sits in the line order.
+    const Ka3DPoint* SampleAt(std::size_t i) const { return samples_.data() + slotOf_[i]; }
 
     // The smallest Chebyshev distance above k from cell (line, pos) to a cell
     // holding samples, when below `limit`; `limit` when there is none below it.
@@ -116,6 +119,14 @@ private:
     std::vector<uint32_t> linesCell_;  // their first occupied cell, and the end
     std::vector<uint32_t> cellStart_;  // first sample of each occupied cell, and the end
     std::vector<Ka3DPoint> samples_;
+    std::vector<uint32_t> slotOf_;  // sample index -> its position in samples_
+};
+
+// One sample left out of a ring walk: its copies in the row and column orders
+// (both null: none).
+struct KaSampleSkip {
+    const Ka3DPoint* row = nullptr;
+    const Ka3DPoint* column = nullptr;
 };
 
 // What BuildSearchGrid prepares from the record and the samples: the bucket
@@ -147,6 +158,12 @@ public:
     {
         return tableReady_ && sectorCount == tableSectors_ && ellipseAngle == tableAngle_ ? &table_ : nullptr;
     }
+    // The copies of sample i of the list (its input index) in this grid.
+    KaSampleSkip SkipFor(std::size_t i) const
+    {
+        if (i >= sampleCount_) return {};
+        return {byRow_.SampleAt(i), byColumn_.SampleAt(i)};
+    }
     // Bytes held, for the memory checks of the tests.
     std::size_t MemoryBytes() const { return byRow_.MemoryBytes() + byColumn_.MemoryBytes(); }
     // See KaBucketLines::NextDistance; (cx, cy) is the node's cell.
@@ -160,6 +177,7 @@ public:
 private:
     KaSearchGridInfo info_;
     KaBucketLines byRow_, byColumn_;
+    std::size_t sampleCount_ = 0;
     KaSectorTable table_;
     bool tableReady_ = false;
     int32_t tableSectors_ = 0;
@@ -170,11 +188,13 @@ private:
 // so threads never share it.
 struct KaSearchWorkspace {
     std::vector<std::vector<Ka3DPoint>> sectors;
+    KaNearestSearch::Workspace nearest;
 };
 
 // The ring walk: the neighbours of (x, y) into `result`, sector by sector;
 // false when fewer than minInAll were found. With stopAtCoincident a sample
 // within the tolerance ends the search as the only neighbour; without it, such
-// a sample counts in sector 0. Throws KaSearchError on a sector index out of range.
+// a sample counts in sector 0. `skip` names a sample the walk passes over as
+// if it were not there. Throws KaSearchError on a sector index out of range.
 bool KaRingSearch(const KaSearchGrid& grid, const KaEstGridSearcherParam& p, KaSearchWorkspace& ws, double x,
-                  double y, KaNeighbours& result, bool stopAtCoincident);
+                  double y, KaNeighbours& result, bool stopAtCoincident, const KaSampleSkip& skip = {});

@@ -115,10 +115,12 @@ TEST(KrigParam, DefaultsNamesAndFields)
     EXPECT_EQ(p.stdDevName, "WellsStdDev");
 
     EXPECT_EQ(katest::OwnKeys(p, KaEstGridSearcherParam()),
-              (std::vector<std::string>{"krigType", "driftType", "createStdDev", "stdDevName", "variogram"}));
+              (std::vector<std::string>{"krigType", "driftType", "createStdDev", "stdDevName", "variogram",
+                                        "nuggetOnDiagonal"}));
     EXPECT_EQ(katest::Choices(p), (std::map<std::string, std::vector<std::string>>{
                                       {"krigType", {"Simple", "Ordinary"}},
-                                      {"driftType", {"None", "Linear", "Quadratic"}}}));
+                                      {"driftType", {"None", "Linear", "Quadratic"}},
+                                      {"searchMode", {"rings", "nearest"}}}));
 }
 
 TEST(KrigParam, ValidationOrder)
@@ -322,7 +324,8 @@ TEST(RadialParam, DefaultsBasisValuesAndValidation)
     EXPECT_EQ(katest::Choices(p), (std::map<std::string, std::vector<std::string>>{
                                       {"basisFunction",
                                        {"Inverse Multiquardric", "Multilog", "Multiquardric", "Natural Cubic Spline",
-                                        "Thin Plate Spline"}}}));
+                                        "Thin Plate Spline"}},
+                                      {"searchMode", {"rings", "nearest"}}}));
 
     // s = R^2 + d^2 with R = 1: 10, 10, 10, 2, 10
     const double d[] = {3, 3, 3, 1, 3};

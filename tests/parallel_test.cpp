@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <random>
 
@@ -19,6 +20,7 @@ namespace {
 
 struct Outcome {
     std::vector<double> grid;
+    std::vector<double> stdDev;  // when asked for and formed
     double zMin = 0, zMax = 0;
     RecordingObserver seen;
     std::string error;  // what the job threw, if anything
@@ -31,6 +33,8 @@ struct SearchCase {
     double radius1, radius2, angle;
     int64_t minInAll;
     bool blanks;  // some samples carry the invalid value
+    int32_t searchMode = kKaSearchRings;
+    bool stdDev = false;  // collect the kriging standard deviation too
 };
 
 // One whole job of `method` over `points` on a 37 x 23 grid with `threads`.
@@ -46,10 +50,12 @@ Outcome RunWith(const KaMethodInfo& method, const std::vector<Ka3DPoint>& points
         q->minInAll = s.minInAll;
         q->maxFromAll = q->maxFromEach = 24;
         q->radius1 = s.radius1, q->radius2 = s.radius2, q->ellipseAngle = s.angle;
+        q->searchMode = s.searchMode;
     }
     if (auto* m = dynamic_cast<KaEstDataMetricsParam*>(record.get())) m->metric = kMetricMedian;
     std::unique_ptr<KaGridJob> job = MakeJob(method, &out.seen);
     job->SetThreadCount(threads);
+    job->CollectStdDev(s.stdDev);
     job->SetEstimator(method.makeEstimator());
     job->SetSampleList(Samples(points));
     if (!job->StartEstimate(std::move(record))) return out;
@@ -62,6 +68,10 @@ Outcome RunWith(const KaMethodInfo& method, const std::vector<Ka3DPoint>& points
         out.grid.assign(m.data, m.data + m.Size());
         out.zMin = surface->GetSurfaceObjInfo().zMin;
         out.zMax = surface->GetSurfaceObjInfo().zMax;
+        if (std::unique_ptr<KaSurface> sd = job->TakeStdDevSurface()) {
+            EXPECT_TRUE(sd->GetGridDataArray(m));
+            out.stdDev.assign(m.data, m.data + m.Size());
+        }
     } catch (const KaSearchError& e) {
         out.error = e.what();
     }
@@ -73,7 +83,13 @@ void ExpectSame(const Outcome& a, const Outcome& b)
     EXPECT_EQ(a.surface, b.surface);
     EXPECT_EQ(a.error, b.error);
     ASSERT_EQ(a.grid.size(), b.grid.size());
-    if (!a.grid.empty()) EXPECT_EQ(0, std::memcmp(a.grid.data(), b.grid.data(), a.grid.size() * sizeof(double)));
+    if (!a.grid.empty()) {
+        EXPECT_EQ(0, std::memcmp(a.grid.data(), b.grid.data(), a.grid.size() * sizeof(double)));
+    }
+    ASSERT_EQ(a.stdDev.size(), b.stdDev.size());
+    if (!a.stdDev.empty()) {
+        EXPECT_EQ(0, std::memcmp(a.stdDev.data(), b.stdDev.data(), a.stdDev.size() * sizeof(double)));
+    }
     EXPECT_EQ(0, std::memcmp(&a.zMin, &b.zMin, sizeof(double)));
     EXPECT_EQ(0, std::memcmp(&a.zMax, &b.zMax, sizeof(double)));
     EXPECT_EQ(a.seen.messages, b.seen.messages);
@@ -109,6 +125,33 @@ TEST(Parallel, EveryMethodGivesTheSingleThreadedJob)
             const Outcome one = RunWith(method, points, s, 1);
             for (unsigned threads : {2u, 3u, 8u}) ExpectSame(one, RunWith(method, points, s, threads));
         }
+}
+
+TEST(Parallel, NearestFirstSearchAndStdDevGiveTheSingleThreadedJob)
+{
+    // The nearest-first index is shared by the thread copies like the search
+    // grid; the standard deviation of a node comes from the copy that
+    // estimated its row.
+    const SearchCase setups[] = {
+        {"nearest, one sector", 1, 0.3, 0.3, 0, 3, false, kKaSearchNearest},
+        {"nearest, rotated ellipse, blanks", 4, 0.3, 0.12, 30, 4, true, kKaSearchNearest},
+        {"rings, std dev", 4, 0.2, 0.2, 0, 6, true, kKaSearchRings, true},
+        {"nearest, std dev", 1, 0.4, 0.4, 0, 5, false, kKaSearchNearest, true},
+    };
+    int withStdDev = 0;
+    for (const KaMethodInfo& method : KaMethods())
+        for (const SearchCase& s : setups) {
+            if (!dynamic_cast<KaEstGridSearcherParam*>(method.makeParam().get())) continue;
+            SCOPED_TRACE(std::string(method.key) + ", " + s.name);
+            const std::vector<Ka3DPoint> points = Cloud(13, s.blanks);
+            const Outcome one = RunWith(method, points, s, 1);
+            if (!one.stdDev.empty()) {
+                ++withStdDev;
+                EXPECT_TRUE(std::any_of(one.stdDev.begin(), one.stdDev.end(), [](double v) { return v > 0 && v < 1e30; }));
+            }
+            for (unsigned threads : {2u, 5u}) ExpectSame(one, RunWith(method, points, s, threads));
+        }
+    EXPECT_EQ(withStdDev, 4);  // both kriging methods, both std dev setups
 }
 
 TEST(Parallel, ASearchFailureIsTheOneTheSingleLoopMeets)
@@ -270,6 +313,60 @@ TEST(SearchGridStorage, CompactStorageWalksLikeOneListPerBucket)
             ASSERT_TRUE(SameList(expected, inside)) << "node (" << x << ", " << y << "): " << expected.size()
                                                     << " expected, " << inside.size() << " found";
         }
+    }
+}
+
+TEST(SearchGridStorage, ALeftOutSampleIsFoundInBothOrders)
+{
+    // Leaving a sample out of the walk equals a grid built without it, on both
+    // storages and with long column edges (read in column order); a thread
+    // copy keeps the sample its original left out.
+    struct Case {
+        uint64_t cols, rows;
+        std::size_t points;
+    };
+    for (const Case& c : {Case{12, 9, 400}, Case{2, 3000, 40}}) {
+        SCOPED_TRACE(std::to_string(c.cols) + " x " + std::to_string(c.rows));
+        auto record = std::make_unique<KaEstMovingAverageParam>();
+        KaEstMovingAverageParam& p = *record;
+        SetGridAndSearch(p, 0, 1, 2, 0.6, 1000000);
+        p.columnCount = c.cols, p.rowCount = c.rows;
+        p.maxFromAll = p.maxFromEach = 1000000;
+        p.tolerance = 0;
+        std::vector<Ka3DPoint> points = RandomPoints(c.points, 7, -0.1, 1.1, -0.1, 1.1);
+        points.push_back(points[3]);  // a twin of a sample that is left out below
+        auto samples = Samples(points);
+        KaEstMovingAverage searcher;
+        searcher.SetParam(std::move(record));
+        searcher.SetSampleList(samples.get());
+        std::mt19937_64 rng(3);
+        std::uniform_real_distribution<double> u(0, 1);
+        KaSearchWorkspace ws;
+        for (std::size_t out : {std::size_t{3}, std::size_t{0}, points.size() - 1, std::size_t{17}}) {
+            std::vector<Ka3DPoint> others = points;
+            others.erase(others.begin() + static_cast<long>(out));
+            auto without = KaSearchGrid::Build(p, *Samples(others));
+            searcher.SetExcludedSample(out);
+            const std::unique_ptr<KaEstimatorGrid> copy = searcher.CloneForThread();
+            auto* copied = dynamic_cast<KaEstGridSearcher*>(copy.get());
+            ASSERT_NE(copied, nullptr);
+            for (int n = 0; n < 20; ++n) {
+                const double x = u(rng), y = u(rng);
+                KaNeighbours want, got, gotCopy;
+                KaRingSearch(*without, p, ws, x, y, want, false);
+                searcher.Search(x, y, got, false);
+                copied->Search(x, y, gotCopy, false);
+                ASSERT_TRUE(SameList(want, got)) << "sample " << out << ", node (" << x << ", " << y << ")";
+                ASSERT_TRUE(SameList(want, gotCopy)) << "sample " << out << ", node (" << x << ", " << y << ")";
+            }
+        }
+        searcher.SetExcludedSample(KaEstGridSearcher::kNoSample);
+        KaNeighbours all;
+        searcher.Search(0.5, 0.5, all, false);
+        EXPECT_GT(all.size(), 0u);
+        KaNeighbours want;
+        KaRingSearch(*searcher.Grid(), p, ws, 0.5, 0.5, want, false);
+        EXPECT_TRUE(SameList(want, all));
     }
 }
 

@@ -26,8 +26,11 @@
 #include "apps/kagrid/io/KaPreview.h"
 #include "apps/kagrid/io/KaRasterIo.h"
 #include "apps/kagrid/KaProgress.h"
+#include "apps/kagrid/KaRunSetup.h"
+#include "apps/kagrid/KaSubcommands.h"
 #include "core/KaRecordFill.h"
 #include "methods/KaEstDataMetrics.h"
+#include "methods/KaEstKrig.h"
 #include "methods/KaMethodRegistry.h"
 #include "platform/kadata/KaDelaunayTriangle.h"
 #include "platform/kadata/KaEventsLog.h"
@@ -45,6 +48,8 @@ const char* kUsage =
     "usage: kagrid METHOD INPUT OUTPUT [options]\n"
     "       kagrid methods [METHOD]   list the methods (or one) with every parameter\n"
     "       kagrid --version\n"
+    "       kagrid cross-validate METHOD INPUT [options]   leave-one-out statistics\n"
+    "       kagrid variogram INPUT [options]               experimental variogram and fit\n"
     "\n"
     "INPUT   points: CSV or whitespace-separated x y z text, or any vector file GDAL reads;\n"
     "        a raster GDAL reads: its nodes become the samples\n"
@@ -64,6 +69,9 @@ const char* kUsage =
     "  -ot TYPE           band type (Float64 by default; Float32, Int16, ...)\n"
     "  -co NAME=VALUE     creation option for the driver (repeatable)\n"
     "  --preview FILE.png also write a colour-mapped picture with a legend\n"
+    "  --stddev FILE      kriging: also write the kriging standard deviation there\n"
+    "                     (default: STDDEVNAME beside OUTPUT, when createStdDev)\n"
+    "  --stddev-preview FILE.png   a picture of the standard deviation, as --preview\n"
     "  --mesh FILE        triangulation: also write the triangle mesh (.gpkg or .shp)\n"
     "  --x COL --y COL --z COL\n"
     "                     text input: columns by 1-based number or header name (default: the\n"
@@ -76,7 +84,7 @@ const char* kUsage =
     "  --version          kagrid's and GDAL's versions\n";
 
 struct Options {
-    std::string method, input, output, format, preview, mesh, paramsFile;
+    std::string method, input, output, format, preview, mesh, paramsFile, stdDev, stdDevPreview;
     std::string methodFilter;  // kagrid methods METHOD
     std::string crs, dataType;
     std::vector<std::string> creationOptions;
@@ -124,6 +132,8 @@ Options ParseArguments(int argc, char** argv)
         else if (a == "--like") o.grid.like = value("a raster");
         else if (a == "--preview") o.preview = value("a PNG file name");
         else if (a == "--mesh") o.mesh = value("a file name");
+        else if (a == "--stddev") o.stdDev = value("a file name");
+        else if (a == "--stddev-preview") o.stdDevPreview = value("a PNG file name");
         else if (a == "--x") { o.columns.x = value("a column"); o.xColumnGiven = true; }
         else if (a == "--y") { o.columns.y = value("a column"); o.yColumnGiven = true; }
         else if (a == "--z") { o.columns.z = value("a column or field"); o.zColumnGiven = true; }
@@ -232,19 +242,6 @@ void ListMethods(const std::string& only)
     std::printf("\nUse --print-params to see the effective values for an input.\n");
 }
 
-// Refuses an output path whose folder cannot take a new file, before any work.
-void CheckWritable(const std::string& path)
-{
-    if (path.empty()) return;
-    const std::filesystem::path p(path);
-    const std::filesystem::path dir = p.has_parent_path() ? p.parent_path() : std::filesystem::path(".");
-    std::error_code ec;
-    if (!std::filesystem::is_directory(dir, ec))
-        throw KaIoError(path, "the folder '" + dir.string() + "' does not exist");
-    if (access(dir.c_str(), W_OK) != 0) throw KaIoError(path, "the folder '" + dir.string() + "' is not writable");
-    if (std::filesystem::is_directory(p, ec)) throw KaIoError(path, "is a folder");
-}
-
 int Run(const Options& o)
 {
     const KaMethodInfo* method = FindMethod(o.method);
@@ -309,6 +306,19 @@ int Run(const Options& o)
     CheckWritable(o.output);
     CheckWritable(o.preview);
     CheckWritable(o.mesh);
+    // The standard deviation: --stddev, or beside the output when the record asks for it.
+    std::string stdDevPath = o.stdDev;
+    if (const auto* krig = dynamic_cast<const KaEstKrigParam*>(record.get());
+        stdDevPath.empty() && krig && krig->createStdDev) {
+        const std::filesystem::path out(o.output);
+        stdDevPath = (out.parent_path() / (krig->stdDevName + out.extension().string())).string();
+    }
+    if (!stdDevPath.empty() && !method->makeEstimator()->FormsStdDev())
+        throw KaParamError(std::string("--stddev: ") + method->key + " forms no kriging variance");
+    CheckWritable(stdDevPath);
+    CheckWritable(o.stdDevPreview);
+    if (!o.stdDevPreview.empty() && stdDevPath.empty())
+        throw KaParamError("--stddev-preview: needs --stddev (or createStdDev)");
     KaRasterWriteOptions how;
     how.format = o.format;
     how.crsWkt = outputCrs;
@@ -331,6 +341,7 @@ int Run(const Options& o)
     job->SetThreadCount(o.threads);
     job->SetSampleList(std::move(samples));
     job->SetEstimator(method->makeEstimator());
+    job->CollectStdDev(!stdDevPath.empty());
     if (!job->StartEstimate(std::move(record))) throw KaParamError("the parameters were refused");
     std::unique_ptr<KaSurface> surface;
     try {
@@ -353,10 +364,20 @@ int Run(const Options& o)
     if (const KaSampleList* used = job->GetSampleList(); used && estimator && estimator->GetParam())
         for (const std::string& w : ReviewSurface(*method, *estimator->GetParam(), *used, *surface))
             std::fprintf(stderr, "kagrid: warning: %s\n", w.c_str());
+    std::unique_ptr<KaSurface> sd = job->TakeStdDevSurface();
     job.reset();  // the samples and the search grid are not needed for writing
 
     WriteSurface(*surface, o.output, how);
     note("wrote " + o.output);
+    if (!stdDevPath.empty()) {
+        if (!sd) throw std::runtime_error("the standard deviation surface was not formed");
+        WriteSurface(*sd, stdDevPath, how);
+        note("wrote " + stdDevPath);
+        if (!o.stdDevPreview.empty()) {
+            WritePreviewPng(*sd, o.stdDevPreview);
+            note("wrote " + o.stdDevPreview);
+        }
+    }
     if (!o.preview.empty()) {
         WritePreviewPng(*surface, o.preview);
         note("wrote " + o.preview);
@@ -378,6 +399,7 @@ int Run(const Options& o)
 
 int main(int argc, char** argv)
 {
+    if (argc > 1 && IsSubcommand(argv[1])) return RunSubcommand(argc - 1, argv + 1);
     const Options o = ParseArguments(argc, argv);
     // The job's own log lines (an allocation failure) reach the user as the
     // run's one-line failure instead.

@@ -149,6 +149,25 @@ std::string Label(double v, double zMin, double zMax)
     return buf;
 }
 
+void SaveCanvas(const Canvas& canvas, const std::string& path)
+{
+    GDALDriver* png = GetGDALDriverManager()->GetDriverByName("PNG");
+    GDALDriver* mem = GetGDALDriverManager()->GetDriverByName("MEM");
+    if (!png || !mem) throw KaIoError(path, "PNG output is not available");
+    kaio::WriteThroughTemp(png, path, [&](const std::string& temp) -> kaio::GdalDatasetPtr {
+        kaio::GdalDatasetPtr ds(mem->Create("", canvas.Width(), canvas.Height(), 3, GDT_Byte, nullptr));
+        if (!ds) return nullptr;
+        for (int k = 0; k < 3; ++k) {
+            std::vector<uint8_t> band = canvas.Channel(k);
+            if (ds->GetRasterBand(k + 1)->RasterIO(GF_Write, 0, 0, canvas.Width(), canvas.Height(),
+                                                   band.data(), canvas.Width(), canvas.Height(),
+                                                   GDT_Byte, 0, 0, nullptr) != CE_None)
+                return nullptr;
+        }
+        return kaio::GdalDatasetPtr(png->CreateCopy(temp.c_str(), ds.get(), TRUE, nullptr, nullptr, nullptr));
+    });
+}
+
 }  // namespace
 
 void WritePreviewPng(const KaSurface& surface, const std::string& path)
@@ -250,19 +269,67 @@ void WritePreviewPng(const KaSurface& surface, const std::string& path)
         canvas.Text(labelX, y, "blank", kInk);
     }
 
-    GDALDriver* png = GetGDALDriverManager()->GetDriverByName("PNG");
-    GDALDriver* mem = GetGDALDriverManager()->GetDriverByName("MEM");
-    if (!png || !mem) throw KaIoError(path, "PNG output is not available");
-    kaio::WriteThroughTemp(png, path, [&](const std::string& temp) -> kaio::GdalDatasetPtr {
-        kaio::GdalDatasetPtr ds(mem->Create("", canvas.Width(), canvas.Height(), 3, GDT_Byte, nullptr));
-        if (!ds) return nullptr;
-        for (int k = 0; k < 3; ++k) {
-            std::vector<uint8_t> band = canvas.Channel(k);
-            if (ds->GetRasterBand(k + 1)->RasterIO(GF_Write, 0, 0, canvas.Width(), canvas.Height(),
-                                                   band.data(), canvas.Width(), canvas.Height(),
-                                                   GDT_Byte, 0, 0, nullptr) != CE_None)
-                return nullptr;
+    SaveCanvas(canvas, path);
+}
+
+void WritePlotPng(const std::string& path, const KaPlot& plot)
+{
+    KaIoInit();
+    double x1 = 0, y1 = 0;
+    for (const auto& [x, y] : plot.points) x1 = std::max(x1, x), y1 = std::max(y1, y);
+    for (const auto& [x, y] : plot.curve) x1 = std::max(x1, x), y1 = std::max(y1, y);
+    if (!(x1 > 0)) x1 = 1;
+    if (!(y1 > 0)) y1 = 1;
+    x1 *= 1.05, y1 *= 1.1;
+
+    const int margin = 16, plotW = 560, plotH = 360;
+    const int tickW = TextWidth("0.000000");
+    const int plotX = margin + kGlyphH + 10 + tickW + 8, plotY = margin + kGlyphH + 14;
+    const int width = plotX + plotW + margin + TextWidth("0.000000") / 2;
+    const int height = plotY + plotH + 8 + kGlyphH + 10 + kGlyphH + margin;
+    Canvas canvas(width, height);
+    canvas.Text(plotX, margin, plot.title, kInk);
+    auto px = [&](double x) { return plotX + static_cast<int>(std::lround(x / x1 * (plotW - 1))); };
+    auto py = [&](double y) { return plotY + plotH - 1 - static_cast<int>(std::lround(y / y1 * (plotH - 1))); };
+    // Ticks at round steps (1, 2 or 5 times a power of ten), about four per axis.
+    auto step = [](double top) {
+        const double raw = top / 4, p = std::pow(10.0, std::floor(std::log10(raw)));
+        return raw / p < 1.5 ? p : raw / p < 3.5 ? 2 * p : raw / p < 7.5 ? 5 * p : 10 * p;
+    };
+    auto tick = [](double v) {
+        char buf[32];
+        std::snprintf(buf, sizeof buf, "%.6g", v);
+        return std::string(buf);
+    };
+    const double sx = step(x1), sy = step(y1);
+    for (int k = 0; k * sx <= x1; ++k) {
+        const std::string l = tick(k * sx);
+        canvas.Fill(px(k * sx), plotY + plotH, 1, 5, kFrame);
+        canvas.Text(px(k * sx) - TextWidth(l) / 2, plotY + plotH + 8, l, kInk);
+    }
+    for (int k = 0; k * sy <= y1; ++k) {
+        const std::string l = tick(k * sy);
+        canvas.Fill(plotX - 5, py(k * sy), 5, 1, kFrame);
+        canvas.Text(plotX - 8 - TextWidth(l), py(k * sy) - kGlyphH / 2, l, kInk);
+    }
+    canvas.Frame(plotX, plotY, plotW, plotH, kFrame);
+    canvas.Text(plotX + (plotW - TextWidth(plot.xLabel)) / 2, plotY + plotH + 10 + kGlyphH, plot.xLabel, kInk);
+    // The y label runs upwards along the left edge, one glyph per line.
+    for (std::size_t i = 0; i < plot.yLabel.size(); ++i) {
+        const int y = plotY + plotH / 2 - static_cast<int>(plot.yLabel.size()) * kGlyphH / 2 + static_cast<int>(i) * kGlyphH;
+        canvas.Text(margin, y, std::string(1, plot.yLabel[i]), kInk);
+    }
+    const Rgb curve = RampColour(0.35), dots{200, 60, 40};
+    for (std::size_t i = 1; i < plot.curve.size(); ++i) {
+        const auto [xa, ya] = plot.curve[i - 1];
+        const auto [xb, yb] = plot.curve[i];
+        const int steps = std::max({std::abs(px(xb) - px(xa)), std::abs(py(yb) - py(ya)), 1});
+        for (int k = 0; k <= steps; ++k) {
+            const double t = static_cast<double>(k) / steps;
+            const double x = xa + (xb - xa) * t, y = std::min(ya + (yb - ya) * t, y1);
+            canvas.Fill(px(x) - 1, py(y) - 1, 2, 2, curve);
         }
-        return kaio::GdalDatasetPtr(png->CreateCopy(temp.c_str(), ds.get(), TRUE, nullptr, nullptr, nullptr));
-    });
+    }
+    for (const auto& [x, y] : plot.points) canvas.Fill(px(x) - 3, py(y) - 3, 7, 7, dots);
+    SaveCanvas(canvas, path);
 }

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "platform/kadata/KaDataObject.h"
 
@@ -11,3 +13,11 @@
 // minimum, maximum and three values between, the name and the lattice size.
 // Written under a temporary name and renamed when complete; throws KaIoError.
 void WritePreviewPng(const KaSurface& surface, const std::string& path);
+
+// A scatter of points and a curve on axes from 0, with tick values, axis
+// labels and a title; written like the preview.
+struct KaPlot {
+    std::string title, xLabel, yLabel;
+    std::vector<std::pair<double, double>> points, curve;
+};
+void WritePlotPng(const std::string& path, const KaPlot& plot);

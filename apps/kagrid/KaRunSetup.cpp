@@ -1,0 +1,80 @@
+#include "apps/kagrid/KaRunSetup.h"
+
+#include <unistd.h>
+
+#include <filesystem>
+#include <cstdio>
+#include <fstream>
+#include <set>
+
+#include "apps/kagrid/io/KaIoError.h"
+#include "apps/kagrid/io/KaParamJson.h"
+#include "apps/kagrid/io/KaRasterIo.h"
+#include "core/KaRecordFill.h"
+
+KaRunSetup PrepareRun(const KaMethodInfo& method, const std::string& inputPath, KaPointColumns columns,
+                      const bool given[3], const std::string& paramsFile, const std::vector<std::string>& settings)
+{
+    KaRunSetup run;
+    for (int k = 0; k < 3; ++k) columns.guess[k] = !given[k];
+    // Vector files take z from the geometry unless a field is named.
+    if (!given[2] && !LooksLikeTextPoints(inputPath)) columns.z = "";
+    KaPointReadReport report;
+    run.input = ReadInput(inputPath, columns, &report);
+    if (report.skippedMissing)
+        std::fprintf(stderr, "kagrid: skipped %zu rows or features with missing values\n", report.skippedMissing);
+
+    run.record = method.makeParam();
+    KaEstimatorGridParam& record = *run.record;
+    const KaFillResult fill = FillRecordFromObject(&record, run.input.get(), method.suffix);
+    if (fill == KaFillResult::Failed) throw KaIoError(inputPath, "not a point set or a surface");
+
+    std::set<std::string> applied;
+    if (!paramsFile.empty()) {
+        std::ifstream in(paramsFile);
+        if (!in) throw KaIoError(paramsFile, "cannot open the parameter file");
+        nlohmann::json j = nlohmann::json::parse(in, nullptr, false);
+        if (j.is_discarded()) throw KaParamError(paramsFile + ": not valid JSON");
+        ApplyJson(record, j, paramsFile, &applied);
+    }
+    for (const std::string& s : settings) ApplySetting(record, s, &applied);
+
+    // Zero width fills as the dialogs do (one column); only zero height needs the grid given.
+    const bool zeroHeight = !(record.limit.yMax > record.limit.yMin);
+    if (fill == KaFillResult::NeedsExplicitGeometry && zeroHeight && !applied.count("columnCount"))
+        throw KaParamError(
+            "the points of " + inputPath + " have zero height, so the grid's column count "
+            "cannot be derived from them; give the grid explicitly, e.g. --set xMin=... --set xMax=... "
+            "--set yMin=... --set yMax=... --set columnCount=... --set rowCount=...");
+    const std::string invalid = record.Validate();
+    if (!invalid.empty()) throw KaParamError("invalid parameter " + invalid);
+    return run;
+}
+
+std::unique_ptr<KaSampleList> TakeSamples(const KaDataObject& input, const std::string& inputPath)
+{
+    KaSampleList* raw = nullptr;
+    if (!BuildSampleList(raw, &input)) throw KaIoError(inputPath, "cannot read its samples");
+    std::unique_ptr<KaSampleList> samples(raw);
+    if (samples->empty()) throw KaIoError(inputPath, "no samples");
+    return samples;
+}
+
+std::string MethodNames()
+{
+    std::string names;
+    for (const KaMethodInfo& m : KaMethods()) names += std::string(names.empty() ? "" : ", ") + m.key;
+    return names;
+}
+
+void CheckWritable(const std::string& path)
+{
+    if (path.empty()) return;
+    const std::filesystem::path p(path);
+    const std::filesystem::path dir = p.has_parent_path() ? p.parent_path() : std::filesystem::path(".");
+    std::error_code ec;
+    if (!std::filesystem::is_directory(dir, ec))
+        throw KaIoError(path, "the folder '" + dir.string() + "' does not exist");
+    if (access(dir.c_str(), W_OK) != 0) throw KaIoError(path, "the folder '" + dir.string() + "' is not writable");
+    if (std::filesystem::is_directory(p, ec)) throw KaIoError(path, "is a folder");
+}

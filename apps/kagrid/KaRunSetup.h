@@ -1,0 +1,33 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "apps/kagrid/io/KaPointReader.h"
+#include "core/KaEstimatorSample.h"
+#include "methods/KaMethodRegistry.h"
+
+// What a gridding run, a cross-validation and a variogram share: the input,
+// read once, and the method's record filled from it and overridden by
+// --params and --set.
+struct KaRunSetup {
+    std::unique_ptr<KaDataObject> input;
+    std::unique_ptr<KaEstimatorGridParam> record;
+};
+
+// Reads the input (columns as given, guessed from a header where not
+// `given`; vector files take z from the geometry unless z is given) and builds the validated record. Throws KaIoError or
+// KaParamError.
+KaRunSetup PrepareRun(const KaMethodInfo& method, const std::string& inputPath, KaPointColumns columns,
+                      const bool given[3], const std::string& paramsFile, const std::vector<std::string>& settings);
+
+// The input's samples in input order; throws KaIoError when there are none.
+std::unique_ptr<KaSampleList> TakeSamples(const KaDataObject& input, const std::string& inputPath);
+
+// "name, name, ..." of every method, for messages.
+std::string MethodNames();
+
+// Refuses an output path whose folder cannot take a new file (or that is a
+// folder), before any work; an empty path passes.
+void CheckWritable(const std::string& path);

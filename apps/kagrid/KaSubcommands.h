@@ -1,0 +1,38 @@
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "apps/kagrid/io/KaPointReader.h"
+
+// kagrid's commands besides gridding: cross-validate and variogram.
+bool IsSubcommand(const char* word);
+// argv[0] is the command's name. Returns the exit status (0, 1 failure, 2 usage).
+int RunSubcommand(int argc, char** argv);
+
+// The options a command was given: the shared ones parsed, its own by name.
+struct KaSubOptions {
+    std::vector<std::string> positional;
+    std::vector<std::string> settings;
+    std::string paramsFile;
+    KaPointColumns columns;
+    bool given[3] = {false, false, false};  // x, y, z columns named on the command line
+    bool quiet = false;
+    std::map<std::string, std::string> values;  // "--report" -> "out.json"
+
+    std::string Value(const std::string& key) const
+    {
+        auto it = values.find(key);
+        return it == values.end() ? std::string() : it->second;
+    }
+    bool Has(const std::string& key) const { return values.count(key) != 0; }
+};
+
+// Thrown for a usage error (exit status 2, with the command's usage text).
+struct KaUsageError {
+    std::string message;
+};
+
+int RunCrossValidate(const KaSubOptions& o);
+int RunVariogram(const KaSubOptions& o);
