@@ -424,3 +424,40 @@ std::unique_ptr<KaScatteredPoints> ReadPointFile(const std::string& path, const 
     object->SetScatteredPoints(std::move(points));
     return object;
 }
+
+KaPointFileColumns PeekPointColumns(const std::string& path)
+{
+    kaio::CheckInputFile(path);
+    KaPointFileColumns out;
+    if (!LooksLikeTextPoints(path)) {
+        KaIoInit();
+        kaio::GdalErrorCapture capture;
+        kaio::GdalDatasetPtr ds(GDALDataset::Open(path.c_str(), GDAL_OF_VECTOR | GDAL_OF_READONLY));
+        if (!ds) throw KaIoError(path, capture.Message("not a point file kagrid can read"));
+        out.vector = true;
+        for (OGRLayer* layer : ds->GetLayers()) {
+            OGRFeatureDefn* defn = layer->GetLayerDefn();
+            if (defn->GetGeomFieldCount() == 0) continue;
+            out.geometryZ = wkbHasZ(layer->GetGeomType());
+            for (int i = 0; i < defn->GetFieldCount(); ++i) out.names.push_back(defn->GetFieldDefn(i)->GetNameRef());
+            break;
+        }
+        return out;
+    }
+    std::ifstream in(path, std::ios::binary);
+    if (!in) throw KaIoError(path, std::string("cannot open the file: ") + std::strerror(errno));
+    std::string raw;
+    for (std::size_t lineNo = 1; std::getline(in, raw); ++lineNo) {
+        std::string_view line(raw);
+        if (lineNo == 1 && line.substr(0, 3) == "\xEF\xBB\xBF") line.remove_prefix(3);
+        const std::string_view body = Trim(line);
+        if (body.empty() || body.front() == '#') continue;
+        out.names = SplitFields(body, DetectSeparator(body, Lower(fs::path(path).extension().string()) == ".tsv"));
+        double v;
+        for (const std::string& f : out.names) out.header = out.header || !ParseNumber(f, v);
+        if (!out.header)
+            for (std::size_t i = 0; i < out.names.size(); ++i) out.names[i] = std::to_string(i + 1);
+        break;
+    }
+    return out;
+}

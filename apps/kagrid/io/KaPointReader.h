@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/kadata/KaDataObject.h"
 
@@ -52,3 +53,15 @@ bool LooksLikeTextPoints(const std::string& path);
 std::unique_ptr<KaScatteredPoints> ReadPointFile(const std::string& path,
                                                  const KaPointColumns& columns = {},
                                                  KaPointReadReport* report = nullptr);
+
+// What a point file offers to choose from, read from its start. Text: the
+// fields of the first non-comment line, as names when that line is a header,
+// else numbered "1", "2", ... Vector: the attribute fields of the first layer
+// with a geometry, and whether that geometry carries z. Throws KaIoError.
+struct KaPointFileColumns {
+    bool vector = false;
+    bool header = false;     // text: the first line names the columns
+    bool geometryZ = false;  // vector: the points have a z of their own
+    std::vector<std::string> names;
+};
+KaPointFileColumns PeekPointColumns(const std::string& path);
