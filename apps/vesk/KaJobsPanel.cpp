@@ -13,9 +13,9 @@ KaJobsPanel::KaJobsPanel(QWidget* parent) : QTreeWidget(parent)
     setUniformRowHeights(true);
     header()->setStretchLastSection(false);
     header()->setSectionResizeMode(2, QHeaderView::Stretch);
-    setColumnWidth(0, 150);
-    setColumnWidth(1, 260);
-    setColumnWidth(3, 140);
+    setColumnWidth(0, 120);
+    setColumnWidth(1, 200);
+    setColumnWidth(3, 110);
 }
 
 int KaJobsPanel::AddThread(KaThread* thread)

@@ -29,7 +29,8 @@ std::pair<double, double> CellSize(const KaSurfaceObjInfo& info)
 QRectF LimitRect(const Ka3DLimit& l) { return QRectF(QPointF(l.xMin, l.yMin), QPointF(l.xMax, l.yMax)); }
 
 // A light from the north-west, 45 degrees up; 1 on a flat surface.
-double Shade(const KaTDataMatrix2D<double>& m, double blank, int r, int c, double dx, double dy)
+// `exaggeration` scales z so that gentle relief still shows.
+double Shade(const KaTDataMatrix2D<double>& m, double blank, int r, int c, double dx, double dy, double exaggeration)
 {
     auto z = [&](int rr, int cc) {
         rr = std::clamp(rr, 0, static_cast<int>(m.rowCount) - 1);
@@ -37,8 +38,8 @@ double Shade(const KaTDataMatrix2D<double>& m, double blank, int r, int c, doubl
         const double v = m.At(rr, cc);
         return KaIsBlankNode(v, blank) ? m.At(r, c) : v;
     };
-    const double gx = (z(r, c + 1) - z(r, c - 1)) / (2 * dx);
-    const double gy = (z(r + 1, c) - z(r - 1, c)) / (2 * dy);
+    const double gx = exaggeration * (z(r, c + 1) - z(r, c - 1)) / (2 * dx);
+    const double gy = exaggeration * (z(r + 1, c) - z(r - 1, c)) / (2 * dy);
     const double lx = -std::sqrt(0.25), ly = std::sqrt(0.25), lz = std::sqrt(0.5);
     const double n = std::sqrt(gx * gx + gy * gy + 1.0);
     const double s = (-gx * lx - gy * ly + lz) / n / lz;
@@ -60,7 +61,7 @@ KaMapView::KaMapView(QWidget* parent) : QWidget(parent)
 void KaMapView::SetLayers(std::vector<KaMapLayer> layers)
 {
     layers_ = std::move(layers);
-    if (!fitted_) ZoomToAll();
+    if (!userMoved_) ZoomToAll();
     update();
 }
 
@@ -112,6 +113,10 @@ QImage KaMapView::SurfaceImage(const KaSurface& surface, bool hillshade)
     const double blank = surface.GetInvalidValue();
     const auto [dx, dy] = CellSize(surface.GetSurfaceObjInfo());
     const int cols = static_cast<int>(m.columnCount), rows = static_cast<int>(m.rowCount);
+    // Relief a tenth of the grid's diagonal is shaded as it is; flatter
+    // surfaces are steepened up to a hundred times.
+    const double diagonal = std::hypot(cols * dx, rows * dy), relief = range.zMax - range.zMin;
+    const double exaggeration = relief > 0 ? std::clamp(0.1 * diagonal / relief, 1.0, 100.0) : 1.0;
     QImage image(cols, rows, QImage::Format_ARGB32);
     for (int j = 0; j < rows; ++j) {
         const int r = rows - 1 - j;  // north up
@@ -124,7 +129,7 @@ QImage KaMapView::SurfaceImage(const KaSurface& surface, bool hillshade)
             }
             KaRgb colour = KaRampColour(range.Position(v));
             if (hillshade) {
-                const double s = 0.45 + 0.55 * Shade(m, blank, r, c, dx, dy);
+                const double s = 0.45 + 0.55 * Shade(m, blank, r, c, dx, dy, exaggeration);
                 auto lit = [s](uint8_t k) { return static_cast<uint8_t>(std::clamp(k * s, 0.0, 255.0)); };
                 colour = {lit(colour.r), lit(colour.g), lit(colour.b)};
             }
@@ -154,12 +159,12 @@ void KaMapView::FitRect(const QRectF& world)
     scale_ = std::min(width() * margin / w, height() * margin / h);
     if (world.width() == 0 && world.height() == 0) scale_ = 1.0;
     centre_ = world.center();
-    fitted_ = true;
     update();
 }
 
 void KaMapView::ZoomToAll()
 {
+    userMoved_ = false;
     QRectF all;
     bool any = false;
     for (const KaMapLayer& l : layers_) {
@@ -173,7 +178,9 @@ void KaMapView::ZoomToAll()
 
 void KaMapView::ZoomTo(const KaDataObject* object)
 {
-    if (object) FitRect(Extent(*object));
+    if (!object) return;
+    FitRect(Extent(*object));
+    userMoved_ = true;
 }
 
 QPointF KaMapView::WorldToScreen(QPointF w) const
@@ -226,10 +233,10 @@ void KaMapView::paintEvent(QPaintEvent*)
                 byColour[std::clamp(static_cast<int>(t * kSteps), 0, kSteps - 1)] << WorldToScreen({q.x, q.y});
             }
             p.setRenderHint(QPainter::Antialiasing, true);
-            p.setPen(QPen(QColor(30, 30, 30), 7, Qt::SolidLine, Qt::RoundCap));
+            p.setPen(QPen(QColor(30, 30, 30), 9, Qt::SolidLine, Qt::RoundCap));
             for (const QPolygonF& poly : byColour) p.drawPoints(poly);
             for (int k = 0; k < kSteps; ++k) {
-                p.setPen(QPen(ToColour(KaRampColour((k + 0.5) / kSteps)), 5, Qt::SolidLine, Qt::RoundCap));
+                p.setPen(QPen(ToColour(KaRampColour((k + 0.5) / kSteps)), 7, Qt::SolidLine, Qt::RoundCap));
                 p.drawPoints(byColour[k]);
             }
             p.setRenderHint(QPainter::Antialiasing, false);
@@ -305,7 +312,7 @@ void KaMapView::DrawLegend(QPainter& p, const KaDataObject& object)
 
 void KaMapView::resizeEvent(QResizeEvent*)
 {
-    if (!fitted_) ZoomToAll();
+    if (!userMoved_) ZoomToAll();
 }
 
 void KaMapView::mousePressEvent(QMouseEvent* e)
@@ -318,6 +325,7 @@ void KaMapView::mouseMoveEvent(QMouseEvent* e)
     if (dragFrom_) {
         const QPoint now = e->position().toPoint();
         centre_ -= QPointF(now.x() - dragFrom_->x(), dragFrom_->y() - now.y()) / scale_;
+        userMoved_ = true;
         dragFrom_ = now;
         update();
     }
@@ -333,6 +341,7 @@ void KaMapView::wheelEvent(QWheelEvent* e)
     if (steps == 0) return;
     const QPointF anchor = ScreenToWorld(e->position());
     scale_ *= std::pow(1.25, steps);
+    userMoved_ = true;
     // Keep the map point under the cursor where it is.
     const QPointF moved = ScreenToWorld(e->position());
     centre_ += anchor - moved;

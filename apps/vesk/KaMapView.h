@@ -32,6 +32,8 @@ public:
     void SetHillshade(bool on);
     bool Hillshade() const { return hillshade_; }
 
+    // Shows every layer, and keeps doing so as layers come and go and the
+    // view is resized, until the user pans or zooms.
     void ZoomToAll();
     void ZoomTo(const KaDataObject* object);
     QPointF WorldToScreen(QPointF world) const;
@@ -69,7 +71,7 @@ private:
     std::vector<KaMapLayer> layers_;
     QHash<const KaDataObject*, QImage> images_;
     bool hillshade_ = false;
-    bool fitted_ = false;
+    bool userMoved_ = false;  // until the user pans or zooms, the map shows everything
     double scale_ = 1.0;  // pixels per map unit
     QPointF centre_;      // map point at the centre of the widget
     std::optional<QPoint> dragFrom_;
