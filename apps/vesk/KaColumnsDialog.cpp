@@ -27,21 +27,42 @@ bool KaColumnsDialog::NeedsChoice(const KaPointFileColumns& layout)
            Lower(layout.names[2]) != "z";
 }
 
-int KaColumnsDialog::Guess(const KaPointFileColumns& layout, char role)
+std::array<int, 3> KaColumnsDialog::Guess(const KaPointFileColumns& layout)
 {
-    static const char* const kHints[3][7] = {
-        {"x", "east", "easting", "lon", "longitude", "long", "x_coord"},
-        {"y", "north", "northing", "lat", "latitude", "y_coord", "northings"},
-        {"z", "elev", "elevation", "height", "depth", "value", "altitude"},
+    static const std::vector<std::string> kHints[3] = {
+        {"x", "east", "easting", "eastings", "lon", "long", "longitude"},
+        {"y", "north", "northing", "northings", "lat", "latitude"},
+        {"z", "elev", "elevation", "height", "depth", "value", "altitude", "level", "thickness"},
     };
-    const int k = role == 'x' ? 0 : role == 'y' ? 1 : 2;
-    for (const char* hint : kHints[k])
-        for (std::size_t i = 0; i < layout.names.size(); ++i)
-            if (Lower(layout.names[i]) == hint) return static_cast<int>(i);
-    if (layout.vector) return layout.names.empty() ? -1 : 0;
-    // Without a telling name: the columns in order after any the other roles
-    // claimed by name.
-    return k < static_cast<int>(layout.names.size()) ? k : -1;
+    const std::size_t n = layout.names.size();
+    std::array<int, 3> pick = {-1, -1, -1};
+    std::vector<bool> taken(n, false);
+    auto claim = [&](int role, std::size_t column) {
+        pick[role] = static_cast<int>(column);
+        taken[column] = true;
+    };
+    // The name itself, then the name's first word ("depth_m", "Elev (m)").
+    auto firstWord = [](const std::string& name) {
+        std::size_t end = 0;
+        while (end < name.size() && std::isalpha(static_cast<unsigned char>(name[end]))) ++end;
+        return name.substr(0, end);
+    };
+    for (bool wholeName : {true, false})
+        for (int role = 0; role < 3; ++role)
+            for (std::size_t i = 0; i < n && pick[role] < 0; ++i) {
+                const std::string name = Lower(layout.names[i]);
+                const std::string key = wholeName ? name : firstWord(name);
+                if (!taken[i] && std::find(kHints[role].begin(), kHints[role].end(), key) != kHints[role].end())
+                    claim(role, i);
+            }
+    if (layout.vector) {
+        if (pick[2] < 0 && n > 0) pick[2] = 0;
+        return pick;
+    }
+    for (int role = 0; role < 3; ++role)
+        for (std::size_t i = 0; i < n && pick[role] < 0; ++i)
+            if (!taken[i] && (i >= layout.numeric.size() || layout.numeric[i])) claim(role, i);
+    return pick;
 }
 
 KaColumnsDialog::KaColumnsDialog(const QString& file, const KaPointFileColumns& layout, QWidget* parent)
@@ -61,7 +82,7 @@ KaColumnsDialog::KaColumnsDialog(const QString& file, const KaPointFileColumns& 
         for (std::size_t i = 0; i < layout.names.size(); ++i)
             box->addItem(layout.header || layout.vector ? QString::fromStdString(layout.names[i])
                                                         : tr("column %1").arg(i + 1));
-        box->setCurrentIndex(Guess(layout, roles[k]));
+        box->setCurrentIndex(Guess(layout)[k]);
         form->addRow(QStringLiteral("%1:").arg(QChar(roles[k])), box);
         boxes_[k] = box;
     }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QDialog>
+#include <array>
 
 #include "apps/kagrid/io/KaPointReader.h"
 
@@ -19,8 +20,10 @@ public:
     // columns are not x, y, z (a header naming them, or exactly three numbers
     // a line), or a vector file whose points carry no z of their own.
     static bool NeedsChoice(const KaPointFileColumns& layout);
-    // The preselected column for "x", "y" or "z" (0-based), or -1.
-    static int Guess(const KaPointFileColumns& layout, char role);
+    // The preselected columns for x, y and z (0-based, -1 for none): a name
+    // that says the role ("Easting", "lat", "depth_m"), else the numeric
+    // columns nobody claimed, in order.
+    static std::array<int, 3> Guess(const KaPointFileColumns& layout);
 
 private:
     KaPointFileColumns layout_;

@@ -301,6 +301,11 @@ void KaVeskWindow::FillRecentMenu()
 
 KaDataObject* KaVeskWindow::AddObject(std::unique_ptr<KaDataObject> object)
 {
+    // Two objects of one name could not be told apart in the tree or when
+    // saving: a later one is numbered.
+    const std::string base = object->GetName();
+    for (int k = 2; FindObject(QString::fromStdString(object->GetName())); ++k)
+        object->SetName(base + "_" + std::to_string(k));
     auto entry = std::make_unique<Entry>();
     entry->node = std::make_unique<KaEmbeddedNode>(object.get());
     entry->object = std::move(object);
@@ -374,10 +379,16 @@ KaVeskWindow::Entry* KaVeskWindow::FromItem(const QTreeWidgetItem* item) const
 void KaVeskWindow::RefreshMap()
 {
     const Entry* current = FromItem(tree_->currentItem());
+    // By kind, and within its kind the selected object on top: selecting a
+    // surface shows it.
     std::vector<KaMapLayer> layers;
-    for (int level = 0; level < 3; ++level)
+    for (int level = 0; level < 3; ++level) {
         for (const auto& e : entries_)
-            if (e->visible && Layer(*e->object) == level) layers.push_back({e->object.get(), e.get() == current});
+            if (e->visible && Layer(*e->object) == level && e.get() != current)
+                layers.push_back({e->object.get(), false});
+        if (current && current->visible && Layer(*current->object) == level)
+            layers.push_back({current->object.get(), true});
+    }
     map_->SetLayers(std::move(layers));
 }
 
@@ -476,10 +487,11 @@ void KaVeskWindow::TakeCreated(KaObject* object, int jobRow)
     auto* data = dynamic_cast<KaDataObject*>(object);
     if (!data) return;
     owned.release();
-    const QString name = QString::fromStdString(data->GetName());
-    jobs_->NoteCreated(jobRow, name);
-    Log(1, tr("%1 created by %2").arg(name, jobs_->JobAt(jobRow).title));
-    AddObject(std::unique_ptr<KaDataObject>(data));
+    KaDataObject* added = AddObject(std::unique_ptr<KaDataObject>(data));
+    jobs_->NoteCreated(jobRow, QString::fromStdString(added->GetName()));
+    Log(1, tr("%1 created by %2").arg(QString::fromStdString(added->GetName()), jobs_->JobAt(jobRow).title));
+    // A new surface becomes the selection: its legend shows, Save As takes it.
+    if (dynamic_cast<KaSurface*>(added)) Select(added);
 }
 
 void KaVeskWindow::WaitForJobs()

@@ -13,7 +13,9 @@
 #include <QProgressBar>
 #include <QStandardPaths>
 #include <QTreeWidget>
+#include <array>
 #include <atomic>
+#include <cmath>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -147,27 +149,28 @@ TEST(VeskArguments, PluginsFilesAndUsageErrors)
 TEST(VeskColumns, WhenToAskAndWhatToGuess)
 {
     struct Case {
-        const char* firstLine;
+        const char* lines;
         bool ask;
-        int x, y, z;
+        std::array<int, 3> guess;
     };
     const Case cases[] = {
-        {"x,y,z", false, 0, 1, 2},
-        {"X;Y;Z", false, 0, 1, 2},
-        {"1 2 3", false, 0, 1, 2},
-        {"1 2 3 4", true, 0, 1, 2},
-        {"id,Easting,Northing,Elev", true, 1, 2, 3},
-        {"lat,lon,depth", true, 1, 0, 2},
+        {"x,y,z\n1,2,3", false, {0, 1, 2}},
+        {"X;Y;Z\n1;2;3", false, {0, 1, 2}},
+        {"1 2 3\n4 5 6", false, {0, 1, 2}},
+        {"1 2 3 4\n", true, {0, 1, 2}},
+        {"id,Easting,Northing,Elev\n7,1,2,3", true, {1, 2, 3}},
+        {"lat,lon,depth\n1,2,3", true, {1, 0, 2}},
+        // No telling name for z: the first numeric column left over.
+        {"station;easting;northing;remark;depth_m;zone\nBH1;1;2;ok;3;4", true, {1, 2, 4}},
+        {"name east north reading\nA 1 2 3", true, {1, 2, 3}},
     };
     const fs::path dir = TempDir("columns");
     for (const Case& c : cases) {
         const fs::path f = dir / "p.csv";
-        std::ofstream(f) << c.firstLine << "\n1,2,3,4\n";
+        std::ofstream(f) << c.lines << "\n";
         const KaPointFileColumns layout = PeekPointColumns(f.string());
-        EXPECT_EQ(KaColumnsDialog::NeedsChoice(layout), c.ask) << c.firstLine;
-        EXPECT_EQ(KaColumnsDialog::Guess(layout, 'x'), c.x) << c.firstLine;
-        EXPECT_EQ(KaColumnsDialog::Guess(layout, 'y'), c.y) << c.firstLine;
-        EXPECT_EQ(KaColumnsDialog::Guess(layout, 'z'), c.z) << c.firstLine;
+        EXPECT_EQ(KaColumnsDialog::NeedsChoice(layout), c.ask) << c.lines;
+        EXPECT_EQ(KaColumnsDialog::Guess(layout), c.guess) << c.lines;
     }
 }
 
@@ -289,6 +292,56 @@ TEST_F(Vesk, GridsTheSampleFromItsMenuLikeKagridAndSavesIt)
     EXPECT_EQ(std::memcmp(back->GridData().data, a.data, a.Size() * sizeof(double)), 0);
     EXPECT_EQ(KaMapView::Extent(*back), KaMapView::Extent(*surface));
     EXPECT_EQ(KaMapView::SurfaceZAt(*back, nx, ny), KaMapView::SurfaceZAt(*surface, nx, ny));
+}
+
+// A session on a file of one's own: odd columns guessed, three methods, a
+// repeated run kept apart by name, every surface saved in its own format.
+TEST_F(Vesk, ThreeMethodsOnAFileOfOnesOwnSavedInThreeFormats)
+{
+    const fs::path dir = TempDir("own");
+    {
+        std::ofstream f(dir / "boreholes.txt");
+        f << "station;easting;northing;depth_m\n";
+        for (int i = 0; i < 120; ++i) {
+            const double x = 431000 + (i * 7919 % 5000), y = 6102000 + (i * 104729 % 3500);
+            f << "BH" << i << ';' << x << ';' << y << ';' << -40 - 15 * std::sin((x - 431000) / 900) << '\n';
+        }
+    }
+    auto* points = dynamic_cast<KaScatteredPoints*>(window->OpenFile(QString::fromStdString((dir / "boreholes.txt").string()), false));
+    ASSERT_NE(points, nullptr);
+    EXPECT_EQ(points->Points()[1].x, 431000 + 7919 % 5000);
+    EXPECT_LT(points->GetLimit().zMax, -20);  // depth, not a coordinate
+
+    const struct {
+        const char* entry;
+        const char* surface;
+        const char* file;
+    } runs[] = {{"Kriging", "boreholes_Krig", "krig.tif"},
+                {"Nearest Neighbor", "boreholes_Near", "near.asc"},
+                {"Triangulation w/Linear Interpolation", "boreholes_GridTri", "tri.img"},
+                {"Nearest Neighbor", "boreholes_Near_2", "near2.tif"}};
+    for (const auto& run : runs) {
+        KaSheetDialogBase* dialog = OpenMethodDialog(points, QString::fromLatin1(run.entry));
+        ASSERT_NE(dialog, nullptr) << run.entry;
+        dialog->findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Ok)->click();
+    }
+    KaJobsPanel* jobs = window->JobsPanel();
+    ASSERT_TRUE(WaitFor([&] { return jobs->JobCount() == 4 && jobs->RunningCount() == 0; }));
+    Screenshot(window.get(), "vesk_three_methods");
+    for (const auto& run : runs) {
+        auto* surface = dynamic_cast<KaSurface*>(window->FindObject(run.surface));
+        ASSERT_NE(surface, nullptr) << run.surface;
+        const QString path = QString::fromStdString((dir / run.file).string());
+        ASSERT_TRUE(window->SaveSurface(surface, path)) << run.file;
+        const std::unique_ptr<KaSurface> back = ReadRasterSurface(path.toStdString());
+        ASSERT_EQ(back->GridData().Size(), surface->GridData().Size());
+        EXPECT_EQ(std::memcmp(back->GridData().data, surface->GridData().data,
+                              surface->GridData().Size() * sizeof(double)),
+                  0)
+            << run.file;
+    }
+    // The last surface delivered is the selection, ready for Save As.
+    EXPECT_NE(window->ObjectTree()->currentItem()->text(0).indexOf("boreholes_"), -1);
 }
 
 TEST_F(Vesk, ContextMenuHasThePluginsEntriesWhereBoundAndTheHostsOwn)

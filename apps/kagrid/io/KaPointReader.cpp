@@ -452,11 +452,29 @@ KaPointFileColumns PeekPointColumns(const std::string& path)
         if (lineNo == 1 && line.substr(0, 3) == "\xEF\xBB\xBF") line.remove_prefix(3);
         const std::string_view body = Trim(line);
         if (body.empty() || body.front() == '#') continue;
-        out.names = SplitFields(body, DetectSeparator(body, Lower(fs::path(path).extension().string()) == ".tsv"));
+        const char sep = DetectSeparator(body, Lower(fs::path(path).extension().string()) == ".tsv");
+        out.names = SplitFields(body, sep);
         double v;
-        for (const std::string& f : out.names) out.header = out.header || !ParseNumber(f, v);
-        if (!out.header)
+        auto numbers = [&](const std::vector<std::string>& fields) {
+            std::vector<bool> n;
+            for (const std::string& f : fields) n.push_back(ParseNumber(f, v) && std::isfinite(v));
+            return n;
+        };
+        out.numeric = numbers(out.names);
+        for (bool n : out.numeric) out.header = out.header || !n;
+        if (!out.header) {
             for (std::size_t i = 0; i < out.names.size(); ++i) out.names[i] = std::to_string(i + 1);
+            break;
+        }
+        // Which columns hold numbers: the first line after the header says.
+        out.numeric.assign(out.names.size(), false);
+        while (std::getline(in, raw)) {
+            const std::string_view next = Trim(raw);
+            if (next.empty() || next.front() == '#') continue;
+            const std::vector<bool> n = numbers(SplitFields(next, sep));
+            for (std::size_t i = 0; i < n.size() && i < out.numeric.size(); ++i) out.numeric[i] = n[i];
+            break;
+        }
         break;
     }
     return out;

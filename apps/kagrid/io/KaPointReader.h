@@ -56,12 +56,13 @@ std::unique_ptr<KaScatteredPoints> ReadPointFile(const std::string& path,
 
 // What a point file offers to choose from, read from its start. Text: the
 // fields of the first non-comment line, as names when that line is a header,
-// else numbered "1", "2", ... Vector: the attribute fields of the first layer
+// else numbered "1", "2", ..., and which of them hold numbers. Vector: the attribute fields of the first layer
 // with a geometry, and whether that geometry carries z. Throws KaIoError.
 struct KaPointFileColumns {
     bool vector = false;
     bool header = false;     // text: the first line names the columns
     bool geometryZ = false;  // vector: the points have a z of their own
     std::vector<std::string> names;
+    std::vector<bool> numeric;  // text: which columns hold a number on the first data line
 };
 KaPointFileColumns PeekPointColumns(const std::string& path);
