@@ -20,6 +20,7 @@
 #include <QTreeWidget>
 #include <QVBoxLayout>
 #include <algorithm>
+#include <cmath>
 
 #include "apps/kagrid/io/KaIoError.h"
 #include "apps/kagrid/io/KaRasterIo.h"
@@ -554,9 +555,11 @@ void KaVeskWindow::slotPlugins()
         list->clear();
         for (const KaPluginEntry& p : KaPluginMgr::Instance().Entries()) {
             auto* item = new QTreeWidgetItem(list);
-            item->setText(0, p.loaded ? p.name : QFileInfo(p.path).fileName());
-            item->setText(1, p.loaded ? QString::number(p.version, 'f', 1) : QString());
-            item->setText(2, p.loaded ? p.buildDate.toString(QStringLiteral("yyyy-MM-dd HH:mm:ss")) : QString());
+            // Asked of the plug-in object now, as it answers them.
+            KaPluginObject* o = p.object.data();
+            item->setText(0, o ? QString::fromStdString(o->GetName()) : p.loaded ? p.name : QFileInfo(p.path).fileName());
+            item->setText(1, o ? QString::number(o->GetVersion(), 'f', 1) : QString());
+            item->setText(2, o ? o->GetBuildDate().toString(QStringLiteral("yyyy-MM-dd HH:mm:ss")) : QString());
             item->setText(3, p.loaded ? tr("loaded") : tr("not loaded: %1").arg(p.error));
             item->setText(4, p.path);
             item->setToolTip(3, item->text(3));
