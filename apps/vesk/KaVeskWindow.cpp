@@ -17,6 +17,7 @@
 #include <QPushButton>
 #include <QSettings>
 #include <QStatusBar>
+#include <QThread>
 #include <QTreeWidget>
 #include <QVBoxLayout>
 #include <algorithm>
@@ -112,7 +113,7 @@ KaVeskWindow::KaVeskWindow(QWidget* parent) : QMainWindow(parent)
     QMenu* file = menuBar()->addMenu(tr("&File"));
     file->addAction(tr("&Open..."), QKeySequence::Open, this, &KaVeskWindow::slotOpen);
     recentMenu_ = file->addMenu(tr("Open &Recent"));
-    file->addAction(tr("&Save Surface As..."), QKeySequence::SaveAs, this, &KaVeskWindow::slotSaveAs);
+    file->addAction(tr("&Save Surface As..."), QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_S), this, &KaVeskWindow::slotSaveAs);
     file->addSeparator();
     file->addAction(tr("&Quit"), QKeySequence::Quit, this, &QWidget::close);
     QMenu* view = menuBar()->addMenu(tr("&View"));
@@ -155,8 +156,11 @@ KaVeskWindow::KaVeskWindow(QWidget* parent) : QMainWindow(parent)
     connect(&KaThreadMgr::Instance(), &KaThreadMgr::sigThreadAdded, this, &KaVeskWindow::ThreadAdded);
     // The log may be written from worker threads: lines reach the panel queued.
     SetEventsLogSink([this](int type, const std::string& message) {
-        QMetaObject::invokeMethod(
-            this, [this, type, text = QString::fromStdString(message)] { Log(type, text); }, Qt::QueuedConnection);
+        const QString text = QString::fromStdString(message);
+        if (QThread::currentThread() == thread())
+            Log(type, text);
+        else
+            QMetaObject::invokeMethod(this, [this, type, text] { Log(type, text); }, Qt::QueuedConnection);
     });
 }
 
@@ -268,14 +272,21 @@ void KaVeskWindow::slotSaveAs()
     const QString suggested = QDir(lastDir_).filePath(QString::fromStdString(e->object->GetName()) + QStringLiteral(".tif"));
     QString path = QFileDialog::getSaveFileName(this, tr("Save Surface As"), suggested, filters.join(QStringLiteral(";;")), &chosen);
     if (path.isEmpty()) return;
-    const int k = std::max<int>(0, static_cast<int>(filters.indexOf(chosen)));
     if (formats.empty()) {
         SaveSurface(e->object.get(), path);
         return;
     }
-    const KaRasterFormat& format = formats[static_cast<std::size_t>(k)];
-    if (QFileInfo(path).suffix().isEmpty()) path += QLatin1Char('.') + QString::fromStdString(format.extension);
-    SaveSurface(e->object.get(), path, QString::fromStdString(format.driver));
+    // A typed extension of a known format wins over the chosen file type;
+    // without one the chosen type's is added.
+    const QString suffix = QFileInfo(path).suffix().toLower();
+    auto format = std::find_if(formats.begin(), formats.end(), [&](const KaRasterFormat& f) {
+        return !suffix.isEmpty() && QString::fromStdString(f.extension).toLower() == suffix;
+    });
+    if (format == formats.end()) {
+        format = formats.begin() + std::max<qsizetype>(0, filters.indexOf(chosen));
+        if (suffix.isEmpty()) path += QLatin1Char('.') + QString::fromStdString(format->extension);
+    }
+    SaveSurface(e->object.get(), path, QString::fromStdString(format->driver));
 }
 
 void KaVeskWindow::AddRecent(const QString& path)
