@@ -7,62 +7,15 @@
 #include <QLabel>
 #include <QVBoxLayout>
 #include <algorithm>
-#include <cctype>
-
-namespace {
-
-std::string Lower(std::string s)
-{
-    for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return s;
-}
-
-}  // namespace
 
 bool KaColumnsDialog::NeedsChoice(const KaPointFileColumns& layout)
 {
     if (layout.vector) return !layout.geometryZ && !layout.names.empty();
     if (!layout.header) return layout.names.size() != 3;
-    return layout.names.size() < 3 || Lower(layout.names[0]) != "x" || Lower(layout.names[1]) != "y" ||
-           Lower(layout.names[2]) != "z";
-}
-
-std::array<int, 3> KaColumnsDialog::Guess(const KaPointFileColumns& layout)
-{
-    static const std::vector<std::string> kHints[3] = {
-        {"x", "east", "easting", "eastings", "lon", "long", "longitude"},
-        {"y", "north", "northing", "northings", "lat", "latitude"},
-        {"z", "elev", "elevation", "height", "depth", "value", "altitude", "level", "thickness"},
-    };
-    const std::size_t n = layout.names.size();
-    std::array<int, 3> pick = {-1, -1, -1};
-    std::vector<bool> taken(n, false);
-    auto claim = [&](int role, std::size_t column) {
-        pick[role] = static_cast<int>(column);
-        taken[column] = true;
-    };
-    // The name itself, then the name's first word ("depth_m", "Elev (m)").
-    auto firstWord = [](const std::string& name) {
-        std::size_t end = 0;
-        while (end < name.size() && std::isalpha(static_cast<unsigned char>(name[end]))) ++end;
-        return name.substr(0, end);
-    };
-    for (bool wholeName : {true, false})
-        for (int role = 0; role < 3; ++role)
-            for (std::size_t i = 0; i < n && pick[role] < 0; ++i) {
-                const std::string name = Lower(layout.names[i]);
-                const std::string key = wholeName ? name : firstWord(name);
-                if (!taken[i] && std::find(kHints[role].begin(), kHints[role].end(), key) != kHints[role].end())
-                    claim(role, i);
-            }
-    if (layout.vector) {
-        if (pick[2] < 0 && n > 0) pick[2] = 0;
-        return pick;
-    }
-    for (int role = 0; role < 3; ++role)
-        for (std::size_t i = 0; i < n && pick[role] < 0; ++i)
-            if (!taken[i] && (i >= layout.numeric.size() || layout.numeric[i])) claim(role, i);
-    return pick;
+    const KaPointColumnGuess g = GuessPointColumns(layout);
+    // z must be called z for the reader to take it by name.
+    return !(g.named[0] && g.named[1] && g.column[2] >= 0 &&
+             QString::fromStdString(layout.names[g.column[2]]).trimmed().toLower() == QLatin1String("z"));
 }
 
 KaColumnsDialog::KaColumnsDialog(const QString& file, const KaPointFileColumns& layout, QWidget* parent)
@@ -76,13 +29,14 @@ KaColumnsDialog::KaColumnsDialog(const QString& file, const KaPointFileColumns& 
     auto* form = new QFormLayout;
     top->addLayout(form);
     const char roles[3] = {'x', 'y', 'z'};
+    const KaPointColumnGuess guess = GuessPointColumns(layout);
     for (int k = layout.vector ? 2 : 0; k < 3; ++k) {
         auto* box = new QComboBox(this);
         box->setObjectName(QStringLiteral("Cbo%1").arg(QChar(roles[k]).toUpper()));
         for (std::size_t i = 0; i < layout.names.size(); ++i)
             box->addItem(layout.header || layout.vector ? QString::fromStdString(layout.names[i])
                                                         : tr("column %1").arg(i + 1));
-        box->setCurrentIndex(Guess(layout)[k]);
+        box->setCurrentIndex(guess.column[k]);
         form->addRow(QStringLiteral("%1:").arg(QChar(roles[k])), box);
         boxes_[k] = box;
     }

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <QDialog>
-#include <array>
 
 #include "apps/kagrid/io/KaPointReader.h"
 
@@ -17,13 +16,10 @@ public:
     KaPointColumns Columns() const;
 
     // True when the file cannot be read as it stands: a text file whose
-    // columns are not x, y, z (a header naming them, or exactly three numbers
-    // a line), or a vector file whose points carry no z of their own.
+    // columns are not x, y, z (a header naming all three as the reader's
+    // guess knows them, or exactly three numbers a line), or a vector file
+    // whose points carry no z of their own.
     static bool NeedsChoice(const KaPointFileColumns& layout);
-    // The preselected columns for x, y and z (0-based, -1 for none): a name
-    // that says the role ("Easting", "lat", "depth_m"), else the numeric
-    // columns nobody claimed, in order.
-    static std::array<int, 3> Guess(const KaPointFileColumns& layout);
 
 private:
     KaPointFileColumns layout_;

@@ -203,6 +203,8 @@ KaDataObject* KaVeskWindow::OpenFile(const QString& path, bool ask)
                 if (dialog.exec() != QDialog::Accepted) return nullptr;
             }
             columns = dialog.Columns();
+        } else if (points && layout.header) {
+            columns.guess[0] = columns.guess[1] = columns.guess[2] = true;  // by name, as kagrid does
         }
     } catch (const KaIoError& e) {
         ShowError(tr("Cannot open %1:\n%2").arg(QFileInfo(path).fileName(), QString::fromStdString(e.what())));

@@ -156,6 +156,7 @@ TEST(VeskColumns, WhenToAskAndWhatToGuess)
     const Case cases[] = {
         {"x,y,z\n1,2,3", false, {0, 1, 2}},
         {"X;Y;Z\n1;2;3", false, {0, 1, 2}},
+        {"id,x,y,z\n1,2,3,4", false, {1, 2, 3}},
         {"1 2 3\n4 5 6", false, {0, 1, 2}},
         {"1 2 3 4\n", true, {0, 1, 2}},
         {"id,Easting,Northing,Elev\n7,1,2,3", true, {1, 2, 3}},
@@ -170,7 +171,7 @@ TEST(VeskColumns, WhenToAskAndWhatToGuess)
         std::ofstream(f) << c.lines << "\n";
         const KaPointFileColumns layout = PeekPointColumns(f.string());
         EXPECT_EQ(KaColumnsDialog::NeedsChoice(layout), c.ask) << c.lines;
-        EXPECT_EQ(KaColumnsDialog::Guess(layout), c.guess) << c.lines;
+        EXPECT_EQ(GuessPointColumns(layout).column, c.guess) << c.lines;
     }
 }
 
@@ -407,7 +408,7 @@ TEST_F(Vesk, BadFilesAndFailedSavesSayWhichFileAndWhy)
     katest::AnswerNextBox(&seen);
     EXPECT_EQ(window->OpenFile(QString::fromStdString(bad.string())), nullptr);
     ASSERT_TRUE(seen.shown);
-    EXPECT_TRUE(seen.text.contains("wells.csv:3: expected 3 numbers, found 'five'")) << seen.text.toStdString();
+    EXPECT_TRUE(seen.text.contains("wells.csv:3: column 'y' (y): expected a number, found 'five'")) << seen.text.toStdString();
     EXPECT_EQ(window->ObjectTree()->topLevelItemCount(), 0);
 
     KaDataObject* points = window->OpenFile(kSample);

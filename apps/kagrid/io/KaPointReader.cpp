@@ -1,6 +1,8 @@
 #include "apps/kagrid/io/KaPointReader.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cctype>
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -478,4 +480,43 @@ KaPointFileColumns PeekPointColumns(const std::string& path)
         break;
     }
     return out;
+}
+
+KaPointColumnGuess GuessPointColumns(const KaPointFileColumns& layout)
+{
+    // Beyond the header names the reader itself knows, words that say z.
+    static const std::vector<std::string> kZWords = {"elev",  "elevation", "height", "depth",    "value",
+                                                     "altitude", "level",  "thickness", "reading"};
+    const std::size_t n = layout.names.size();
+    KaPointColumnGuess g;
+    std::vector<bool> taken(n, false);
+    auto claim = [&](int role, std::size_t column, bool named) {
+        g.column[role] = static_cast<int>(column);
+        g.named[role] = named;
+        taken[column] = true;
+    };
+    // The leading letters of a name: "depth_m" -> "depth", "Elev (m)" -> "elev".
+    auto firstWord = [](const std::string& name) {
+        std::size_t end = 0;
+        while (end < name.size() && std::isalpha(static_cast<unsigned char>(name[end]))) ++end;
+        return Lower(name.substr(0, end));
+    };
+    auto says = [&](int role, const std::string& word) {
+        return NamesRole(role, word) ||
+               (role == 2 && std::find(kZWords.begin(), kZWords.end(), Lower(word)) != kZWords.end());
+    };
+    if (layout.header || layout.vector)
+        for (bool wholeName : {true, false})
+            for (int role = 0; role < 3; ++role)
+                for (std::size_t i = 0; i < n && g.column[role] < 0; ++i)
+                    if (!taken[i] && says(role, wholeName ? layout.names[i] : firstWord(layout.names[i])))
+                        claim(role, i, true);
+    if (layout.vector) {
+        if (g.column[2] < 0 && n > 0) g.column[2] = 0;
+        return g;
+    }
+    for (int role = 0; role < 3; ++role)
+        for (std::size_t i = 0; i < n && g.column[role] < 0; ++i)
+            if (!taken[i] && (i >= layout.numeric.size() || layout.numeric[i])) claim(role, i, false);
+    return g;
 }

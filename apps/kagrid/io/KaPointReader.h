@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -66,3 +67,13 @@ struct KaPointFileColumns {
     std::vector<bool> numeric;  // text: which columns hold a number on the first data line
 };
 KaPointFileColumns PeekPointColumns(const std::string& path);
+
+// Which columns of a peeked file most likely hold x, y and z (0-based, -1 for
+// none): a name the reader's header guess knows, or whose first word says the
+// role ("depth_m", "Elev (m)"); else the numeric columns nobody claimed, in
+// order. For a vector file only z is guessed (an attribute, else the first).
+struct KaPointColumnGuess {
+    std::array<int, 3> column = {-1, -1, -1};
+    std::array<bool, 3> named = {false, false, false};  // found by its name
+};
+KaPointColumnGuess GuessPointColumns(const KaPointFileColumns& layout);
