@@ -30,6 +30,7 @@
 #include "platform/kabaseui/KaBaseDialog.h"
 #include "platform/kadata/KaDelaunayTriangle.h"
 #include "platform/veskui/KaDataLoadThread.h"
+#include "platform/veskui/KaMenuAgency.h"
 #include "platform/veskui/KaPluginMgr.h"
 #include "platform/veskui/KaPopupWidgetMgr.h"
 
@@ -397,6 +398,30 @@ TEST_F(Vesk, JobsRunTogetherAndSayHowTheyEnded)
     EXPECT_EQ(jobs->JobAt(0).outcome, "Done: created made_by_job");
     EXPECT_EQ(jobs->JobAt(1).outcome, "Ended without a surface (last message: The search failed at sample 3)");
     EXPECT_NE(window->FindObject("made_by_job"), nullptr);
+}
+
+// Minimum curvature has no menu entry; its slot, reached as another host
+// would, runs a job that ends without a surface, and the panel says so.
+TEST_F(Vesk, AJobWithoutASurfaceSaysSo)
+{
+    KaDataObject* points = window->OpenFile(kSample);
+    ASSERT_NE(points, nullptr);
+    const KaRuntimeClass* agencyClass = KaRuntimeClass::FromName("KaMenuAgencyEstimator2D");
+    ASSERT_NE(agencyClass, nullptr);
+    std::unique_ptr<KaMenuAgencyBase> agency(dynamic_cast<KaMenuAgencyBase*>(agencyClass->CreateObject()));
+    ASSERT_NE(agency, nullptr);
+    KaEmbeddedNode node(points);
+    QMenu menu;
+    agency->BuildMenu(&node, &menu);
+    ASSERT_TRUE(QMetaObject::invokeMethod(agency.get(), "slotMinCurvature"));
+    auto* dialog = qobject_cast<KaSheetDialogBase*>(KaPopupWidgetMgr::Instance().Widgets().back());
+    ASSERT_NE(dialog, nullptr);
+    dialog->findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Ok)->click();
+    KaJobsPanel* jobs = window->JobsPanel();
+    ASSERT_TRUE(WaitFor([&] { return jobs->JobCount() == 1 && jobs->JobAt(0).finished; }));
+    EXPECT_EQ(jobs->JobAt(0).title, "Minimum Curvature");
+    EXPECT_TRUE(jobs->JobAt(0).outcome.startsWith("Ended without a surface")) << jobs->JobAt(0).outcome.toStdString();
+    EXPECT_EQ(window->Objects().size(), 1u);
 }
 
 TEST_F(Vesk, BadFilesAndFailedSavesSayWhichFileAndWhy)
