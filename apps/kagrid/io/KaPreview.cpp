@@ -268,7 +268,8 @@ void WritePlotPng(const std::string& path, const KaPlot& plot)
         const int y = plotY + plotH / 2 - static_cast<int>(plot.yLabel.size()) * kGlyphH / 2 + static_cast<int>(i) * kGlyphH;
         canvas.Text(margin, y, std::string(1, plot.yLabel[i]), kInk);
     }
-    const Rgb curve = RampColour(0.35), dots{200, 60, 40};
+    const Rgb curve = KaRampColour(0.35);
+    constexpr Rgb dots{200, 60, 40};
     for (std::size_t i = 1; i < plot.curve.size(); ++i) {
         const auto [xa, ya] = plot.curve[i - 1];
         const auto [xb, yb] = plot.curve[i];
