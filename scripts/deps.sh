@@ -4,7 +4,8 @@
 set -euo pipefail
 
 packages=(cmake ninja-build g++ pkg-config libgdal-dev gdal-bin libcgal-dev
-          nlohmann-json3-dev libgtest-dev qt6-base-dev "$@")
+          nlohmann-json3-dev libgtest-dev qt6-base-dev
+          qt6-qpa-plugins fonts-dejavu-core xvfb xauth "$@")
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

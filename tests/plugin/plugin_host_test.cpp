@@ -252,6 +252,9 @@ struct MethodCase {
     bool searchPage;
 };
 
+// Keeps ctest's listing readable (gtest would print the raw bytes).
+void PrintTo(const MethodCase& c, std::ostream* os) { *os << c.kagridMethod; }
+
 class PluginHostMethods : public PluginHost, public ::testing::WithParamInterface<MethodCase> {};
 
 // The surface a dialog's job hands over is kagrid's grid for the same record,

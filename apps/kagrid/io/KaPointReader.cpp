@@ -1,6 +1,8 @@
 #include "apps/kagrid/io/KaPointReader.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <cctype>
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -423,4 +425,98 @@ std::unique_ptr<KaScatteredPoints> ReadPointFile(const std::string& path, const 
     object->SetName(kaio::FileStem(path));
     object->SetScatteredPoints(std::move(points));
     return object;
+}
+
+KaPointFileColumns PeekPointColumns(const std::string& path)
+{
+    kaio::CheckInputFile(path);
+    KaPointFileColumns out;
+    if (!LooksLikeTextPoints(path)) {
+        KaIoInit();
+        kaio::GdalErrorCapture capture;
+        kaio::GdalDatasetPtr ds(GDALDataset::Open(path.c_str(), GDAL_OF_VECTOR | GDAL_OF_READONLY));
+        if (!ds) throw KaIoError(path, capture.Message("not a point file kagrid can read"));
+        out.vector = true;
+        for (OGRLayer* layer : ds->GetLayers()) {
+            OGRFeatureDefn* defn = layer->GetLayerDefn();
+            if (defn->GetGeomFieldCount() == 0) continue;
+            out.geometryZ = wkbHasZ(layer->GetGeomType());
+            for (int i = 0; i < defn->GetFieldCount(); ++i) out.names.push_back(defn->GetFieldDefn(i)->GetNameRef());
+            break;
+        }
+        return out;
+    }
+    std::ifstream in(path, std::ios::binary);
+    if (!in) throw KaIoError(path, std::string("cannot open the file: ") + std::strerror(errno));
+    std::string raw;
+    for (std::size_t lineNo = 1; std::getline(in, raw); ++lineNo) {
+        std::string_view line(raw);
+        if (lineNo == 1 && line.substr(0, 3) == "\xEF\xBB\xBF") line.remove_prefix(3);
+        const std::string_view body = Trim(line);
+        if (body.empty() || body.front() == '#') continue;
+        const char sep = DetectSeparator(body, Lower(fs::path(path).extension().string()) == ".tsv");
+        out.names = SplitFields(body, sep);
+        double v;
+        auto numbers = [&](const std::vector<std::string>& fields) {
+            std::vector<bool> n;
+            for (const std::string& f : fields) n.push_back(ParseNumber(f, v) && std::isfinite(v));
+            return n;
+        };
+        out.numeric = numbers(out.names);
+        for (bool n : out.numeric) out.header = out.header || !n;
+        if (!out.header) {
+            for (std::size_t i = 0; i < out.names.size(); ++i) out.names[i] = std::to_string(i + 1);
+            break;
+        }
+        // Which columns hold numbers: the first line after the header says.
+        out.numeric.assign(out.names.size(), false);
+        while (std::getline(in, raw)) {
+            const std::string_view next = Trim(raw);
+            if (next.empty() || next.front() == '#') continue;
+            const std::vector<bool> n = numbers(SplitFields(next, sep));
+            for (std::size_t i = 0; i < n.size() && i < out.numeric.size(); ++i) out.numeric[i] = n[i];
+            break;
+        }
+        break;
+    }
+    return out;
+}
+
+KaPointColumnGuess GuessPointColumns(const KaPointFileColumns& layout)
+{
+    // Beyond the header names the reader itself knows, words that say z.
+    static const std::vector<std::string> kZWords = {"elev",  "elevation", "height", "depth",    "value",
+                                                     "altitude", "level",  "thickness", "reading"};
+    const std::size_t n = layout.names.size();
+    KaPointColumnGuess g;
+    std::vector<bool> taken(n, false);
+    auto claim = [&](int role, std::size_t column, bool named) {
+        g.column[role] = static_cast<int>(column);
+        g.named[role] = named;
+        taken[column] = true;
+    };
+    // The leading letters of a name: "depth_m" -> "depth", "Elev (m)" -> "elev".
+    auto firstWord = [](const std::string& name) {
+        std::size_t end = 0;
+        while (end < name.size() && std::isalpha(static_cast<unsigned char>(name[end]))) ++end;
+        return Lower(name.substr(0, end));
+    };
+    auto says = [&](int role, const std::string& word) {
+        return NamesRole(role, word) ||
+               (role == 2 && std::find(kZWords.begin(), kZWords.end(), Lower(word)) != kZWords.end());
+    };
+    if (layout.header || layout.vector)
+        for (bool wholeName : {true, false})
+            for (int role = 0; role < 3; ++role)
+                for (std::size_t i = 0; i < n && g.column[role] < 0; ++i)
+                    if (!taken[i] && says(role, wholeName ? layout.names[i] : firstWord(layout.names[i])))
+                        claim(role, i, true);
+    if (layout.vector) {
+        if (g.column[2] < 0 && n > 0) g.column[2] = 0;
+        return g;
+    }
+    for (int role = 0; role < 3; ++role)
+        for (std::size_t i = 0; i < n && g.column[role] < 0; ++i)
+            if (!taken[i] && (i >= layout.numeric.size() || layout.numeric[i])) claim(role, i, false);
+    return g;
 }

@@ -1,8 +1,10 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/kadata/KaDataObject.h"
 
@@ -52,3 +54,26 @@ bool LooksLikeTextPoints(const std::string& path);
 std::unique_ptr<KaScatteredPoints> ReadPointFile(const std::string& path,
                                                  const KaPointColumns& columns = {},
                                                  KaPointReadReport* report = nullptr);
+
+// What a point file offers to choose from, read from its start. Text: the
+// fields of the first non-comment line, as names when that line is a header,
+// else numbered "1", "2", ..., and which of them hold numbers. Vector: the attribute fields of the first layer
+// with a geometry, and whether that geometry carries z. Throws KaIoError.
+struct KaPointFileColumns {
+    bool vector = false;
+    bool header = false;     // text: the first line names the columns
+    bool geometryZ = false;  // vector: the points have a z of their own
+    std::vector<std::string> names;
+    std::vector<bool> numeric;  // text: which columns hold a number on the first data line
+};
+KaPointFileColumns PeekPointColumns(const std::string& path);
+
+// Which columns of a peeked file most likely hold x, y and z (0-based, -1 for
+// none): a name the reader's header guess knows, or whose first word says the
+// role ("depth_m", "Elev (m)"); else the numeric columns nobody claimed, in
+// order. For a vector file only z is guessed (an attribute, else the first).
+struct KaPointColumnGuess {
+    std::array<int, 3> column = {-1, -1, -1};
+    std::array<bool, 3> named = {false, false, false};  // found by its name
+};
+KaPointColumnGuess GuessPointColumns(const KaPointFileColumns& layout);

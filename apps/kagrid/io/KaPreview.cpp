@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "apps/kagrid/io/KaColourMap.h"
 #include "apps/kagrid/io/KaIoError.h"
 #include "apps/kagrid/io/KaIoSupport.h"
 #include "apps/kagrid/io/KaRasterIo.h"
@@ -50,30 +51,10 @@ constexpr uint8_t kFont[95][5] = {
     {0x00, 0x41, 0x36, 0x08, 0x00}, {0x08, 0x04, 0x08, 0x10, 0x08},
 };
 
-struct Rgb {
-    uint8_t r, g, b;
-};
-
-// A perceptually uniform ramp from dark violet through teal to yellow, as
-// eleven evenly spaced stops interpolated linearly.
-constexpr Rgb kRamp[11] = {{68, 1, 84},    {72, 36, 117},  {65, 68, 135},  {53, 95, 141},
-                           {42, 120, 142}, {33, 145, 140}, {34, 168, 132}, {68, 191, 112},
-                           {122, 209, 81}, {189, 223, 38}, {253, 231, 37}};
-
-Rgb RampColour(double t)
-{
-    t = std::clamp(t, 0.0, 1.0) * 10.0;
-    const int i = std::min(9, static_cast<int>(t));
-    const double f = t - i;
-    auto mix = [f](uint8_t a, uint8_t b) {
-        return static_cast<uint8_t>(std::lround(a + (b - a) * f));
-    };
-    return {mix(kRamp[i].r, kRamp[i + 1].r), mix(kRamp[i].g, kRamp[i + 1].g),
-            mix(kRamp[i].b, kRamp[i + 1].b)};
-}
+using Rgb = KaRgb;
 
 constexpr Rgb kBackground{255, 255, 255};
-constexpr Rgb kBlank{217, 217, 217};
+constexpr Rgb kBlank = kKaBlankColour;
 constexpr Rgb kInk{40, 40, 40};
 constexpr Rgb kFrame{90, 90, 90};
 constexpr int kTextScale = 2;
@@ -135,20 +116,6 @@ int TextWidth(const std::string& s)
     return n * kGlyphW;
 }
 
-// Enough significant digits that neighbouring labels a quarter of the range
-// apart read differently.
-std::string Label(double v, double zMin, double zMax)
-{
-    const double mag = std::max(std::fabs(zMin), std::fabs(zMax));
-    const double step = (zMax - zMin) / 4;
-    int digits = 4;
-    if (step > 0 && mag > 0) digits = std::clamp(static_cast<int>(std::ceil(std::log10(mag / step))) + 2, 3, 12);
-    if (std::fabs(v) < step * 1e-9) v = 0.0;  // no "-1.2e-14" for a zero in the middle
-    char buf[64];
-    std::snprintf(buf, sizeof buf, "%.*g", digits, v);
-    return buf;
-}
-
 void SaveCanvas(const Canvas& canvas, const std::string& path)
 {
     GDALDriver* png = GetGDALDriverManager()->GetDriverByName("PNG");
@@ -180,21 +147,9 @@ void WritePreviewPng(const KaSurface& surface, const std::string& path)
     const int cols = static_cast<int>(std::min<uint32_t>(m.columnCount, 1u << 30));
     const int rows = static_cast<int>(std::min<uint32_t>(m.rowCount, 1u << 30));
     const double blank = surface.GetInvalidValue();
-    auto isBlank = [blank](double v) { return !std::isfinite(v) || std::fabs(v - blank) <= 1e-20; };
-
-    double zMin = 0, zMax = 0;
-    bool anyValue = false, anyBlank = false;
-    for (std::size_t i = 0, n = m.Size(); i < n; ++i) {
-        const double v = m.data[i];
-        if (isBlank(v)) {
-            anyBlank = true;
-            continue;
-        }
-        if (!anyValue) zMin = zMax = v;
-        zMin = std::min(zMin, v);
-        zMax = std::max(zMax, v);
-        anyValue = true;
-    }
+    const KaZRange range = KaSurfaceZRange(surface);
+    const double zMin = range.zMin, zMax = range.zMax;
+    const bool anyValue = range.anyValue, anyBlank = range.anyBlank;
 
     // Map size: the long side blown up by a whole factor to at least 400
     // pixels, or sub-sampled to 1000; the short side after the physical aspect.
@@ -212,13 +167,7 @@ void WritePreviewPng(const KaSurface& surface, const std::string& path)
 
     const std::string title = surface.GetName().empty() ? kaio::FileStem(path) : surface.GetName();
     const std::string caption = std::to_string(m.columnCount) + " x " + std::to_string(m.rowCount) + " nodes";
-    std::vector<std::string> labels;
-    if (anyValue) {
-        for (int k = 4; k >= 0; --k) labels.push_back(Label(zMin + (zMax - zMin) * k / 4, zMin, zMax));
-        if (zMin == zMax) labels = {labels.front()};
-    } else {
-        labels = {"no values"};
-    }
+    const std::vector<std::string> labels = KaLegendLabels(range);
     int labelW = TextWidth("blank");
     for (const std::string& s : labels) labelW = std::max(labelW, TextWidth(s));
 
@@ -239,7 +188,7 @@ void WritePreviewPng(const KaSurface& surface, const std::string& path)
             const int c = std::min(cols - 1, static_cast<int>((i + 0.5) * cols / mapW));
             const double v = m.At(r, c);
             Rgb colour = kBlank;
-            if (!isBlank(v)) colour = RampColour(zMax > zMin ? (v - zMin) / (zMax - zMin) : 0.5);
+            if (!KaIsBlankNode(v, blank)) colour = KaRampColour(range.Position(v));
             canvas.Set(mapX + i, mapY + j, colour);
         }
     }
@@ -250,7 +199,7 @@ void WritePreviewPng(const KaSurface& surface, const std::string& path)
     if (anyValue) {
         for (int j = 0; j < barH; ++j) {
             const double t = zMax > zMin ? 1.0 - (j + 0.5) / barH : 0.5;
-            canvas.Fill(barX, barY + j, barW, 1, RampColour(t));
+            canvas.Fill(barX, barY + j, barW, 1, KaRampColour(t));
         }
         canvas.Frame(barX, barY, barW, barH, kFrame);
         for (std::size_t k = 0; k < labels.size(); ++k) {
@@ -319,7 +268,8 @@ void WritePlotPng(const std::string& path, const KaPlot& plot)
         const int y = plotY + plotH / 2 - static_cast<int>(plot.yLabel.size()) * kGlyphH / 2 + static_cast<int>(i) * kGlyphH;
         canvas.Text(margin, y, std::string(1, plot.yLabel[i]), kInk);
     }
-    const Rgb curve = RampColour(0.35), dots{200, 60, 40};
+    const Rgb curve = KaRampColour(0.35);
+    constexpr Rgb dots{200, 60, 40};
     for (std::size_t i = 1; i < plot.curve.size(); ++i) {
         const auto [xa, ya] = plot.curve[i - 1];
         const auto [xb, yb] = plot.curve[i];

@@ -455,3 +455,26 @@ void WriteSurface(const KaSurface& surface, const std::string& path, const KaRas
             driver->CreateCopy(temp.c_str(), ds.get(), TRUE, options.List(), nullptr, nullptr));
     });
 }
+
+std::vector<KaRasterFormat> WritableRasterFormats()
+{
+    KaIoInit();
+    std::vector<KaRasterFormat> formats;
+    GDALDriverManager* mgr = GetGDALDriverManager();
+    for (int i = 0; i < mgr->GetDriverCount(); ++i) {
+        GDALDriver* d = mgr->GetDriver(i);
+        const std::string name = d->GetDescription();
+        const char* ext = d->GetMetadataItem(GDAL_DMD_EXTENSION);
+        // Only file formats (MEM and VRT are refused by WriteSurface) that
+        // hold floating-point values, as BandType accepts them.
+        const char* types = d->GetMetadataItem(GDAL_DMD_CREATIONDATATYPES);
+        const std::string t = std::string(" ") + (types ? types : "") + " ";
+        const bool floats = !types || t.find(" Float64 ") != std::string::npos || t.find(" Float32 ") != std::string::npos;
+        if (!ext || !*ext || name == "MEM" || name == "VRT" || !Writable(d) || !floats) continue;
+        const char* longName = d->GetMetadataItem(GDAL_DMD_LONGNAME);
+        formats.push_back({name, longName ? longName : name, ext});
+    }
+    std::stable_partition(formats.begin(), formats.end(),
+                          [](const KaRasterFormat& f) { return f.driver == "GTiff"; });
+    return formats;
+}

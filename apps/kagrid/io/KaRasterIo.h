@@ -56,3 +56,10 @@ void WriteSurface(const KaSurface& surface, const std::string& path, const KaRas
 // The refusals of WriteSurface that need no grid, for a check before any work.
 void CheckRasterWrite(const std::string& path, const KaRasterWriteOptions& options, double blankValue);
 void WriteSurface(const KaSurface& surface, const std::string& path, const std::string& format = "");
+
+// The GDAL formats WriteSurface can write to a file, GeoTIFF first: driver
+// name (WriteSurface's `format`), long name and usual extension (no dot).
+struct KaRasterFormat {
+    std::string driver, longName, extension;
+};
+std::vector<KaRasterFormat> WritableRasterFormats();

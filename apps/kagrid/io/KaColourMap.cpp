@@ -1,0 +1,72 @@
+#include "apps/kagrid/io/KaColourMap.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+
+#include "platform/kadata/KaDataObject.h"
+
+namespace {
+
+// Eleven evenly spaced stops, interpolated linearly.
+constexpr KaRgb kRamp[11] = {{68, 1, 84},    {72, 36, 117},  {65, 68, 135},  {53, 95, 141},
+                             {42, 120, 142}, {33, 145, 140}, {34, 168, 132}, {68, 191, 112},
+                             {122, 209, 81}, {189, 223, 38}, {253, 231, 37}};
+
+// Enough significant digits that neighbouring labels a quarter of the range
+// apart read differently.
+std::string Label(double v, double zMin, double zMax)
+{
+    const double mag = std::max(std::fabs(zMin), std::fabs(zMax));
+    const double step = (zMax - zMin) / 4;
+    int digits = 4;
+    if (step > 0 && mag > 0) digits = std::clamp(static_cast<int>(std::ceil(std::log10(mag / step))) + 2, 3, 12);
+    if (std::fabs(v) < step * 1e-9) v = 0.0;  // no "-1.2e-14" for a zero in the middle
+    char buf[64];
+    std::snprintf(buf, sizeof buf, "%.*g", digits, v);
+    return buf;
+}
+
+}  // namespace
+
+KaRgb KaRampColour(double t)
+{
+    if (!(t >= 0.0)) t = 0.0;
+    t = std::min(t, 1.0) * 10.0;
+    const int i = std::min(9, static_cast<int>(t));
+    const double f = t - i;
+    auto mix = [f](uint8_t a, uint8_t b) { return static_cast<uint8_t>(std::lround(a + (b - a) * f)); };
+    return {mix(kRamp[i].r, kRamp[i + 1].r), mix(kRamp[i].g, kRamp[i + 1].g), mix(kRamp[i].b, kRamp[i + 1].b)};
+}
+
+bool KaIsBlankNode(double v, double blank) { return !std::isfinite(v) || std::fabs(v - blank) <= 1e-20; }
+
+KaZRange KaSurfaceZRange(const KaSurface& surface)
+{
+    KaZRange r;
+    const KaTDataMatrix2D<double>& m = surface.GridData();
+    if (m.IsEmpty()) return r;
+    const double blank = surface.GetInvalidValue();
+    for (std::size_t i = 0, n = m.Size(); i < n; ++i) {
+        const double v = m.data[i];
+        if (KaIsBlankNode(v, blank)) {
+            r.anyBlank = true;
+            continue;
+        }
+        if (!r.anyValue) r.zMin = r.zMax = v;
+        r.zMin = std::min(r.zMin, v);
+        r.zMax = std::max(r.zMax, v);
+        r.anyValue = true;
+    }
+    return r;
+}
+
+std::vector<std::string> KaLegendLabels(const KaZRange& range)
+{
+    if (!range.anyValue) return {"no values"};
+    if (range.zMin == range.zMax) return {Label(range.zMax, range.zMin, range.zMax)};
+    std::vector<std::string> labels;
+    for (int k = 4; k >= 0; --k)
+        labels.push_back(Label(range.zMin + (range.zMax - range.zMin) * k / 4, range.zMin, range.zMax));
+    return labels;
+}

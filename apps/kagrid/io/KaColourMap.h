@@ -1,0 +1,38 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+class KaSurface;
+
+// The colour map of surface pictures (kagrid's preview PNG and the desktop
+// map view draw with this one implementation, so both look alike).
+
+struct KaRgb {
+    uint8_t r, g, b;
+};
+
+// A perceptually uniform ramp from dark violet (t = 0) through teal to yellow
+// (t = 1); t is clamped.
+KaRgb KaRampColour(double t);
+// The colour of blank nodes where a picture cannot leave them transparent.
+constexpr KaRgb kKaBlankColour{217, 217, 217};
+
+// True for a node without a value: not finite, or within 1e-20 of `blank`.
+bool KaIsBlankNode(double v, double blank);
+
+// The z range of a surface's non-blank nodes; `anyValue` false when every
+// node is blank (or there is no grid), `anyBlank` true when some node is.
+struct KaZRange {
+    double zMin = 0.0, zMax = 0.0;
+    bool anyValue = false, anyBlank = false;
+    // Where v lies on the ramp (0.5 for a flat surface).
+    double Position(double v) const { return zMax > zMin ? (v - zMin) / (zMax - zMin) : 0.5; }
+};
+KaZRange KaSurfaceZRange(const KaSurface& surface);
+
+// The legend's value labels, top (maximum) to bottom (minimum): five evenly
+// spaced values with enough digits to tell neighbours apart, one for a flat
+// surface, "no values" when all is blank.
+std::vector<std::string> KaLegendLabels(const KaZRange& range);

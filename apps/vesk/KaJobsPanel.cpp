@@ -1,0 +1,105 @@
+#include "apps/vesk/KaJobsPanel.h"
+
+#include <QHeaderView>
+#include <QProgressBar>
+
+#include "platform/kamessageroute/KaThread.h"
+
+KaJobsPanel::KaJobsPanel(QWidget* parent) : QTreeWidget(parent)
+{
+    setColumnCount(4);
+    setHeaderLabels({tr("Job"), tr("Description"), tr("Message"), tr("Progress")});
+    setRootIsDecorated(false);
+    setUniformRowHeights(true);
+    header()->setStretchLastSection(false);
+    header()->setSectionResizeMode(2, QHeaderView::Stretch);
+    setColumnWidth(0, 120);
+    setColumnWidth(1, 200);
+    setColumnWidth(3, 110);
+}
+
+int KaJobsPanel::AddThread(KaThread* thread)
+{
+    const int row = static_cast<int>(jobs_.size());
+    Job job;
+    job.title = thread->GetTitle();
+    job.description = thread->GetDescription();
+    jobs_.append(job);
+    auto* item = new QTreeWidgetItem(this);
+    auto* bar = new QProgressBar(this);
+    bar->setRange(0, 100);
+    bar->setValue(0);
+    bars_.append(bar);
+    setItemWidget(item, 3, bar);
+    Refresh(row);
+    scrollToItem(item);
+
+    // The thread may emit from its worker thread: these run queued on ours.
+    // The thread object itself is only read while it is alive.
+    QPointer<KaThread> guard(thread);
+    connect(thread, &KaThread::sigUpdateThread, this, [this, row, guard] {
+        if (!guard) return;
+        jobs_[row].title = guard->GetTitle();
+        jobs_[row].description = guard->GetDescription();
+        Refresh(row);
+    });
+    connect(thread, &KaThread::sigProcessMessage, this, [this, row](const QString& text) {
+        jobs_[row].message = text;
+        jobs_[row].history << QStringLiteral("message: ") + text;
+        Refresh(row);
+    });
+    connect(thread, &KaThread::sigProcessPercent, this, [this, row](int percent, const QString& text) {
+        jobs_[row].percent = percent;
+        if (!text.isEmpty()) jobs_[row].message = text;
+        jobs_[row].history << QStringLiteral("percent: %1 %2").arg(percent).arg(text).trimmed();
+        Refresh(row);
+    });
+    connect(thread, &QThread::finished, this, [this, row] { Finished(row); });
+    return row;
+}
+
+void KaJobsPanel::NoteCreated(int row, const QString& name)
+{
+    if (row < 0 || row >= jobs_.size()) return;
+    jobs_[row].created << name;
+}
+
+int KaJobsPanel::RunningCount() const
+{
+    int n = 0;
+    for (const Job& j : jobs_) n += !j.finished;
+    return n;
+}
+
+void KaJobsPanel::Finished(int row)
+{
+    Job& job = jobs_[row];
+    if (job.finished) return;
+    job.finished = true;
+    if (!job.created.isEmpty()) {
+        job.outcome = tr("Done: created %1").arg(job.created.join(QStringLiteral(", ")));
+    } else {
+        job.outcome = tr("Ended without a surface");
+        if (!job.message.isEmpty()) job.outcome += tr(" (last message: %1)").arg(job.message);
+    }
+    job.history << QStringLiteral("finished: ") + job.outcome;
+    Refresh(row);
+    emit sigJobFinished(row);
+}
+
+void KaJobsPanel::Refresh(int row)
+{
+    const Job& job = jobs_[row];
+    QTreeWidgetItem* item = topLevelItem(row);
+    item->setText(0, job.title);
+    item->setText(1, job.description);
+    item->setText(2, job.finished ? job.outcome : job.message);
+    item->setToolTip(2, job.history.join(QLatin1Char('\n')));
+    QProgressBar* bar = bars_[row];
+    bar->setValue(job.percent);
+    if (job.finished) {
+        if (job.created.isEmpty()) bar->setFormat(tr("no surface"));
+        else bar->setValue(100);
+        item->setForeground(2, job.created.isEmpty() ? QColor(160, 60, 0) : QColor(0, 110, 0));
+    }
+}

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <QStringList>
+#include <QTreeWidget>
+#include <QPointer>
+
+class KaThread;
+class QProgressBar;
+
+// One row per worker thread: title, description, last message and progress,
+// kept after the thread has gone with a line saying how the job ended.
+class KaJobsPanel : public QTreeWidget {
+    Q_OBJECT
+public:
+    explicit KaJobsPanel(QWidget* parent = nullptr);
+
+    // Follows a thread's signals; returns its row.
+    int AddThread(KaThread* thread);
+    // A data object the row's job created.
+    void NoteCreated(int row, const QString& name);
+
+    struct Job {
+        QString title, description, message, outcome;
+        int percent = 0;
+        bool finished = false;
+        QStringList created;
+        QStringList history;  // every update in order, as "message: ..." / "percent: ..."
+    };
+    const Job& JobAt(int row) const { return jobs_.at(row); }
+    int JobCount() const { return static_cast<int>(jobs_.size()); }
+    int RunningCount() const;
+
+signals:
+    void sigJobFinished(int row);
+
+private:
+    void Refresh(int row);
+    void Finished(int row);
+
+    QList<Job> jobs_;
+    QList<QProgressBar*> bars_;
+};
