@@ -1,4 +1,6 @@
 #include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -147,13 +149,22 @@ void WriteThroughTemp(GDALDriver* driver, const std::string& target,
         prefix += targetPath.filename().string();
         prefix += token;
         temp = (dir / (prefix + ext)).string();
+        // Held signals: an interrupt between creating the file and guarding it would leave it behind.
+        sigset_t held, previous;
+        sigemptyset(&held);
+        sigaddset(&held, SIGINT);
+        sigaddset(&held, SIGTERM);
+        pthread_sigmask(SIG_BLOCK, &held, &previous);
         const int fd = open(temp.c_str(), O_CREAT | O_EXCL | O_WRONLY, 0644);
+        const int openErrno = errno;
         if (fd >= 0) {
             close(fd);
             GuardTemporary(temp);
             GuardTemporary(temp + ".aux.xml");
-            break;
         }
+        pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+        errno = openErrno;
+        if (fd >= 0) break;
         if (errno != EEXIST || attempt > 50)
             throw KaIoError(target, std::string("cannot create a file in '") + dir.string() +
                                         "': " + std::strerror(errno));
