@@ -154,7 +154,24 @@ TEST(Hardening, PipeInputIsReadOnce)
 {
     katest::TempDir d;
     ASSERT_EQ(mkfifo((d / "pipe.csv").c_str(), 0644), 0);
-    std::thread writer([&] { katest::WriteFile(d / "pipe.csv", katest::ReadFile(kSample)); });
+    signal(SIGPIPE, SIG_IGN);  // a reader that closes early must fail the test, not kill it
+    // The writer gives up after a minute without a reader rather than hang the test.
+    std::thread writer([&] {
+        int fd = -1;
+        for (int i = 0; i < 60000 && fd < 0; ++i) {
+            fd = open((d / "pipe.csv").c_str(), O_WRONLY | O_NONBLOCK);
+            if (fd < 0) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        if (fd < 0) return;
+        fcntl(fd, F_SETFL, 0);
+        const std::string text = katest::ReadFile(kSample);
+        for (std::size_t at = 0; at < text.size();) {
+            const ssize_t n = write(fd, text.data() + at, text.size() - at);
+            if (n <= 0) break;
+            at += static_cast<std::size_t>(n);
+        }
+        close(fd);
+    });
     const auto r = Kagrid("nearest-neighbor " + d / "pipe.csv " + d / "o.tif -q");
     writer.join();
     EXPECT_EQ(r.status, 0) << r.output;
