@@ -53,7 +53,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     // The search's buckets are squares of the finer node spacing, so their
     // number grows with the ratio of the spacings (up to 2^30, gigabytes, by
     // design): a fuzzer's memory limit is not a finding there.
-    const double dx = record->GetDx(), dy = record->GetDy();
+    const double dx = (record->xMax - record->xMin) / static_cast<double>(std::max<uint64_t>(record->columnCount, 2) - 1);
+    const double dy = (record->yMax - record->yMin) / static_cast<double>(std::max<uint64_t>(record->rowCount, 2) - 1);
     if (dx > 0 && dy > 0 && std::max(dx / dy, dy / dx) > 1e4) return 0;
 
     KaSampleList* raw = nullptr;
