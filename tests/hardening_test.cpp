@@ -118,7 +118,6 @@ TEST(Hardening, SpecialFilesAreNeverReplacedAndAllOutputsWaitForEachOther)
         {idw + d / "out.tif -q --preview " + d / "fifo.png", "fifo.png: exists and is not a regular file"},
         {tri + "--mesh " + d / "fifo.gpkg", "fifo.gpkg: exists and is not a regular file"},
         {tri + "--mesh " + d / "folder.gpkg", "folder.gpkg: is a folder"},
-        {tri + "--set delaunayName=folder", "folder.gpkg: is a folder"},  // the default mesh path
         {idw + "/dev/null -q", "/dev/null: exists and is not a regular file"},
     };
     const auto before = Snapshot(d);
