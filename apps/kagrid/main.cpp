@@ -232,14 +232,15 @@ void ListMethods(const std::string& only)
     std::printf("\nUse --print-params to see the effective values for an input.\n");
 }
 
-// Blanks the nodes that came out infinite or NaN, saying how many and why.
-void WarnNonFiniteNodes(KaSurface& surface, const std::string& path)
+// Blanks the nodes that came out infinite or NaN, saying how many and why;
+// `what` names a surface other than the grid (" of the standard deviation").
+void WarnNonFiniteNodes(KaSurface& surface, const char* what = "")
 {
     if (const std::size_t bad = KaBlankNonFiniteNodes(surface))
         std::fprintf(stderr,
-                     "kagrid: warning: %zu nodes of %s came out infinite or NaN and were written as blank; the "
+                     "kagrid: warning: %zu nodes%s came out infinite or NaN and were written as blank; the "
                      "input's values or coordinates are too large for the method's arithmetic (rescale them)\n",
-                     bad, path.c_str());
+                     bad, what);
 }
 
 int Run(const Options& o)
@@ -355,7 +356,7 @@ int Run(const Options& o)
         throw std::runtime_error(std::string(method->key) + ": " + reason + "; nothing was written");
     }
 
-    WarnNonFiniteNodes(*surface, o.output);
+    WarnNonFiniteNodes(*surface);
     const KaEstimatorGrid* estimator = job->GetEstimator();
     if (const KaSampleList* used = job->GetSampleList(); used && estimator && estimator->GetParam())
         for (const std::string& w : ReviewSurface(*method, *estimator->GetParam(), *used, *surface))
@@ -365,7 +366,7 @@ int Run(const Options& o)
     if (!stdDevPath.empty()) {
         std::unique_ptr<KaSurface> sd = job->TakeStdDevSurface();
         if (!sd) throw std::runtime_error("the standard deviation surface was not formed");
-        WarnNonFiniteNodes(*sd, stdDevPath);
+        WarnNonFiniteNodes(*sd, " of the standard deviation");
         WriteSurface(*sd, stdDevPath, how);
         if (!o.stdDevPreview.empty()) WritePreviewPng(*sd, o.stdDevPreview);
     }

@@ -29,6 +29,16 @@ void CheckInputFile(const std::string& path);
 void GuardTemporary(const std::string& path);
 void ForgetTemporary(const std::string& path);
 
+// A hidden name beside `target` for its temporary, in the pattern
+// KaRemoveStaleTemporaries recognises ("." + stem + ".tmp" + pid +
+// extension), guarded against signals from now on.
+std::string ReserveTemporary(const std::string& target);
+
+// Renames the finished `temp` over `target`, now or when the open batch
+// commits, refusing a target that has meanwhile become anything but a regular
+// file; `temp` is removed when that fails or the batch ends uncommitted.
+void CommitTemporary(const std::string& temp, const std::string& target);
+
 // Runs `commit` now, or keeps it for KaOutputBatch::Commit when a batch is
 // open; `discard` removes the temporaries when the batch ends uncommitted.
 void CommitOrDefer(std::function<void()> commit, std::function<void()> discard);

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 
 #include "apps/kagrid/io/KaIoError.h"
 #include "apps/kagrid/io/KaIoSupport.h"
@@ -64,6 +65,41 @@ void CommitOrDefer(std::function<void()> commit, std::function<void()> discard)
     else commit();
 }
 
+std::string ReserveTemporary(const std::string& target)
+{
+    const fs::path p(target);
+    const std::string temp =
+        (p.parent_path() / ("." + p.stem().string() + ".tmp" + std::to_string(::getpid()) + p.extension().string()))
+            .string();
+    // Guarded before it exists: a signal in between finds nothing to remove.
+    GuardTemporary(temp);
+    return temp;
+}
+
+void CommitTemporary(const std::string& temp, const std::string& target)
+{
+    auto discard = [temp] {
+        std::error_code ec;
+        fs::remove(temp, ec);
+        ForgetTemporary(temp);
+    };
+    auto commit = [temp, target, discard] {
+        std::error_code ec;
+        const fs::file_status st = fs::status(target, ec);
+        if (fs::exists(st) && !fs::is_regular_file(st)) {
+            discard();
+            throw KaIoError(target, "exists and is not a regular file; not replaced");
+        }
+        fs::rename(temp, target, ec);
+        if (ec) {
+            discard();
+            throw KaIoError(target, "cannot rename the finished file into place: " + ec.message());
+        }
+        ForgetTemporary(temp);
+    };
+    CommitOrDefer(commit, discard);
+}
+
 }  // namespace kaio
 
 void CheckOutputPath(const std::string& path)
@@ -79,6 +115,23 @@ void CheckOutputPath(const std::string& path)
     if (fs::exists(st) && !fs::is_regular_file(st))
         throw KaIoError(path, "exists and is not a regular file (a device or a pipe?); kagrid only replaces "
                               "regular files");
+}
+
+void WriteTextFile(const std::string& path, const std::string& text)
+{
+    const std::string temp = kaio::ReserveTemporary(path);
+    std::ofstream out(temp, std::ios::binary | std::ios::trunc);
+    if (out) out << text;
+    if (!out || !out.flush()) {
+        const std::string why = std::strerror(errno);
+        out.close();
+        std::error_code ec;
+        fs::remove(temp, ec);
+        kaio::ForgetTemporary(temp);
+        throw KaIoError(path, "cannot write the file: " + why);
+    }
+    out.close();
+    kaio::CommitTemporary(temp, path);
 }
 
 KaOutputBatch::KaOutputBatch() { g_batch = this; }

@@ -16,6 +16,11 @@ void CommitOrDefer(std::function<void()> commit, std::function<void()> discard);
 // a folder is never replaced). Throws KaIoError naming the path.
 void CheckOutputPath(const std::string& path);
 
+// Writes `text` to `path` as the other writers do: under a hidden temporary
+// name, renamed into place when complete (or with the open batch). Throws
+// KaIoError naming `path`.
+void WriteTextFile(const std::string& path, const std::string& text);
+
 // While a batch is open, the writers (WriteSurface, WritePreviewPng,
 // WriteTriangleMesh) leave their finished files under temporary names;
 // Commit() renames them all into place, so a run that fails at its last
