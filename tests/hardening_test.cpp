@@ -20,6 +20,7 @@
 #include "apps/kagrid/io/KaIoSupport.h"
 #include "apps/kagrid/io/KaOutputFiles.h"
 #include "apps/kagrid/io/KaPointReader.h"
+#include "apps/kagrid/io/KaPointTableWriter.h"
 #include "apps/kagrid/io/KaRasterIo.h"
 
 namespace fs = std::filesystem;
@@ -106,10 +107,13 @@ TEST(Hardening, SpecialFilesAreNeverReplacedAndAllOutputsWaitForEachOther)
     ASSERT_EQ(mkfifo((d / "fifo.tif").c_str(), 0644), 0);
     ASSERT_EQ(mkfifo((d / "fifo.png").c_str(), 0644), 0);
     ASSERT_EQ(mkfifo((d / "fifo.gpkg").c_str(), 0644), 0);
+    ASSERT_EQ(mkfifo((d / "fifo.json").c_str(), 0644), 0);
     fs::create_directory(d.path / "folder.gpkg");
     katest::WriteFile(d / "out.tif", "precious");
     const std::string idw = "inverse-distance " + kSample + " ";
     const std::string tri = "triangulation " + kSample + " " + d / "out.tif -q ";
+    const std::string krig = "kriging " + kSample + " " + d / "out.tif -q ";
+    const std::string cv = "cross-validate inverse-distance " + kSample + " -q ";
     struct Case {
         std::string args, expect;
     };
@@ -119,6 +123,14 @@ TEST(Hardening, SpecialFilesAreNeverReplacedAndAllOutputsWaitForEachOther)
         {tri + "--mesh " + d / "fifo.gpkg", "fifo.gpkg: exists and is not a regular file"},
         {tri + "--mesh " + d / "folder.gpkg", "folder.gpkg: is a folder"},
         {idw + "/dev/null -q", "/dev/null: exists and is not a regular file"},
+        {krig + "--stddev " + d / "fifo.tif", "fifo.tif: exists and is not a regular file"},
+        {krig + "--stddev " + d / "sd.tif --stddev-preview " + d / "fifo.png", "fifo.png: exists and is not"},
+        {cv + "--report " + d / "fifo.json", "fifo.json: exists and is not a regular file"},
+        {cv + "--residuals " + d / "fifo.gpkg", "fifo.gpkg: exists and is not a regular file"},
+        {cv + "--residuals /dev/null", "/dev/null: exists and is not a regular file"},
+        {"variogram " + kSample + " -q --json " + d / "fifo.json", "fifo.json: exists and is not a regular file"},
+        {"variogram " + kSample + " -q --plot " + d / "fifo.png", "fifo.png: exists and is not a regular file"},
+        {"variogram " + kSample + " -q --plot " + d / "folder.gpkg", "folder.gpkg: is a folder"},
     };
     const auto before = Snapshot(d);
     for (const Case& c : cases) {
@@ -147,6 +159,43 @@ TEST(Hardening, SpecialFilesAreNeverReplacedAndAllOutputsWaitForEachOther)
     }
     EXPECT_EQ(ReadRasterSurface(d / "out.tif")->GridData().At(1, 1), 4);
     EXPECT_EQ(d.Entries().size(), before.size());
+}
+
+TEST(Hardening, TablesAndTextWaitForTheBatchAndLeaveNothingOnFailure)
+{
+    katest::TempDir d;
+    for (const char* name : {"r.json", "t.csv", "t.gpkg"}) katest::WriteFile(d / name, "precious");
+    const auto before = Snapshot(d);
+    const std::vector<std::vector<double>> rows{{0, 0, 1}, {1, 2, NAN}};
+    auto writeAll = [&] {
+        WriteTextFile(d / "r.json", "{}\n");
+        WritePointTable(d / "t.csv", {"x", "y", "v"}, rows);
+        WritePointTable(d / "t.gpkg", {"x", "y", "v"}, rows);
+    };
+    {
+        KaOutputBatch batch;
+        writeAll();
+        EXPECT_THROW(WriteTextFile(d / "no/such.json", "{}"), KaIoError);
+    }
+    EXPECT_EQ(Snapshot(d), before);
+    {
+        KaOutputBatch batch;
+        writeAll();
+        EXPECT_EQ(katest::ReadFile(d / "t.csv"), "precious");
+        batch.Commit();
+    }
+    EXPECT_EQ(katest::ReadFile(d / "r.json"), "{}\n");
+    EXPECT_EQ(katest::ReadFile(d / "t.csv"), "x,y,v\n0,0,1\n1,2,\n");
+    EXPECT_EQ(d.Entries(), (std::set<std::string>{"r.json", "t.csv", "t.gpkg"}));
+
+    // End to end: a command's outputs all land, with no temporary beside them.
+    const auto cv = Kagrid("cross-validate inverse-distance " + kSample + " -q --report " + d / "r.json" +
+                           " --residuals " + d / "t.gpkg");
+    ASSERT_EQ(cv.status, 0) << cv.output;
+    const auto vg = Kagrid("variogram " + kSample + " -q --json " + d / "v.json --plot " + d / "v.png");
+    ASSERT_EQ(vg.status, 0) << vg.output;
+    EXPECT_NE(katest::ReadFile(d / "r.json"), "{}\n");
+    EXPECT_EQ(d.Entries(), (std::set<std::string>{"r.json", "t.csv", "t.gpkg", "v.json", "v.png"}));
 }
 
 TEST(Hardening, PipeInputIsReadOnce)

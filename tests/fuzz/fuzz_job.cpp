@@ -1,6 +1,7 @@
 // Fuzz target: a whole small gridding job. Byte 0 picks the method, bytes 1
 // and 2 the grid's columns and rows (1 to 8); then x y z text, and after a
 // line "---" a JSON parameter object applied before the counts are clamped.
+// Methods that form a kriging standard deviation form it as well.
 
 #include <algorithm>
 #include <cstddef>
@@ -61,10 +62,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     if (!BuildSampleList(raw, points.get())) return 0;
     std::unique_ptr<KaGridJob> job = MakeJob(method, nullptr);
     job->SetSampleList(std::unique_ptr<KaSampleList>(raw));
-    job->SetEstimator(method.makeEstimator());
+    std::unique_ptr<KaEstimatorGrid> estimator = method.makeEstimator();
+    // The kriging variance surface too, where the method forms one.
+    job->CollectStdDev(estimator->FormsStdDev());
+    job->SetEstimator(std::move(estimator));
     if (!job->StartEstimate(std::move(record))) return 0;
     try {
         if (std::unique_ptr<KaSurface> surface = job->Run()) KaBlankNonFiniteNodes(*surface);
+        if (std::unique_ptr<KaSurface> stdDev = job->TakeStdDevSurface()) KaBlankNonFiniteNodes(*stdDev);
     } catch (const KaSearchError&) {
     }
     return 0;
