@@ -305,6 +305,11 @@ TEST(Hardening, TextReaderRefusesNulAndEndlessLinesAndEchoesSafely)
     std::istringstream endless(std::string(3 << 20, '7'));
     EXPECT_NE(katest::ErrorOf<KaIoError>([&] { ReadTextPointStream(endless, "s"); }).find("s:1: a line longer than"),
               std::string::npos);
+    // The column peek of the desktop host follows the same line rules.
+    katest::TempDir d;
+    katest::WriteFile(d / "nul.txt", std::string("x y z\n1 2\0 3\n", 13));
+    EXPECT_NE(katest::ErrorOf<KaIoError>([&] { PeekPointColumns(d / "nul.txt"); }).find("nul.txt:2: holds a NUL byte"),
+              std::string::npos);
     std::istringstream last("1 2 3\n4 5 6");  // no newline at the end
     EXPECT_EQ(ReadTextPointStream(last, "s").size(), 2u);
     EXPECT_EQ(kaio::Echo("a\tb\xff"), "a\\x09b\\xff");

@@ -68,9 +68,9 @@ void CommitOrDefer(std::function<void()> commit, std::function<void()> discard)
 std::string ReserveTemporary(const std::string& target)
 {
     const fs::path p(target);
-    const std::string temp =
-        (p.parent_path() / ("." + p.stem().string() + ".tmp" + std::to_string(::getpid()) + p.extension().string()))
-            .string();
+    std::string name(1, '.');
+    name.append(p.stem().string()).append(".tmp").append(std::to_string(::getpid())).append(p.extension().string());
+    const std::string temp = (p.parent_path() / name).string();
     // Guarded before it exists: a signal in between finds nothing to remove.
     GuardTemporary(temp);
     return temp;
