@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(cmake ninja-build g++ pkg-config libgdal-dev gdal-bin libcgal-dev
-          nlohmann-json3-dev libgtest-dev qt6-base-dev
+          nlohmann-json3-dev libgtest-dev qt6-base-dev clang libclang-rt-14-dev
           qt6-qpa-plugins fonts-dejavu-core xvfb xauth "$@")
 missing=()
 for p in "${packages[@]}"; do

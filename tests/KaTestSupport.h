@@ -236,10 +236,11 @@ struct CommandResult {
 };
 
 #ifdef KAGRID_EXE
-// Runs kagrid with the given argument string (shell-quoted by the caller).
+// Runs kagrid with the given argument string (shell-quoted by the caller),
+// under a time limit so that a run that loops fails instead of hanging.
 inline CommandResult Kagrid(const std::string& args)
 {
-    const std::string cmd = std::string(KAGRID_EXE) + " " + args + " 2>&1";
+    const std::string cmd = "timeout 300 " + std::string(KAGRID_EXE) + " " + args + " 2>&1";
     CommandResult r{0, {}};
     FILE* f = popen(cmd.c_str(), "r");
     char buf[4096];

@@ -5,8 +5,6 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <limits>
 #include <mutex>
 #include <thread>
@@ -17,6 +15,7 @@
 #include "apps/kagrid/KaRunSetup.h"
 #include "apps/kagrid/KaSubcommands.h"
 #include "apps/kagrid/io/KaIoError.h"
+#include "apps/kagrid/io/KaOutputFiles.h"
 #include "apps/kagrid/io/KaParamJson.h"
 #include "apps/kagrid/io/KaPointTableWriter.h"
 #include "search/KaEstGridSearcher.h"
@@ -183,16 +182,7 @@ int RunCrossValidate(const KaSubOptions& o)
         j["mae"] = Number(s.mae);
         j["rmse"] = Number(s.rmse);
         j["r"] = Number(s.r);
-        const std::string path = o.Value("--report");
-        const std::string tmp = path + ".tmp";
-        {
-            std::ofstream out(tmp);
-            out << j.dump(2) << '\n';
-            if (!out.flush()) throw KaIoError(path, "cannot write the report");
-        }
-        std::error_code ec;
-        std::filesystem::rename(tmp, path, ec);
-        if (ec) throw KaIoError(path, "cannot rename the finished report into place");
+        WriteTextFile(o.Value("--report"), j.dump(2) + "\n");
     }
     if (o.Has("--residuals")) {
         std::vector<std::vector<double>> rows;

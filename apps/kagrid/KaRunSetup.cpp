@@ -1,13 +1,10 @@
 #include "apps/kagrid/KaRunSetup.h"
 
-#include <unistd.h>
-
-#include <filesystem>
 #include <cstdio>
-#include <fstream>
 #include <set>
 
 #include "apps/kagrid/io/KaIoError.h"
+#include "apps/kagrid/io/KaOutputFiles.h"
 #include "apps/kagrid/io/KaParamJson.h"
 #include "apps/kagrid/io/KaRasterIo.h"
 #include "core/KaRecordFill.h"
@@ -31,11 +28,7 @@ KaRunSetup PrepareRun(const KaMethodInfo& method, const std::string& inputPath, 
 
     std::set<std::string> applied;
     if (!paramsFile.empty()) {
-        std::ifstream in(paramsFile);
-        if (!in) throw KaIoError(paramsFile, "cannot open the parameter file");
-        nlohmann::json j = nlohmann::json::parse(in, nullptr, false);
-        if (j.is_discarded()) throw KaParamError(paramsFile + ": not valid JSON");
-        ApplyJson(record, j, paramsFile, &applied);
+        ApplyJson(record, ReadParamFile(paramsFile), paramsFile, &applied);
     }
     for (const std::string& s : settings) ApplySetting(record, s, &applied);
 
@@ -69,12 +62,6 @@ std::string MethodNames()
 
 void CheckWritable(const std::string& path)
 {
-    if (path.empty()) return;
-    const std::filesystem::path p(path);
-    const std::filesystem::path dir = p.has_parent_path() ? p.parent_path() : std::filesystem::path(".");
-    std::error_code ec;
-    if (!std::filesystem::is_directory(dir, ec))
-        throw KaIoError(path, "the folder '" + dir.string() + "' does not exist");
-    if (access(dir.c_str(), W_OK) != 0) throw KaIoError(path, "the folder '" + dir.string() + "' is not writable");
-    if (std::filesystem::is_directory(p, ec)) throw KaIoError(path, "is a folder");
+    CheckOutputPath(path);
+    KaRemoveStaleTemporaries(path);
 }

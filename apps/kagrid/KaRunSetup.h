@@ -28,6 +28,7 @@ std::unique_ptr<KaSampleList> TakeSamples(const KaDataObject& input, const std::
 // "name, name, ..." of every method, for messages.
 std::string MethodNames();
 
-// Refuses an output path whose folder cannot take a new file (or that is a
-// folder), before any work; an empty path passes.
+// Refuses an output path whose folder cannot take a new file, or that exists
+// and is not a regular file, before any work, and clears the temporaries a
+// killed earlier run left for it; an empty path passes.
 void CheckWritable(const std::string& path);

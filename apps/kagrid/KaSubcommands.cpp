@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "apps/kagrid/io/KaIoError.h"
+#include "apps/kagrid/io/KaOutputFiles.h"
 #include "apps/kagrid/io/KaRasterIo.h"
 #include "platform/kadata/KaEventsLog.h"
 
@@ -94,7 +95,12 @@ int RunSubcommand(int argc, char** argv)
     try {
         const KaSubOptions o = Parse(cmd, argc, argv);
         KaIoInit();
-        return cmd.run(o);
+        KaInstallTemporaryCleanup();
+        // A command's outputs are replaced together, once all are complete.
+        KaOutputBatch outputs;
+        const int status = cmd.run(o);
+        if (status == 0) outputs.Commit();
+        return status;
     } catch (const KaUsageError& e) {
         std::fprintf(stderr, "kagrid %s: %s\n%s", cmd.name, e.message.c_str(), cmd.usage);
         return 2;

@@ -4,7 +4,6 @@
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 
 #include <nlohmann/json.hpp>
@@ -12,7 +11,9 @@
 #include "apps/kagrid/KaRunSetup.h"
 #include "apps/kagrid/KaSubcommands.h"
 #include "apps/kagrid/io/KaIoError.h"
+#include "apps/kagrid/io/KaIoSupport.h"
 #include "apps/kagrid/io/KaNumericJson.h"
+#include "apps/kagrid/io/KaOutputFiles.h"
 #include "apps/kagrid/io/KaParamJson.h"
 #include "apps/kagrid/io/KaPreview.h"
 #include "apps/kagrid/io/KaRasterIo.h"
@@ -26,7 +27,7 @@ double Number(const KaSubOptions& o, const char* key)
     const std::string v = o.Value(key);
     char* end = nullptr;
     const double d = std::strtod(v.c_str(), &end);
-    if (v.empty() || *end || !std::isfinite(d)) throw KaUsageError{std::string(key) + ": not a number: '" + v + "'"};
+    if (v.empty() || *end || !std::isfinite(d)) throw KaUsageError{std::string(key) + ": not a number: '" + kaio::Echo(v) + "'"};
     return d;
 }
 
@@ -41,28 +42,11 @@ std::vector<uint32_t> Models(const std::string& spec)
         try {
             out.push_back((*VariogramFromJson(j, "--fit"))[0].modelType);
         } catch (const std::invalid_argument&) {
-            throw KaUsageError{"--fit: unknown model '" + name + "'"};
+            throw KaUsageError{"--fit: unknown model '" + kaio::Echo(name) + "'"};
         }
     }
     if (out.empty()) throw KaUsageError{"--fit: no model given"};
     return out;
-}
-
-void WriteText(const std::string& path, const std::string& text)
-{
-    const std::string tmp = path + ".tmp";
-    {
-        std::ofstream out(tmp);
-        out << text;
-        if (!out.flush()) {
-            std::error_code ec;
-            std::filesystem::remove(tmp, ec);
-            throw KaIoError(path, "cannot write the file");
-        }
-    }
-    std::error_code ec;
-    std::filesystem::rename(tmp, path, ec);
-    if (ec) throw KaIoError(path, "cannot rename the finished file into place");
 }
 
 }  // namespace
@@ -139,7 +123,7 @@ int RunVariogram(const KaSubOptions& o)
         for (const KaVariogramLag& l : lags)
             j["lags"].push_back({{"distance", l.distance}, {"gamma", l.gamma}, {"pairs", l.pairs}});
         j["model"] = models.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json::parse(modelJson.dump());
-        WriteText(o.Value("--json"), j.dump(2) + "\n");
+        WriteTextFile(o.Value("--json"), j.dump(2) + "\n");
     }
     if (o.Has("--plot")) {
         KaPlot plot;

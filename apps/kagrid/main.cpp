@@ -21,6 +21,7 @@
 #include "apps/kagrid/io/KaCrs.h"
 #include "apps/kagrid/io/KaIoError.h"
 #include "apps/kagrid/io/KaMeshWriter.h"
+#include "apps/kagrid/io/KaOutputFiles.h"
 #include "apps/kagrid/io/KaParamJson.h"
 #include "apps/kagrid/io/KaPointReader.h"
 #include "apps/kagrid/io/KaPreview.h"
@@ -242,6 +243,17 @@ void ListMethods(const std::string& only)
     std::printf("\nUse --print-params to see the effective values for an input.\n");
 }
 
+// Blanks the nodes that came out infinite or NaN, saying how many and why;
+// `what` names a surface other than the grid (" of the standard deviation").
+void WarnNonFiniteNodes(KaSurface& surface, const char* what = "")
+{
+    if (const std::size_t bad = KaBlankNonFiniteNodes(surface))
+        std::fprintf(stderr,
+                     "kagrid: warning: %zu nodes%s came out infinite or NaN and were written as blank; the "
+                     "input's values or coordinates are too large for the method's arithmetic (rescale them)\n",
+                     bad, what);
+}
+
 int Run(const Options& o)
 {
     const KaMethodInfo* method = FindMethod(o.method);
@@ -275,11 +287,7 @@ int Run(const Options& o)
     ApplyGridRequest(o.grid, *record, given);
     if (!o.mesh.empty()) ApplySetting(*record, "createDelaunayObject=true");
     if (!o.paramsFile.empty()) {
-        std::ifstream in(o.paramsFile);
-        if (!in) throw KaIoError(o.paramsFile, "cannot open the parameter file");
-        nlohmann::json j = nlohmann::json::parse(in, nullptr, false);
-        if (j.is_discarded()) throw KaParamError(o.paramsFile + ": not valid JSON");
-        ApplyJson(*record, j, o.paramsFile, &given);
+        ApplyJson(*record, ReadParamFile(o.paramsFile), o.paramsFile, &given);
     }
     for (const std::string& s : o.settings) ApplySetting(*record, s, &given);
 
@@ -297,15 +305,14 @@ int Run(const Options& o)
         nlohmann::ordered_json j;
         j["method"] = method->key;
         j["parameters"] = RecordToJson(*record);
-        std::printf("%s\n", j.dump(2).c_str());
+        std::printf("%s\n", j.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace).c_str());
         return 0;
     }
 
     if (!o.mesh.empty() && !RecordToJson(*record).value("createDelaunayObject", true))
         throw KaParamError("--mesh asks for the triangle mesh, but createDelaunayObject is false");
-    CheckWritable(o.output);
-    CheckWritable(o.preview);
-    CheckWritable(o.mesh);
+    // Every output is checked before any work and replaced only once all are complete.
+    for (const std::string& path : {o.output, o.preview, o.mesh}) CheckWritable(path);
     // The standard deviation: --stddev, or beside the output when the record asks for it.
     std::string stdDevPath = o.stdDev;
     if (const auto* krig = dynamic_cast<const KaEstKrigParam*>(record.get());
@@ -329,6 +336,7 @@ int Run(const Options& o)
     runGridSize = GridMemoryText(record->columnCount, record->rowCount);
     note("grid: " + DescribeGrid(*record));
     if (!outputCrs.empty()) note("coordinate system: " + CrsLabel(outputCrs));
+    KaOutputBatch outputs;
 
     KaSampleList* raw = nullptr;
     if (!BuildSampleList(raw, input.get())) throw KaIoError(o.input, "cannot read its samples");
@@ -360,6 +368,7 @@ int Run(const Options& o)
         throw std::runtime_error(std::string(method->key) + ": " + reason + "; nothing was written");
     }
 
+    WarnNonFiniteNodes(*surface);
     const KaEstimatorGrid* estimator = job->GetEstimator();
     if (const KaSampleList* used = job->GetSampleList(); used && estimator && estimator->GetParam())
         for (const std::string& w : ReviewSurface(*method, *estimator->GetParam(), *used, *surface))
@@ -368,30 +377,28 @@ int Run(const Options& o)
     job.reset();  // the samples and the search grid are not needed for writing
 
     WriteSurface(*surface, o.output, how);
-    note("wrote " + o.output);
     if (!stdDevPath.empty()) {
         if (!sd) throw std::runtime_error("the standard deviation surface was not formed");
+        WarnNonFiniteNodes(*sd, " of the standard deviation");
         WriteSurface(*sd, stdDevPath, how);
-        note("wrote " + stdDevPath);
-        if (!o.stdDevPreview.empty()) {
-            WritePreviewPng(*sd, o.stdDevPreview);
-            note("wrote " + o.stdDevPreview);
-        }
+        if (!o.stdDevPreview.empty()) WritePreviewPng(*sd, o.stdDevPreview);
     }
-    if (!o.preview.empty()) {
-        WritePreviewPng(*surface, o.preview);
-        note("wrote " + o.preview);
-    }
-    if (!o.mesh.empty()) {
-        bool written = false;
+    if (!o.preview.empty()) WritePreviewPng(*surface, o.preview);
+    bool meshWritten = false;
+    if (!o.mesh.empty())
         for (const auto& object : progress.Created())
             if (auto* mesh = dynamic_cast<const KaDelaunayTriangle*>(object.get())) {
                 WriteTriangleMesh(*mesh, o.mesh, outputCrs);
-                note("wrote " + o.mesh);
-                written = true;
+                meshWritten = true;
             }
-        if (!written) std::fprintf(stderr, "kagrid: warning: no triangle mesh was made; %s not written\n", o.mesh.c_str());
-    }
+    outputs.Commit();
+    note("wrote " + o.output);
+    if (!stdDevPath.empty()) note("wrote " + stdDevPath);
+    if (!o.stdDevPreview.empty()) note("wrote " + o.stdDevPreview);
+    if (!o.preview.empty()) note("wrote " + o.preview);
+    if (meshWritten) note("wrote " + o.mesh);
+    else if (!o.mesh.empty())
+        std::fprintf(stderr, "kagrid: warning: no triangle mesh was made; %s not written\n", o.mesh.c_str());
     return 0;
 }
 
@@ -406,6 +413,7 @@ int main(int argc, char** argv)
     SetEventsLogSink([](int, const std::string&) {});
     try {
         KaIoInit();
+        KaInstallTemporaryCleanup();
         if (o.method == "methods") {
             ListMethods(o.methodFilter);
             return 0;

@@ -129,7 +129,8 @@ std::vector<uint32_t> InsertionOrder(const std::vector<Ka3DPoint>& p)
     // (q - lo) * scale may overflow for extents near the largest double: the
     // clamp below keeps the cell in range, and the order only affects speed.
     const double sx = x1 > x0 ? cells / (x1 - x0) : 0.0, sy = y1 > y0 ? cells / (y1 - y0) : 0.0;
-    auto cell = [cells](double v) { return static_cast<uint32_t>(std::clamp(v, 0.0, cells)); };
+    // NaN (0 * inf when an extent underflows to a denormal) counts as cell 0.
+    auto cell = [cells](double v) { return v > 0.0 ? static_cast<uint32_t>(std::min(v, cells)) : 0u; };
     std::vector<KeyIndex> order(p.size());
     for (std::size_t i = 0; i < p.size(); ++i)
         order[i] = {HilbertIndex(cell((p[i].x - x0) * sx), cell((p[i].y - y0) * sy), bits), i};

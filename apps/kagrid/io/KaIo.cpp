@@ -1,4 +1,6 @@
 #include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -41,15 +43,34 @@ std::string Lower(std::string s)
     return s;
 }
 
+std::string Echo(std::string_view text, std::size_t max)
+{
+    std::string out;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (out.size() >= max) {
+            out += "...";
+            break;
+        }
+        const unsigned char ch = static_cast<unsigned char>(text[i]);
+        if (ch >= 0x20 && ch < 0x7f) {
+            out += static_cast<char>(ch);
+        } else {
+            char hex[8];
+            std::snprintf(hex, sizeof hex, "\\x%02x", ch);
+            out += hex;
+        }
+    }
+    return out;
+}
+
 void CheckInputFile(const std::string& path)
 {
     std::error_code ec;
     const fs::file_status st = fs::status(path, ec);
     if (!fs::exists(st)) throw KaIoError(path, "no such file");
     if (fs::is_directory(st)) throw KaIoError(path, "is a directory, not a file");
-    std::FILE* f = std::fopen(path.c_str(), "rb");
-    if (!f) throw KaIoError(path, std::string("cannot open the file: ") + std::strerror(errno));
-    std::fclose(f);
+    if (access(path.c_str(), R_OK) != 0)
+        throw KaIoError(path, std::string("cannot open the file: ") + std::strerror(errno));
 }
 
 void GdalClose::operator()(GDALDataset* ds) const
@@ -131,18 +152,31 @@ void WriteThroughTemp(GDALDriver* driver, const std::string& target,
         prefix += targetPath.filename().string();
         prefix += token;
         temp = (dir / (prefix + ext)).string();
+        // Held signals: an interrupt between creating the file and guarding it would leave it behind.
+        sigset_t held, previous;
+        sigemptyset(&held);
+        sigaddset(&held, SIGINT);
+        sigaddset(&held, SIGTERM);
+        pthread_sigmask(SIG_BLOCK, &held, &previous);
         const int fd = open(temp.c_str(), O_CREAT | O_EXCL | O_WRONLY, 0644);
+        const int openErrno = errno;
         if (fd >= 0) {
             close(fd);
-            break;
+            GuardTemporary(temp);
+            GuardTemporary(temp + ".aux.xml");
         }
+        pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+        errno = openErrno;
+        if (fd >= 0) break;
         if (errno != EEXIST || attempt > 50)
             throw KaIoError(target, std::string("cannot create a file in '") + dir.string() +
                                         "': " + std::strerror(errno));
     }
 
-    auto fail = [&](const std::string& why) {
+    auto fail = [dir, prefix, temp, target](const std::string& why) {
         RemoveTemporaries(dir, prefix);
+        ForgetTemporary(temp);
+        ForgetTemporary(temp + ".aux.xml");
         std::string text = ReplaceAll(why, temp, target);
         if (text.rfind(target + ": ", 0) == 0) text.erase(0, target.size() + 2);  // named once is enough
         throw KaIoError(target, text);
@@ -165,23 +199,41 @@ void WriteThroughTemp(GDALDriver* driver, const std::string& target,
         CSLDestroy(list);
     } catch (const KaIoError&) {
         RemoveTemporaries(dir, prefix);
+        ForgetTemporary(temp);
+        ForgetTemporary(temp + ".aux.xml");
         throw;
     } catch (const std::exception& e) {
         fail(e.what());
     }
 
-    if (files.size() <= 1) {
-        if (std::rename(temp.c_str(), target.c_str()) != 0)
-            fail(std::string("cannot replace the file: ") + std::strerror(errno));
-        // A side file left by an older version of the target would override
-        // what was just written.
+    for (const std::string& f : files) GuardTemporary(f);
+    auto forget = [temp, files] {
+        ForgetTemporary(temp);
+        ForgetTemporary(temp + ".aux.xml");
+        for (const std::string& f : files) ForgetTemporary(f);
+    };
+    auto commit = [driver, target, temp, dir, prefix, files, forget, fail] {
+        // Checked again: the path may have changed since the run began.
         std::error_code ec;
-        fs::remove(target + ".aux.xml", ec);
-    } else {
-        capture.Reset();
-        if (driver->Rename(target.c_str(), temp.c_str()) != CE_None)
+        const fs::file_status st = fs::status(target, ec);
+        if (fs::exists(st) && !fs::is_regular_file(st)) fail("exists and is not a regular file; not replaced");
+        GdalErrorCapture capture;
+        if (files.size() <= 1) {
+            if (std::rename(temp.c_str(), target.c_str()) != 0)
+                fail(std::string("cannot replace the file: ") + std::strerror(errno));
+            // A side file left by an older version of the target would override
+            // what was just written.
+            fs::remove(target + ".aux.xml", ec);
+        } else if (driver->Rename(target.c_str(), temp.c_str()) != CE_None) {
             fail(capture.Message("cannot rename the temporary files"));
-    }
+        }
+        forget();
+    };
+    auto discard = [dir, prefix, forget] {
+        RemoveTemporaries(dir, prefix);
+        forget();
+    };
+    CommitOrDefer(commit, discard);
 }
 
 }  // namespace kaio

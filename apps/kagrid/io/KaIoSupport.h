@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include <gdal_priv.h>
 
@@ -15,9 +16,32 @@ namespace kaio {
 std::string FileStem(const std::string& path);
 std::string Lower(std::string s);
 
-// Throws KaIoError unless `path` is an existing regular file this process can
-// open for reading.
+// A piece of user input fit to quote in a one-line message: bytes outside
+// printable ASCII become \xNN and anything past `max` characters is cut.
+std::string Echo(std::string_view text, std::size_t max = 40);
+
+// Throws KaIoError unless `path` exists, is not a folder and is readable. It
+// does not open the file: a pipe must be opened once only, by its reader.
 void CheckInputFile(const std::string& path);
+
+// Removes the files on SIGINT and SIGTERM until forgotten. Paths longer than
+// the slots hold, or more than the slots, are not guarded.
+void GuardTemporary(const std::string& path);
+void ForgetTemporary(const std::string& path);
+
+// A hidden name beside `target` for its temporary, in the pattern
+// KaRemoveStaleTemporaries recognises ("." + stem + ".tmp" + pid +
+// extension), guarded against signals from now on.
+std::string ReserveTemporary(const std::string& target);
+
+// Renames the finished `temp` over `target`, now or when the open batch
+// commits, refusing a target that has meanwhile become anything but a regular
+// file; `temp` is removed when that fails or the batch ends uncommitted.
+void CommitTemporary(const std::string& temp, const std::string& target);
+
+// Runs `commit` now, or keeps it for KaOutputBatch::Commit when a batch is
+// open; `discard` removes the temporaries when the batch ends uncommitted.
+void CommitOrDefer(std::function<void()> commit, std::function<void()> discard);
 
 struct GdalClose {
     void operator()(GDALDataset* ds) const;

@@ -14,6 +14,7 @@
 #include <ogr_spatialref.h>
 #include <ogrsf_frmts.h>
 
+#include "apps/kagrid/io/KaIoSupport.h"
 #include "platform/kadata/KaDelaunayTriangle.h"
 
 namespace fs = std::filesystem;
@@ -134,18 +135,28 @@ void WriteTriangleMesh(const KaDelaunayTriangle& mesh, const std::string& path, 
     const fs::path tmpBase = dir / tmpStem;
     const fs::path tmp = shape ? shapePart(tmpBase, ".shp") : fs::path(tmpBase.string() + (ext.empty() ? ".gpkg" : ext));
 
-    auto removeTemporary = [&] {
+    std::vector<std::string> temporaries;
+    if (shape) {
+        for (const char* part : kShapeParts) temporaries.push_back(shapePart(tmpBase, part).string());
+    } else {
+        for (const char* suffix : {"", "-journal", "-wal", "-shm"}) temporaries.push_back(tmp.string() + suffix);
+    }
+    auto removeTemporary = [temporaries] {
         std::error_code ec;
-        if (shape) {
-            for (const char* part : kShapeParts) fs::remove(shapePart(tmpBase, part), ec);
-        } else {
-            for (const char* suffix : {"", "-journal", "-wal", "-shm"}) fs::remove(tmp.string() + suffix, ec);
+        for (const std::string& t : temporaries) {
+            fs::remove(t, ec);
+            kaio::ForgetTemporary(t);
         }
     };
     removeTemporary();
-    try {
-        WriteFeatures(driver, shape, mesh, tmp.string(), path, layerName, crsWkt);
+    for (const std::string& t : temporaries) kaio::GuardTemporary(t);
+    auto commit = [=] {
         std::error_code ec;
+        const fs::file_status st = fs::status(target, ec);
+        if (fs::exists(st) && !fs::is_regular_file(st)) {
+            removeTemporary();
+            throw std::runtime_error(path + ": exists and is not a regular file; not replaced");
+        }
         if (shape) {
             for (const char* part : kShapeParts) {
                 const fs::path from = shapePart(tmpBase, part), to = shapePart(target, part);
@@ -153,19 +164,22 @@ void WriteTriangleMesh(const KaDelaunayTriangle& mesh, const std::string& path, 
                     fs::rename(from, to, ec);
                     if (ec) break;
                 } else {
-                    fs::remove(to);  // a stale part of an earlier file
+                    fs::remove(to, ec);  // a stale part of an earlier file
+                    ec.clear();
                 }
             }
         } else {
             fs::rename(tmp, target, ec);
         }
+        removeTemporary();
         CPLErrorReset();
         if (ec) Throw(path, "cannot rename the finished file into place: " + ec.message());
-    } catch (const fs::filesystem_error& e) {
-        removeTemporary();
-        throw std::runtime_error(path + ": " + e.what());
+    };
+    try {
+        WriteFeatures(driver, shape, mesh, tmp.string(), path, layerName, crsWkt);
     } catch (...) {
         removeTemporary();
         throw;
     }
+    kaio::CommitOrDefer(commit, removeTemporary);
 }

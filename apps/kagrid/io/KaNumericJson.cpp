@@ -1,13 +1,20 @@
 #include "apps/kagrid/io/KaNumericJson.h"
 
 #include <cctype>
+#include <cmath>
 #include <initializer_list>
 #include <stdexcept>
 
+#include "apps/kagrid/io/KaIoSupport.h"
 #include "methods/numeric/KaVario.h"
 #include "search/KaAnisotropy.h"
 
 using nlohmann::json;
+
+std::string EchoJson(const json& j)
+{
+    return kaio::Echo(j.dump(-1, ' ', false, json::error_handler_t::replace), 40);
+}
 
 namespace {
 
@@ -20,7 +27,7 @@ const char* const kAnisotropyKeys[] = {"angle1", "angle2", "angle3", "ratio1", "
 
 void RequireObject(const json& j, const std::string& where)
 {
-    if (!j.is_object()) Fail(where, "expected a JSON object, got " + j.dump());
+    if (!j.is_object()) Fail(where, "expected a JSON object, got " + EchoJson(j));
 }
 
 // Typos must not pass silently as defaults.
@@ -29,7 +36,7 @@ void RejectUnknownKeys(const json& j, const std::string& where, std::initializer
     for (auto it = j.begin(); it != j.end(); ++it) {
         bool ok = false;
         for (const char* k : known) ok = ok || it.key() == k;
-        if (!ok) Fail(where + "." + it.key(), "unknown field");
+        if (!ok) Fail(where + "." + kaio::Echo(it.key()), "unknown field");
     }
 }
 
@@ -38,8 +45,10 @@ double Number(const json& j, const char* key, double fallback, const std::string
 {
     const auto it = j.find(key);
     if (it == j.end()) return fallback;
-    if (!it->is_number()) Fail(where + "." + key, "expected a number, got " + it->dump());
-    return it->get<double>();
+    if (!it->is_number()) Fail(where + "." + key, "expected a number, got " + EchoJson(*it));
+    const double v = it->get<double>();
+    if (!std::isfinite(v)) Fail(where + "." + key, "expected a finite number");
+    return v;
 }
 
 bool SameName(const std::string& a, const std::string& b)
@@ -56,7 +65,7 @@ uint32_t Model(const json& j, const std::string& where)
     if (j.is_number_integer()) {
         const int64_t id = j.get<int64_t>();
         if (id < 0 || id >= static_cast<int64_t>(kKaVarioModelCount))
-            Fail(where, "model id " + j.dump() + " is not in 0..11");
+            Fail(where, "model id " + EchoJson(j) + " is not in 0..11");
         return static_cast<uint32_t>(id);
     }
     if (j.is_string()) {
@@ -66,9 +75,9 @@ uint32_t Model(const json& j, const std::string& where)
         std::string valid;
         for (uint32_t id = 0; id < kKaVarioModelCount; ++id)
             valid += std::string(valid.empty() ? "" : ", ") + KaVario::ModelName(id);
-        Fail(where, "unknown model '" + name + "' (one of " + valid + ")");
+        Fail(where, "unknown model '" + kaio::Echo(name) + "' (one of " + valid + ")");
     }
-    Fail(where, "expected a model id 0..11 or a model name, got " + j.dump());
+    Fail(where, "expected a model id 0..11 or a model name, got " + EchoJson(j));
 }
 
 }  // namespace
@@ -105,7 +114,7 @@ std::unique_ptr<KaVarioVector> VariogramFromJson(const json& j, const std::strin
 
     const auto list = j.find("components");
     if (list == j.end()) Fail(where + ".components", "missing");
-    if (!list->is_array()) Fail(where + ".components", "expected an array, got " + list->dump());
+    if (!list->is_array()) Fail(where + ".components", "expected an array, got " + EchoJson(*list));
     for (std::size_t i = 0; i < list->size(); ++i) {
         const json& cj = (*list)[i];
         const std::string at = where + ".components[" + std::to_string(i) + "]";

@@ -22,6 +22,9 @@ class KaVarioVector;
 // the offending field, e.g. "variogram.components[1].model: unknown model
 // 'Sphercal'". `where` is the path prefix (the record field's key).
 
+// A JSON value as a message may quote it: invalid UTF-8 replaced, cut short.
+std::string EchoJson(const nlohmann::json& j);
+
 nlohmann::json VariogramToJson(const KaVarioVector& model);
 std::unique_ptr<KaVarioVector> VariogramFromJson(const nlohmann::json& j,
                                                  const std::string& where = "variogram");

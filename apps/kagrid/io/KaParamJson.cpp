@@ -1,11 +1,19 @@
 #include "apps/kagrid/io/KaParamJson.h"
 
 #include <cerrno>
+#include <climits>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <limits>
+#include <sstream>
 #include <type_traits>
+#include <unordered_set>
+#include <vector>
 
+#include "apps/kagrid/io/KaIoSupport.h"
 #include "apps/kagrid/io/KaNumericJson.h"
 #include "core/KaEstimatorGridParam.h"
 #include "core/KaFieldVisitor.h"
@@ -16,6 +24,41 @@ using nlohmann::json;
 using nlohmann::ordered_json;
 
 namespace {
+
+// Strict UTF-8: no overlong forms, surrogates or code points past U+10FFFF.
+bool IsUtf8(const std::string& s)
+{
+    std::size_t i = 0;
+    const std::size_t n = s.size();
+    while (i < n) {
+        const unsigned char c = static_cast<unsigned char>(s[i]);
+        int more;
+        unsigned lo = 0x80, hi = 0xBF;
+        if (c < 0x80) more = 0;
+        else if (c >= 0xC2 && c <= 0xDF) more = 1;
+        else if (c >= 0xE0 && c <= 0xEF) {
+            more = 2;
+            if (c == 0xE0) lo = 0xA0;
+            if (c == 0xED) hi = 0x9F;
+        } else if (c >= 0xF0 && c <= 0xF4) {
+            more = 3;
+            if (c == 0xF0) lo = 0x90;
+            if (c == 0xF4) hi = 0x8F;
+        } else return false;
+        if (n - i - 1 < static_cast<std::size_t>(more)) return false;
+        for (int k = 1; k <= more; ++k) {
+            const unsigned char d = static_cast<unsigned char>(s[i + k]);
+            if (d < (k == 1 ? lo : 0x80) || d > (k == 1 ? hi : 0xBF)) return false;
+        }
+        i += static_cast<std::size_t>(more) + 1;
+    }
+    return true;
+}
+
+// Raised inside the parser's callback to stop the parse at once.
+struct JsonRefusal {
+    std::string reason;
+};
 
 template <typename T>
 const char* TypeName()
@@ -65,7 +108,9 @@ public:
     {
         if (!Match(k)) return;
         if (!value_.is_number()) Fail("a number");
-        v = value_.get<double>();
+        const double d = value_.get<double>();
+        if (!std::isfinite(d)) throw KaParamError(Where() + "expected a finite number");
+        v = d;
     }
     void Field(const char* k, int32_t& v, const char*) override { Integer(k, v); }
     void Field(const char* k, int64_t& v, const char*) override { Integer(k, v); }
@@ -82,6 +127,7 @@ public:
     {
         if (!Match(k)) return;
         if (!value_.is_string()) Fail("text");
+        if (!IsUtf8(value_.get_ref<const std::string&>())) throw KaParamError(Where() + "not valid UTF-8 text");
         v = value_.get<std::string>();
     }
     void Choice(const char* k, int32_t& v, std::span<const char* const> names, const char*) override
@@ -100,7 +146,7 @@ public:
             }
         std::string list;
         for (const char* n : names) list += std::string(list.empty() ? "" : ", ") + "\"" + n + "\"";
-        throw KaParamError(Where() + "unknown name \"" + s + "\" (one of " + list + ")");
+        throw KaParamError(Where() + "unknown name \"" + kaio::Echo(s) + "\" (one of " + list + ")");
     }
     void Field(const char* k, KaAnisotropy& v, const char*) override
     {
@@ -127,7 +173,7 @@ private:
     std::string Where() const { return (origin_.empty() ? "" : origin_ + ": ") + key_ + ": "; }
     [[noreturn]] void Fail(const char* expected) const
     {
-        throw KaParamError(Where() + "expected " + expected + ", got " + value_.dump());
+        throw KaParamError(Where() + "expected " + expected + ", got " + EchoJson(value_));
     }
     static bool Same(const std::string& a, const char* b)
     {
@@ -153,13 +199,18 @@ private:
         } else {
             Fail(TypeName<T>());
         }
-        throw KaParamError(Where() + j.dump() + " is out of range");
+        throw KaParamError(Where() + EchoJson(j) + " is out of range");
     }
     template <typename T>
     void Integer(const char* k, T& v)
     {
         if (!Match(k)) return;
-        v = Checked<T>(value_);
+        const T n = Checked<T>(value_);
+        // A raster side is an int; the grid's counts go no further.
+        if ((key_ == "columnCount" || key_ == "rowCount") && static_cast<uint64_t>(n) > INT_MAX)
+            throw KaParamError(Where() + std::to_string(n) + " is more than a grid can hold (at most " +
+                               std::to_string(INT_MAX) + ")");
+        v = n;
     }
     template <typename F>
     void Nested(F f)
@@ -220,7 +271,7 @@ private:
     }
     [[noreturn]] void Fail(const char* expected) const
     {
-        throw KaParamError(key_ + ": expected " + expected + ", got \"" + text_ + "\"");
+        throw KaParamError(kaio::Echo(key_) + ": expected " + expected + ", got \"" + kaio::Echo(text_) + "\"");
     }
     template <typename T>
     void Number(const char* k, T&)
@@ -248,8 +299,11 @@ private:
     void Json(const char* k)
     {
         if (!Match(k)) return;
-        value = json::parse(text_, nullptr, false);
-        if (value.is_discarded()) Fail("a JSON object");
+        try {
+            value = ParseParamJson(text_, key_);
+        } catch (const KaParamError& e) {
+            throw KaParamError(key_ + ": expected a JSON object; " + std::string(e.what()).substr(key_.size() + 2));
+        }
     }
 
     std::string key_, text_;
@@ -290,6 +344,56 @@ public:
 
 }  // namespace
 
+json ParseParamJson(const std::string& text, const std::string& origin)
+{
+    // Keys seen so far in each open object or array (arrays keep an empty set).
+    std::vector<std::unordered_set<std::string>> open;
+    auto check = [&](int, json::parse_event_t event, json& parsed) {
+        switch (event) {
+        case json::parse_event_t::object_start:
+        case json::parse_event_t::array_start:
+            if (open.size() >= static_cast<std::size_t>(kKaMaxJsonDepth))
+                throw JsonRefusal{"nested too deeply (more than " + std::to_string(kKaMaxJsonDepth) + " levels)"};
+            open.emplace_back();
+            break;
+        case json::parse_event_t::object_end:
+        case json::parse_event_t::array_end:
+            if (!open.empty()) open.pop_back();
+            break;
+        case json::parse_event_t::key:
+            if (!open.empty() && !open.back().insert(parsed.get<std::string>()).second)
+                throw JsonRefusal{"the key \"" + kaio::Echo(parsed.get<std::string>()) + "\" appears twice"};
+            break;
+        default:
+            break;
+        }
+        return true;
+    };
+    try {
+        return json::parse(text, check);
+    } catch (const JsonRefusal& r) {
+        throw KaParamError(origin + ": " + r.reason);
+    } catch (const json::parse_error& e) {
+        throw KaParamError(origin + ": not valid JSON (at byte " + std::to_string(e.byte) + ")");
+    } catch (const json::out_of_range&) {
+        throw KaParamError(origin + ": holds a number too large for a double");
+    } catch (const json::exception&) {
+        throw KaParamError(origin + ": not valid JSON");
+    }
+}
+
+json ReadParamFile(const std::string& path)
+{
+    std::error_code ec;
+    if (std::filesystem::is_directory(path, ec)) throw KaParamError(path + ": is a folder, not a parameter file");
+    std::ifstream in(path, std::ios::binary);
+    if (!in) throw KaParamError(path + ": cannot open the parameter file: " + std::strerror(errno));
+    std::ostringstream text;
+    text << in.rdbuf();
+    if (in.bad()) throw KaParamError(path + ": cannot read the parameter file");
+    return ParseParamJson(text.str(), path);
+}
+
 ordered_json RecordToJson(KaEstimatorGridParam& record)
 {
     ToJson v;
@@ -306,7 +410,7 @@ void ApplyJson(KaEstimatorGridParam& record, const json& object, const std::stri
         FromJson v(key, value, origin);
         record.VisitFields(v);
         if (!v.found)
-            throw KaParamError((origin.empty() ? "" : origin + ": ") + key +
+            throw KaParamError((origin.empty() ? "" : origin + ": ") + kaio::Echo(key) +
                                ": unknown parameter for this method (see 'kagrid methods')");
         if (applied) applied->insert(key);
     }
@@ -316,11 +420,12 @@ void ApplySetting(KaEstimatorGridParam& record, const std::string& setting, std:
 {
     const auto eq = setting.find('=');
     if (eq == std::string::npos || eq == 0)
-        throw KaParamError("--set " + setting + ": expected key=value");
+        throw KaParamError("--set " + kaio::Echo(setting) + ": expected key=value");
     const std::string key = setting.substr(0, eq), text = setting.substr(eq + 1);
     TextToJson t(key, text);
     record.VisitFields(t);
-    if (!t.found) throw KaParamError(key + ": unknown parameter for this method (see 'kagrid methods')");
+    if (!t.found)
+        throw KaParamError(kaio::Echo(key) + ": unknown parameter for this method (see 'kagrid methods')");
     ApplyJson(record, json{{key, t.value}}, "", applied);
 }
 

@@ -14,6 +14,16 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+// Parses parameters as JSON, refusing what the records never hold and what
+// would only cost stack or hide a mistake: nesting deeper than
+// kKaMaxJsonDepth ("nested too deeply") and an object with the same key twice.
+// `origin` names the source in messages (a file, or "--set key"). Throws
+// KaParamError.
+inline constexpr int kKaMaxJsonDepth = 32;
+nlohmann::json ParseParamJson(const std::string& text, const std::string& origin);
+// The same for a file, refusing folders and unreadable files by name.
+nlohmann::json ReadParamFile(const std::string& path);
+
 // The record's settable fields as a JSON object, in field order.
 nlohmann::ordered_json RecordToJson(KaEstimatorGridParam& record);
 

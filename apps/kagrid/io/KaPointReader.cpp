@@ -8,6 +8,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <istream>
 #include <string_view>
 #include <vector>
 
@@ -117,6 +118,53 @@ char DetectSeparator(std::string_view line, bool tsv)
     return '\t';
 }
 
+constexpr unsigned long kMaxColumn = 100000;
+constexpr std::size_t kMaxLine = std::size_t(1) << 20;
+
+// Lines of at most kMaxLine bytes, '\n' ended; a NUL byte anywhere is refused
+// with its line number (text files hold none; a binary file is the likely cause).
+class LineReader {
+public:
+    LineReader(std::istream& in, const std::string& path) : in_(in), path_(path) {}
+
+    bool Next(std::string& line)
+    {
+        line.clear();
+        for (;;) {
+            const std::size_t nl = buffer_.find('\n', start_);
+            const std::size_t end = nl == std::string::npos ? buffer_.size() : nl;
+            if (std::memchr(buffer_.data() + start_, '\0', end - start_))
+                throw KaIoError(path_, number_ + 1, "holds a NUL byte; not a text file");
+            if (nl != std::string::npos || (eof_ && start_ < buffer_.size())) {
+                line.assign(buffer_, start_, end - start_);
+                start_ = nl == std::string::npos ? buffer_.size() : nl + 1;
+                ++number_;
+                return true;
+            }
+            if (eof_) return false;
+            if (end - start_ > kMaxLine)
+                throw KaIoError(path_, number_ + 1, "a line longer than " + std::to_string(kMaxLine) +
+                                                        " bytes; not a point file");
+            buffer_.erase(0, start_);
+            start_ = 0;
+            const std::size_t old = buffer_.size();
+            buffer_.resize(old + 65536);
+            in_.read(buffer_.data() + old, 65536);
+            buffer_.resize(old + static_cast<std::size_t>(in_.gcount()));
+            if (in_.bad()) throw KaIoError(path_, number_ + 1, "read error");
+            if (!in_) eof_ = true;
+        }
+    }
+    std::size_t Number() const { return number_; }
+
+private:
+    std::istream& in_;
+    const std::string& path_;
+    std::string buffer_;
+    std::size_t start_ = 0, number_ = 0;
+    bool eof_ = false;
+};
+
 struct ColumnChoice {
     bool byName = false;
     std::size_t index = 0;  // 0-based once resolved
@@ -131,9 +179,9 @@ ColumnChoice ParseChoice(const std::string& path, const std::string& given, cons
     if (AllDigits(s)) {
         unsigned long n = 0;
         const auto [end, ec] = std::from_chars(s.data(), s.data() + s.size(), n);
-        if (ec != std::errc() || end != s.data() + s.size() || n == 0 || n > 100000)
-            throw KaIoError(path, "column " + std::string(s) + " for " + role +
-                                      ": columns are numbered from 1");
+        if (ec != std::errc() || end != s.data() + s.size() || n == 0 || n > kMaxColumn)
+            throw KaIoError(path, "column " + kaio::Echo(s) + " for " + role + ": columns are numbered from 1 to " +
+                                      std::to_string(kMaxColumn));
         c.index = n - 1;
     } else {
         c.byName = true;
@@ -144,8 +192,8 @@ ColumnChoice ParseChoice(const std::string& path, const std::string& given, cons
 
 std::string Quote(std::string_view s)
 {
-    std::string q(1, '\'');
-    q += s;
+    std::string q = kaio::Echo(s);
+    q.insert(0, 1, '\'');
     q += '\'';
     return q;
 }
@@ -203,15 +251,16 @@ bool IsMissing(std::string_view t)
     return t.empty() || Lower(std::string(t)) == "na" || Lower(std::string(t)) == "nan";
 }
 
-std::vector<Ka3DPoint> ReadTextPoints(const std::string& path, const KaPointColumns& columns,
-                                      KaPointReadReport& report)
+}  // namespace
+
+std::vector<Ka3DPoint> ReadTextPointStream(std::istream& in, const std::string& path, const KaPointColumns& columns,
+                                           KaPointReadReport* reportOut)
 {
+    KaPointReadReport local;
+    KaPointReadReport& report = reportOut ? *reportOut : local;
     ColumnChoice choice[3] = {ParseChoice(path, columns.x, "x"), ParseChoice(path, columns.y, "y"),
                               ParseChoice(path, columns.z, "z")};
     const bool needHeader = choice[0].byName || choice[1].byName || choice[2].byName;
-
-    std::ifstream in(path, std::ios::binary);
-    if (!in) throw KaIoError(path, std::string("cannot open the file: ") + std::strerror(errno));
 
     std::vector<Ka3DPoint> points;
     std::string raw;
@@ -219,8 +268,9 @@ std::vector<Ka3DPoint> ReadTextPoints(const std::string& path, const KaPointColu
     char sep = 0;
     bool first = true;
     std::vector<std::string> headerNames;
-    while (std::getline(in, raw)) {
-        ++lineNo;
+    LineReader reader(in, path);
+    while (reader.Next(raw)) {
+        lineNo = reader.Number();
         std::string_view line(raw);
         if (lineNo == 1 && line.substr(0, 3) == "\xEF\xBB\xBF") line.remove_prefix(3);  // UTF-8 mark
         const std::string_view body = Trim(line);
@@ -288,8 +338,17 @@ std::vector<Ka3DPoint> ReadTextPoints(const std::string& path, const KaPointColu
         }
         points.emplace_back(v[0], v[1], v[2]);
     }
-    if (in.bad()) throw KaIoError(path, lineNo + 1, "read error");
     return points;
+}
+
+namespace {
+
+std::vector<Ka3DPoint> ReadTextPoints(const std::string& path, const KaPointColumns& columns,
+                                      KaPointReadReport& report)
+{
+    std::ifstream in(path, std::ios::binary);
+    if (!in) throw KaIoError(path, std::string("cannot open the file: ") + std::strerror(errno));
+    return ReadTextPointStream(in, path, columns, &report);
 }
 
 // Vector formats -----------------------------------------------------------
@@ -449,9 +508,11 @@ KaPointFileColumns PeekPointColumns(const std::string& path)
     std::ifstream in(path, std::ios::binary);
     if (!in) throw KaIoError(path, std::string("cannot open the file: ") + std::strerror(errno));
     std::string raw;
-    for (std::size_t lineNo = 1; std::getline(in, raw); ++lineNo) {
+    // The reader's line rules: a NUL byte or an endless line is refused by line number.
+    LineReader reader(in, path);
+    while (reader.Next(raw)) {
         std::string_view line(raw);
-        if (lineNo == 1 && line.substr(0, 3) == "\xEF\xBB\xBF") line.remove_prefix(3);
+        if (reader.Number() == 1 && line.substr(0, 3) == "\xEF\xBB\xBF") line.remove_prefix(3);
         const std::string_view body = Trim(line);
         if (body.empty() || body.front() == '#') continue;
         const char sep = DetectSeparator(body, Lower(fs::path(path).extension().string()) == ".tsv");
@@ -470,7 +531,7 @@ KaPointFileColumns PeekPointColumns(const std::string& path)
         }
         // Which columns hold numbers: the first line after the header says.
         out.numeric.assign(out.names.size(), false);
-        while (std::getline(in, raw)) {
+        while (reader.Next(raw)) {
             const std::string_view next = Trim(raw);
             if (next.empty() || next.front() == '#') continue;
             const std::vector<bool> n = numbers(SplitFields(next, sep));

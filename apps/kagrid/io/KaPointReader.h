@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstddef>
+#include <iosfwd>
 #include <memory>
 #include <string>
 #include <vector>
@@ -77,3 +78,9 @@ struct KaPointColumnGuess {
     std::array<bool, 3> named = {false, false, false};  // found by its name
 };
 KaPointColumnGuess GuessPointColumns(const KaPointFileColumns& layout);
+
+// The text reader alone, over a stream already open; `path` names it in
+// messages. Throws KaIoError; an empty result is not an error here.
+std::vector<Ka3DPoint> ReadTextPointStream(std::istream& in, const std::string& path,
+                                           const KaPointColumns& columns = {},
+                                           KaPointReadReport* report = nullptr);

@@ -1,16 +1,14 @@
 #include "apps/kagrid/io/KaPointTableWriter.h"
 
-#include <unistd.h>
-
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 
 #include <ogrsf_frmts.h>
 
 #include "apps/kagrid/io/KaIoError.h"
 #include "apps/kagrid/io/KaIoSupport.h"
+#include "apps/kagrid/io/KaOutputFiles.h"
 #include "apps/kagrid/io/KaRasterIo.h"
 
 namespace fs = std::filesystem;
@@ -25,46 +23,26 @@ const char* DriverFor(const std::string& ext)
     return nullptr;
 }
 
-std::string TempPath(const std::string& path)
+std::string CsvText(const std::vector<std::string>& columns, const std::vector<std::vector<double>>& rows)
 {
-    const fs::path target(path);
-    return (target.parent_path() / ("." + target.stem().string() + ".tmp" + std::to_string(::getpid()) +
-                                    target.extension().string()))
-        .string();
-}
-
-void WriteCsv(const std::string& path, const std::vector<std::string>& columns,
-              const std::vector<std::vector<double>>& rows)
-{
-    const std::string tmp = TempPath(path);
-    {
-        std::ofstream out(tmp);
-        if (!out) throw KaIoError(path, "cannot create the file");
-        for (std::size_t c = 0; c < columns.size(); ++c) out << (c ? "," : "") << columns[c];
-        out << '\n';
-        char buf[32];
-        for (const auto& row : rows) {
-            for (std::size_t c = 0; c < row.size(); ++c) {
-                if (c) out << ',';
-                if (!std::isnan(row[c])) {
-                    std::snprintf(buf, sizeof buf, "%.17g", row[c]);
-                    out << buf;
-                }
+    std::string text;
+    for (std::size_t c = 0; c < columns.size(); ++c) {
+        if (c) text += ',';
+        text += columns[c];
+    }
+    text += '\n';
+    char buf[32];
+    for (const auto& row : rows) {
+        for (std::size_t c = 0; c < row.size(); ++c) {
+            if (c) text += ',';
+            if (!std::isnan(row[c])) {
+                std::snprintf(buf, sizeof buf, "%.17g", row[c]);
+                text += buf;
             }
-            out << '\n';
         }
-        if (!out.flush()) {
-            std::error_code ec;
-            fs::remove(tmp, ec);
-            throw KaIoError(path, "cannot write the file");
-        }
+        text += '\n';
     }
-    std::error_code ec;
-    fs::rename(tmp, path, ec);
-    if (ec) {
-        fs::remove(tmp, ec);
-        throw KaIoError(path, "cannot rename the finished file into place");
-    }
+    return text;
 }
 
 }  // namespace
@@ -77,17 +55,20 @@ void WritePointTable(const std::string& path, const std::vector<std::string>& co
     if (!driverName) {
         if (!ext.empty() && ext != ".csv" && ext != ".txt")
             throw KaIoError(path, "unknown table format '" + ext + "' (use .csv, .gpkg, .geojson or .fgb)");
-        WriteCsv(path, columns, rows);
+        WriteTextFile(path, CsvText(columns, rows));
         return;
     }
     KaIoInit();
     GDALDriver* driver = GetGDALDriverManager()->GetDriverByName(driverName);
     if (!driver) throw KaIoError(path, std::string("the GDAL driver ") + driverName + " is not available");
-    const std::string tmp = TempPath(path);
+    const std::string tmp = kaio::ReserveTemporary(path);
     kaio::GdalErrorCapture errors;
     auto fail = [&](const std::string& what) {
         const std::string msg = errors.Message(what);
         driver->Delete(tmp.c_str());
+        std::error_code ec;
+        fs::remove(tmp, ec);
+        kaio::ForgetTemporary(tmp);
         throw KaIoError(path, msg);
     };
     {
@@ -112,7 +93,5 @@ void WritePointTable(const std::string& path, const std::vector<std::string>& co
         if (transaction && ds->CommitTransaction() != OGRERR_NONE) fail("cannot complete the write");
     }
     if (errors.Failed()) fail("cannot complete the write");
-    std::error_code ec;
-    fs::rename(tmp, path, ec);
-    if (ec) fail("cannot rename the finished file into place");
+    kaio::CommitTemporary(tmp, path);
 }

@@ -166,6 +166,11 @@ std::unique_ptr<KaDataObject> ReadInput(const std::string& path, const KaPointCo
     KaIoInit();
     kaio::CheckInputFile(path);
     if (LooksLikeTextPoints(path)) return ReadPointFile(path, columns, report);
+    // GDAL opens a file several times, which a pipe or a device cannot serve.
+    std::error_code ec;
+    if (!fs::is_regular_file(path, ec))
+        throw KaIoError(path, "not a regular file; only x y z text (.csv, .txt, .xyz, ...) can be read from "
+                              "a pipe or a device");
 
     bool raster = false, vector = false;
     {
@@ -180,7 +185,12 @@ std::unique_ptr<KaDataObject> ReadInput(const std::string& path, const KaPointCo
         raster = ds->GetRasterCount() > 0;
         vector = ds->GetLayerCount() > 0;
     }
-    if (raster) return ReadRasterSurface(path);
+    if (raster) {
+        std::unique_ptr<KaSurface> surface = ReadRasterSurface(path);
+        const KaSurfaceObjInfo& info = surface->GetSurfaceObjInfo();
+        if (!(info.zMin <= info.zMax)) throw KaIoError(path, "every cell is nodata; there are no samples to grid");
+        return surface;
+    }
     if (vector) return ReadPointFile(path, columns, report);
     throw KaIoError(path, "holds neither a raster band nor a vector layer");
 }

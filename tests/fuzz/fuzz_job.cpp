@@ -1,0 +1,76 @@
+// Fuzz target: a whole small gridding job. Byte 0 picks the method, bytes 1
+// and 2 the grid's columns and rows (1 to 8); then x y z text, and after a
+// line "---" a JSON parameter object applied before the counts are clamped.
+// Methods that form a kriging standard deviation form it as well.
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <sstream>
+#include <string>
+
+#include "apps/kagrid/io/KaIoError.h"
+#include "apps/kagrid/io/KaOutputFiles.h"
+#include "apps/kagrid/io/KaParamJson.h"
+#include "apps/kagrid/io/KaPointReader.h"
+#include "core/KaEstimatorSample.h"
+#include "core/KaRecordFill.h"
+#include "methods/KaMethodRegistry.h"
+#include "platform/kadata/KaEventsLog.h"
+#include "search/KaEstGridSearcher.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
+{
+    if (size < 3) return 0;
+    SetEventsLogSink([](int, const std::string&) {});
+    const auto methods = KaMethods();
+    const KaMethodInfo& method = methods[data[0] % methods.size()];
+    const uint64_t cols = data[1] % 8 + 1, rows = data[2] % 8 + 1;
+    const std::string text(reinterpret_cast<const char*>(data) + 3, size - 3);
+    const std::size_t cut = text.find("\n---\n");
+    std::istringstream in(text.substr(0, cut));
+
+    auto points = std::make_unique<KaScatteredPoints>();
+    try {
+        std::vector<Ka3DPoint> read = ReadTextPointStream(in, "fuzz.txt");
+        if (read.empty() || read.size() > 200) return 0;
+        points->SetScatteredPoints(std::move(read));
+    } catch (const KaIoError&) {
+        return 0;
+    }
+    points->SetName("fuzz");
+    std::unique_ptr<KaEstimatorGridParam> record = method.makeParam();
+    if (FillRecordFromObject(record.get(), points.get(), method.suffix) == KaFillResult::Failed) return 0;
+    if (cut != std::string::npos) {
+        try {
+            ApplyJson(*record, ParseParamJson(text.substr(cut + 5), "fuzz.json"), "fuzz.json");
+        } catch (const KaParamError&) {
+            return 0;
+        }
+    }
+    record->columnCount = std::min(record->columnCount, cols);
+    record->rowCount = std::min(record->rowCount, rows);
+    if (!record->Validate().empty()) return 0;
+    // The search's buckets are squares of the finer node spacing, so their
+    // number grows with the ratio of the spacings (up to 2^30, gigabytes, by
+    // design): a fuzzer's memory limit is not a finding there.
+    const double dx = (record->xMax - record->xMin) / static_cast<double>(std::max<uint64_t>(record->columnCount, 2) - 1);
+    const double dy = (record->yMax - record->yMin) / static_cast<double>(std::max<uint64_t>(record->rowCount, 2) - 1);
+    if (dx > 0 && dy > 0 && std::max(dx / dy, dy / dx) > 1e4) return 0;
+
+    KaSampleList* raw = nullptr;
+    if (!BuildSampleList(raw, points.get())) return 0;
+    std::unique_ptr<KaGridJob> job = MakeJob(method, nullptr);
+    job->SetSampleList(std::unique_ptr<KaSampleList>(raw));
+    std::unique_ptr<KaEstimatorGrid> estimator = method.makeEstimator();
+    // The kriging variance surface too, where the method forms one.
+    job->CollectStdDev(estimator->FormsStdDev());
+    job->SetEstimator(std::move(estimator));
+    if (!job->StartEstimate(std::move(record))) return 0;
+    try {
+        if (std::unique_ptr<KaSurface> surface = job->Run()) KaBlankNonFiniteNodes(*surface);
+        if (std::unique_ptr<KaSurface> stdDev = job->TakeStdDevSurface()) KaBlankNonFiniteNodes(*stdDev);
+    } catch (const KaSearchError&) {
+    }
+    return 0;
+}

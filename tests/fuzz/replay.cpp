@@ -1,0 +1,36 @@
+// Runs a fuzz target over the files given (or the files in the folders
+// given) once each, without fuzzing: the regular suite's check that the kept
+// inputs still pass.
+
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <vector>
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size);
+
+int main(int argc, char** argv)
+{
+    namespace fs = std::filesystem;
+    std::size_t count = 0;
+    for (int i = 1; i < argc; ++i) {
+        if (argv[i][0] == '-') continue;  // libFuzzer's flags, such as -runs=0
+        std::vector<fs::path> files;
+        if (fs::is_directory(argv[i])) {
+            for (const auto& e : fs::directory_iterator(argv[i])) files.push_back(e.path());
+        } else {
+            files.emplace_back(argv[i]);
+        }
+        for (const fs::path& f : files) {
+            std::ifstream in(f, std::ios::binary);
+            const std::vector<char> bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+            std::fprintf(stderr, "%s\n", f.c_str());
+            LLVMFuzzerTestOneInput(reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
+            ++count;
+        }
+    }
+    std::fprintf(stderr, "replayed %zu inputs\n", count);
+    return count ? 0 : 1;
+}
