@@ -26,7 +26,7 @@ KaRunSetup PrepareRun(const KaMethodInfo& method, const std::string& inputPath, 
     const KaFillResult fill = FillRecordFromObject(&record, run.input.get(), method.suffix);
     if (fill == KaFillResult::Failed) throw KaIoError(inputPath, "not a point set or a surface");
 
-    std::set<std::string> applied;
+    std::set<std::string>& applied = run.given;
     if (!paramsFile.empty()) {
         ApplyJson(record, ReadParamFile(paramsFile), paramsFile, &applied);
     }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -14,6 +15,7 @@
 struct KaRunSetup {
     std::unique_ptr<KaDataObject> input;
     std::unique_ptr<KaEstimatorGridParam> record;
+    std::set<std::string> given;  // the keys --params and --set gave
 };
 
 // Reads the input (columns as given, guessed from a header where not

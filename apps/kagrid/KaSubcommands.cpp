@@ -48,6 +48,21 @@ const Command kCommands[] = {
      "  --plot FILE.png      the lags and the fitted curve\n"
      "  --x/--y/--z COL      input columns as for gridding\n",
      {"--cutoff", "--width", "--direction", "--tolerance", "--fit", "--json", "--plot"}, RunVariogram},
+    {"tune",
+     "usage: kagrid tune METHOD INPUT [options]\n"
+     "  Tries a short list of settings for the method (search counts, sectors and mode, and\n"
+     "  the method's own settings; see the README), scores each by leave-one-out\n"
+     "  cross-validation, prints them with RMSE, MAE, mean error and the share of samples\n"
+     "  not estimable, and marks the best with '*'. Keys given with --set or --params are\n"
+     "  held as given.\n"
+     "options:\n"
+     "  --set KEY=VALUE, --params FILE, --x/--y/--z COL   as for gridding\n"
+     "  --write-params FILE  the best settings as a parameter file for --params\n"
+     "  --max-blank PERCENT  a candidate leaving more samples than this not estimable loses\n"
+     "                       to one that does not (default 1)\n"
+     "  --threads N          worker threads (default: every core)\n"
+     "  -q, --quiet          no progress output\n",
+     {"--write-params", "--max-blank", "--threads"}, RunTune},
 };
 
 const Command* Find(const char* word)

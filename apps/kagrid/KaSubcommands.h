@@ -6,7 +6,7 @@
 
 #include "apps/kagrid/io/KaPointReader.h"
 
-// kagrid's commands besides gridding: cross-validate and variogram.
+// kagrid's commands besides gridding: cross-validate, variogram and tune.
 bool IsSubcommand(const char* word);
 // argv[0] is the command's name. Returns the exit status (0, 1 failure, 2 usage).
 int RunSubcommand(int argc, char** argv);
@@ -36,3 +36,4 @@ struct KaUsageError {
 
 int RunCrossValidate(const KaSubOptions& o);
 int RunVariogram(const KaSubOptions& o);
+int RunTune(const KaSubOptions& o);

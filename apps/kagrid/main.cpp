@@ -29,6 +29,7 @@
 #include "apps/kagrid/KaProgress.h"
 #include "apps/kagrid/KaRunSetup.h"
 #include "apps/kagrid/KaSubcommands.h"
+#include "apps/kagrid/KaTuneCommand.h"
 #include "core/KaRecordFill.h"
 #include "methods/KaEstDataMetrics.h"
 #include "methods/KaEstKrig.h"
@@ -51,6 +52,7 @@ const char* kUsage =
     "       kagrid --version\n"
     "       kagrid cross-validate METHOD INPUT [options]   leave-one-out statistics\n"
     "       kagrid variogram INPUT [options]               experimental variogram and fit\n"
+    "       kagrid tune METHOD INPUT [options]             settings chosen by cross-validation\n"
     "\n"
     "INPUT   points: CSV or whitespace-separated x y z text, or any vector file GDAL reads;\n"
     "        a raster GDAL reads: its nodes become the samples\n"
@@ -60,6 +62,7 @@ const char* kUsage =
     "  --set KEY=VALUE    set one parameter (repeatable; after --params)\n"
     "  --params FILE      parameters from a JSON object {\"key\": value, ...}\n"
     "  --print-params     print the effective parameters as JSON and exit\n"
+    "  --tune             first choose the settings as `kagrid tune` does, then grid with them\n"
     "  --bounds XMIN,YMIN,XMAX,YMAX   the grid's box (first node at XMIN, YMIN)\n"
     "  --cell DX[,DY]     node spacing; the counts follow from the bounds\n"
     "  --size COLS,ROWS   node counts; the spacing follows from the bounds\n"
@@ -93,6 +96,7 @@ struct Options {
     std::vector<std::string> settings;
     KaPointColumns columns;
     bool printParams = false;
+    bool tune = false;
     bool quiet = false;
     bool xColumnGiven = false, yColumnGiven = false, zColumnGiven = false;
     unsigned threads = 0;  // 0: one per core
@@ -123,6 +127,7 @@ Options ParseArguments(int argc, char** argv)
         } else if (a == "--set") o.settings.push_back(value("KEY=VALUE"));
         else if (a == "--params") o.paramsFile = value("a JSON file");
         else if (a == "--print-params") o.printParams = true;
+        else if (a == "--tune") o.tune = true;
         else if (a == "-of") o.format = value("a format name");
         else if (a == "-ot") o.dataType = value("a data type");
         else if (a == "-co") o.creationOptions.push_back(value("NAME=VALUE"));
@@ -343,6 +348,7 @@ int Run(const Options& o)
     std::unique_ptr<KaSampleList> samples(raw);
     if (samples->empty()) throw KaIoError(o.input, "no samples");
     input.reset();  // the samples hold everything needed from here on
+    if (o.tune) record = TuneForGridding(*method, std::move(record), given, *samples, o.quiet);
 
     KaProgress progress(o.quiet);
     std::unique_ptr<KaGridJob> job = MakeJob(*method, &progress);

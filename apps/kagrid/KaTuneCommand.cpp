@@ -1,0 +1,148 @@
+// kagrid tune: a method's settings chosen by leave-one-out cross-validation,
+// and gridding with --tune.
+
+#include "apps/kagrid/KaTuneCommand.h"
+
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+
+#include "apps/kagrid/KaProgress.h"
+#include "apps/kagrid/KaSubcommands.h"
+#include "apps/kagrid/io/KaIoError.h"
+#include "apps/kagrid/io/KaParamJson.h"
+#include "apps/kagrid/tune/KaTune.h"
+#include "search/KaEstGridSearcher.h"
+
+namespace {
+
+struct Timed {
+    KaTuneResult result;
+    double seconds = 0;
+};
+
+Timed Tune(const KaMethodInfo& method, KaEstimatorGridParam& base, KaSampleList& samples, const KaTuneOptions& options,
+           bool quiet)
+{
+    KaProgress progress(quiet);
+    const auto start = std::chrono::steady_clock::now();
+    Timed t;
+    try {
+        t.result = KaTune(method, base, samples, options,
+                          [&](int percent, const std::string& text) { progress.Percent(percent, text); });
+    } catch (const KaSearchError& e) {
+        progress.Finish();
+        throw std::runtime_error(std::string("the search failed: ") + e.what());
+    }
+    progress.Finish();
+    t.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    return t;
+}
+
+std::string Percent(double share)
+{
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%.2f", 100 * share);
+    return buf;
+}
+
+void PrintTable(const KaTuneResult& r)
+{
+    std::printf("%4s  %-7s %14s %14s %14s %8s  %s\n", "#", "stage", "rmse", "mae", "me", "blank%", "settings");
+    for (std::size_t i = 0; i < r.rows.size(); ++i) {
+        const KaTuneRow& row = r.rows[i];
+        std::printf("%3zu%c  %-7s %14.8g %14.8g %14.8g %8s  %s\n", i + 1, i == r.best ? '*' : ' ',
+                    row.candidate.stage.c_str(), row.stats.rmse, row.stats.mae, row.stats.me,
+                    Percent(row.stats.BlankShare()).c_str(), row.candidate.label.c_str());
+    }
+}
+
+void WriteJson(const std::string& path, const nlohmann::ordered_json& j)
+{
+    const std::string tmp = path + ".tmp";
+    {
+        std::ofstream out(tmp);
+        out << j.dump(2) << '\n';
+        if (!out.flush()) {
+            std::error_code ec;
+            std::filesystem::remove(tmp, ec);
+            throw KaIoError(path, "cannot write the parameter file");
+        }
+    }
+    std::error_code ec;
+    std::filesystem::rename(tmp, path, ec);
+    if (ec) throw KaIoError(path, "cannot rename the finished parameter file into place");
+}
+
+// The tuned record exactly as a gridding run with the parameter file builds
+// it: the chosen values go through their JSON text.
+std::unique_ptr<KaEstimatorGridParam> Reapplied(std::unique_ptr<KaEstimatorGridParam> base, const KaTuneResult& r,
+                                                const std::set<std::string>& given)
+{
+    const nlohmann::json params = nlohmann::json::parse(KaTunedParameters(*r.record, r, given).dump());
+    ApplyJson(*base, params, "the tuned parameters");
+    const std::string invalid = base->Validate();
+    if (!invalid.empty()) throw KaParamError("the tuned record is invalid: " + invalid);
+    return base;
+}
+
+}  // namespace
+
+int RunTune(const KaSubOptions& o)
+{
+    if (o.positional.size() < 2) throw KaUsageError{o.positional.empty() ? "no method given" : "no INPUT given"};
+    if (o.positional.size() > 2) throw KaUsageError{"unexpected argument " + o.positional[2]};
+    const KaMethodInfo* method = FindMethod(o.positional[0]);
+    if (!method) throw KaUsageError{"unknown method '" + o.positional[0] + "' (one of: " + MethodNames() + ")"};
+    KaRequireLeaveOneOut(*method);
+    KaTuneOptions options;
+    try {
+        options.threads = KaThreadCount(o.Value("--threads"));
+    } catch (const std::invalid_argument& e) {
+        throw KaUsageError{e.what()};
+    }
+    if (o.Has("--max-blank")) {
+        const std::string v = o.Value("--max-blank");
+        char* end = nullptr;
+        const double p = std::strtod(v.c_str(), &end);
+        if (v.empty() || *end || !(p >= 0 && p <= 100)) throw KaUsageError{"--max-blank: a percentage from 0 to 100"};
+        options.maxBlankShare = p / 100;
+    }
+    const std::string input = o.positional[1];
+    KaRunSetup setup = PrepareRun(*method, input, o.columns, o.given, o.paramsFile, o.settings);
+    CheckWritable(o.Value("--write-params"));
+    options.given = setup.given;
+    std::unique_ptr<KaSampleList> samples = TakeSamples(*setup.input, input);
+    setup.input.reset();
+
+    const Timed t = Tune(*method, *setup.record, *samples, options, o.quiet);
+    PrintTable(t.result);
+    const KaTuneRow& best = t.result.rows[t.result.best];
+    std::printf("\nbest: %s (rmse %.8g, %s%% not estimable); %zu candidates in %.1f s on %u thread%s\n",
+                best.candidate.label.c_str(), best.stats.rmse, Percent(best.stats.BlankShare()).c_str(),
+                t.result.rows.size(), t.seconds, options.threads, options.threads == 1 ? "" : "s");
+    if (o.Has("--write-params")) {
+        WriteJson(o.Value("--write-params"), KaTunedParameters(*t.result.record, t.result, setup.given));
+        if (!o.quiet) std::fprintf(stderr, "kagrid tune: wrote %s\n", o.Value("--write-params").c_str());
+    }
+    return 0;
+}
+
+std::unique_ptr<KaEstimatorGridParam> TuneForGridding(const KaMethodInfo& method,
+                                                      std::unique_ptr<KaEstimatorGridParam> record,
+                                                      const std::set<std::string>& given, KaSampleList& samples,
+                                                      bool quiet)
+{
+    KaTuneOptions options;
+    options.threads = KaThreadCount("");
+    options.given = given;
+    const Timed t = Tune(method, *record, samples, options, quiet);
+    const KaTuneRow& best = t.result.rows[t.result.best];
+    if (!quiet)
+        std::fprintf(stderr, "kagrid: tuned by leave-one-out over %zu candidates: %s (rmse %.6g, %s%% not estimable)\n",
+                     t.result.rows.size(), best.candidate.label.c_str(), best.stats.rmse,
+                     Percent(best.stats.BlankShare()).c_str());
+    return Reapplied(std::move(record), t.result, given);
+}

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "core/KaEstimatorSample.h"
+#include "methods/KaMethodRegistry.h"
+
+// Summary of leave-one-out errors (observed - estimated) over the samples
+// that got an estimate; NaN where nothing was estimated.
+struct KaLooStatistics {
+    std::size_t count = 0, estimated = 0;
+    double me, mae, rmse, r;
+    // Share of the samples that got no estimate, 0 .. 1.
+    double BlankShare() const { return count ? static_cast<double>(count - estimated) / count : 0.0; }
+};
+
+KaLooStatistics KaSummarise(const std::vector<double>& observed, const std::vector<double>& estimated);
+
+// Estimates every valid sample from all the others through the method's own
+// estimator, on several threads. Each thread keeps its estimator between runs
+// and rebuilds its search structure only when a record needs a different one,
+// so records that differ in the method's own settings (or, for the ring walk,
+// in the search counts) share it.
+class KaLeaveOneOut {
+public:
+    // `samples` must outlive this object; samples holding `invalidValue` take
+    // no part, as in gridding. Throws KaParamError for a method that does not
+    // estimate node by node from searched samples.
+    KaLeaveOneOut(const KaMethodInfo& method, KaSampleList& samples, double invalidValue, unsigned threads);
+    ~KaLeaveOneOut();
+
+    // The samples taking part, in input order.
+    const std::vector<Ka3DPoint>& Points() const { return points_; }
+    std::vector<double> Observed() const;
+
+    // One estimate per point (NaN where not estimable). `progress` is called
+    // now and then on the calling thread with the number of points done.
+    // Throws what an estimator threw (a KaSearchError), after every thread ended.
+    std::vector<double> Run(KaEstimatorGridParam& record, const std::function<void(std::size_t)>& progress = {});
+
+private:
+    struct Worker;
+    const KaMethodInfo& method_;
+    KaSampleList* samples_;
+    std::vector<Ka3DPoint> points_;
+    std::vector<std::size_t> listIndex_;
+    std::vector<std::unique_ptr<Worker>> workers_;
+};
+
+// Throws KaParamError unless the method estimates node by node from searched
+// samples, which leaving a sample out needs.
+void KaRequireLeaveOneOut(const KaMethodInfo& method);
+
+// Worker threads for a --threads value: empty text means every core. Throws
+// std::invalid_argument unless it is a whole number from 1 to 1024.
+unsigned KaThreadCount(const std::string& text);

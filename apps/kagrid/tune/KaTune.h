@@ -1,0 +1,69 @@
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "apps/kagrid/tune/KaLeaveOneOut.h"
+
+// Choosing a method's settings by leave-one-out cross-validation.
+//
+// The sweep runs in stages, each over a short list of candidates, every
+// candidate a full set of settings applied over the base record:
+//   1. "method": the method's own settings with a middle-sized probe search
+//      (the ring walk, one sector, 32 neighbours);
+//   2. "search": neighbour counts 8, 16, 32, 64, one or four sectors, the ring
+//      walk or nearest first, with the best settings so far; kriging then
+//      tries the variogram's range as the radius when it is below the radius;
+//   3. "method" again with the best search, when the search changed.
+// Keys the user set are held: a candidate never changes them.
+
+struct KaTuneCandidate {
+    std::string stage;
+    std::string label;
+    nlohmann::ordered_json search, method;  // the two parts of the settings
+    nlohmann::ordered_json settings;         // both, less the keys the user set
+};
+
+struct KaTuneRow {
+    KaTuneCandidate candidate;
+    KaLooStatistics stats;
+};
+
+struct KaTuneOptions {
+    double maxBlankShare = 0.01;  // more samples than this not estimable loses
+    unsigned threads = 1;
+    std::set<std::string> given;  // keys the user set
+};
+
+struct KaTuneResult {
+    std::vector<KaTuneRow> rows;  // in the order tried
+    std::size_t best = 0;
+    // The base record with the best settings.
+    std::unique_ptr<KaEstimatorGridParam> record;
+};
+
+// True when `a` beats `b`: a candidate within the blank share beats one above
+// it (between two above it the smaller share wins); otherwise the smaller RMSE
+// wins, and RMSEs closer than `tie` count as equal, so the candidate tried
+// first (the simpler one) is kept.
+bool KaTuneBetter(const KaLooStatistics& a, const KaLooStatistics& b, double maxBlankShare, double tie);
+
+// Progress: percent of the current stage and a line saying which candidate runs.
+using KaTuneProgress = std::function<void(int percent, const std::string& text)>;
+
+// Runs the sweep for `method` over the samples; `base` is the filled record
+// with the user's settings. Throws KaParamError for a method that cannot be
+// tuned, KaSearchError when a search fails.
+KaTuneResult KaTune(const KaMethodInfo& method, KaEstimatorGridParam& base, KaSampleList& samples,
+                    const KaTuneOptions& options, const KaTuneProgress& progress = {});
+
+// The parameter file of a tuning: the keys the user set and the keys the
+// sweep chose, with the values of `record`, in field order.
+nlohmann::ordered_json KaTunedParameters(KaEstimatorGridParam& record, const KaTuneResult& result,
+                                         const std::set<std::string>& given);
