@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "apps/kagrid/io/KaParamJson.h"
+#include "apps/kagrid/io/KaRasterIo.h"
 #include "core/KaEstimatorSample.h"
 #include "core/KaGridJob.h"
 #include "methods/KaMethodRegistry.h"
@@ -228,6 +229,18 @@ inline std::string ReadFile(const std::string& path)
     std::stringstream ss;
     ss << in.rdbuf();
     return ss.str();
+}
+
+// The grid of a raster as rows from the south, blank cells as written.
+inline std::vector<std::vector<double>> ReadGrid(const std::string& path)
+{
+    auto s = ReadRasterSurface(path);
+    std::vector<std::vector<double>> rows;
+    for (uint32_t r = 0; r < s->GetRowCount(); ++r) {
+        rows.emplace_back();
+        for (uint32_t c = 0; c < s->GetColCount(); ++c) rows.back().push_back(s->GridData().At(r, c));
+    }
+    return rows;
 }
 
 struct CommandResult {

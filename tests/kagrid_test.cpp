@@ -6,24 +6,12 @@
 #include <nlohmann/json.hpp>
 
 #include "KaTestSupport.h"
-#include "apps/kagrid/io/KaRasterIo.h"
 
 namespace fs = std::filesystem;
 using katest::Kagrid;
+using katest::ReadGrid;
 
 namespace {
-
-// The grid of a raster as rows from the south, blank cells as written.
-std::vector<std::vector<double>> Grid(const std::string& path)
-{
-    auto s = ReadRasterSurface(path);
-    std::vector<std::vector<double>> rows;
-    for (uint32_t r = 0; r < s->GetRowCount(); ++r) {
-        rows.emplace_back();
-        for (uint32_t c = 0; c < s->GetColCount(); ++c) rows.back().push_back(s->GridData().At(r, c));
-    }
-    return rows;
-}
 
 const char* kOneSector = "--set sectorCount=1 --set blankSectors=1 ";
 
@@ -43,7 +31,7 @@ TEST(Kagrid, InverseDistanceMatchesHandWorkedValues)
     const auto r = Kagrid("inverse-distance " + d / "p.csv " + d / "out.tif -q " + kOneSector +
                           "--set minInAll=2 --set radius1=10 --set radius2=10 " + grid);
     ASSERT_EQ(r.status, 0) << r.output;
-    const auto g = Grid(d / "out.tif");
+    const auto g = ReadGrid(d / "out.tif");
     ASSERT_EQ(g.size(), 2u);
     // Squared distances 4.25 and 36.25 from (0, 0), 25.25 and 9.25 from (3, 1).
     EXPECT_DOUBLE_EQ(g[0].at(0), (10 / 4.25 + 20 / 36.25) / (1 / 4.25 + 1 / 36.25));
@@ -65,7 +53,7 @@ TEST(Kagrid, NearestNeighbourGoldenGridWithBlanks)
     // (1, 0) and (0, 1), whose well lies two buckets away, are blank although
     // it is only 1 away; (1, 1) is beyond 1.2 of both wells.
     const std::vector<std::vector<double>> golden{{1, -9999, -9999}, {-9999, -9999, 9}, {-9999, 9, 9}};
-    EXPECT_EQ(Grid(d / "g.asc"), golden);
+    EXPECT_EQ(ReadGrid(d / "g.asc"), golden);
     const std::string text = katest::ReadFile(d / "g.asc");
     EXPECT_NE(text.find("-9999"), std::string::npos);
 }
@@ -81,7 +69,7 @@ TEST(Kagrid, RasterInputReproducesItsLattice)
     // Gridding a grid's own nodes with nearest neighbour gives the grid back.
     const auto r = Kagrid("nearest-neighbor " + d / "a.tif " + d / "b.tif -q");
     ASSERT_EQ(r.status, 0) << r.output;
-    EXPECT_EQ(Grid(d / "a.tif"), Grid(d / "b.tif"));
+    EXPECT_EQ(ReadGrid(d / "a.tif"), ReadGrid(d / "b.tif"));
     auto a = ReadRasterSurface(d / "a.tif");
     auto b = ReadRasterSurface(d / "b.tif");
     EXPECT_EQ(a->GetSurfaceObjInfo().xMax, b->GetSurfaceObjInfo().xMax);
