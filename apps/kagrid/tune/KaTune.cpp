@@ -8,6 +8,7 @@
 #include "apps/kagrid/io/KaNumericJson.h"
 #include "apps/kagrid/io/KaParamJson.h"
 #include "methods/KaEstKrig.h"
+#include "methods/KaEstRadialBasis.h"
 #include "methods/numeric/KaVariogramFit.h"
 #include "search/KaEstGridSearcher.h"
 
@@ -125,6 +126,8 @@ std::vector<Option> MethodOptions(const KaMethodInfo& method, const std::vector<
                 Option o;
                 o.settings["basisFunction"] = basis;
                 o.settings["r2Parameter"] = r2;
+                if (!given.count("basisFunction")) o.label = KaEstRadialBasisParam::BasisNames()[basis];
+                if (!given.count("r2Parameter")) o.label += (o.label.empty() ? "R2 " : ", R2 ") + Compact(r2);
                 out.push_back(std::move(o));
             }
     } else if (key == "local-polynomial") {

@@ -1,0 +1,86 @@
+#!/usr/bin/env bash
+# kagrid tune on 10 000 scattered samples of a known surface: for each tunable
+# method the time of the whole sweep on two cores, and the error against the
+# surface at every node of a gridding with the record's defaults and with
+# --tune. The peer: one leave-one-out run of R gstat (krige.cv, the 32 nearest,
+# nugget + spherical fitted by gstat) on the same samples, against one
+# `kagrid cross-validate` of the same kriging (the model fitted by kagrid).
+#
+# KA_BUILD_DIR picks the build directory (default: build/ of the source tree).
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+build=${KA_BUILD_DIR:-$root/build}
+"$root/scripts/deps.sh" r-cran-gstat r-cran-sp python3-numpy gdal-bin time
+"$root/scripts/build.sh" "$build" > /dev/null
+kagrid="$build/kagrid"
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+cat > "$work/surface.py" <<'PY'
+import sys, math, random
+import numpy as np
+def f(x, y):
+    return (200 + 0.01 * x + 140 * np.exp(-((x - 1400) ** 2 + (y - 2900) ** 2) / 600 ** 2)
+            + 90 * np.exp(-((x - 3900) ** 2 + (y - 1100) ** 2) / 900 ** 2)
+            + 40 * np.sin(x / 700) * np.cos(y / 900))
+if sys.argv[1] == "points":
+    random.seed(14)
+    print("x,y,z")
+    for _ in range(10000):
+        x, y = random.uniform(0, 5000), random.uniform(0, 4000)
+        print(f"{x:.3f},{y:.3f},{f(x, y):.6f}")
+else:  # error of an AAIGrid against the surface
+    with open(sys.argv[2]) as fh:
+        head = dict(next(fh).split() for _ in range(6))
+    a = np.loadtxt(sys.argv[2], skiprows=6)[::-1]
+    n, m = a.shape
+    c = float(head["cellsize"])
+    x = float(head["xllcorner"]) + c / 2 + c * np.arange(m)
+    y = float(head["yllcorner"]) + c / 2 + c * np.arange(n)
+    X, Y = np.meshgrid(x, y)
+    blank = np.isclose(a, float(head["NODATA_value"]))
+    e = (a - f(X, Y))[~blank]
+    print(f"{math.sqrt((e ** 2).mean()):10.4g} {blank.sum():6d}")
+PY
+python3 "$work/surface.py" points > "$work/p.csv"
+grid="--set xMin=0 --set xMax=5000 --set yMin=0 --set yMax=4000 --set columnCount=201 --set rowCount=161"
+
+timed() {  # timed NAME command...: seconds into $work/NAME.t
+  local name=$1; shift
+  /usr/bin/time -f "%e" -o "$work/$name.t" "$@" > "$work/$name.out" 2> "$work/$name.err" ||
+    { cat "$work/$name.err"; exit 1; }
+}
+
+echo "10 000 samples, 201 x 161 nodes; grid RMSE against the surface (blank nodes)"
+printf "%-18s %10s %10s %8s %12s %8s  %s\n" method defaults "" tuned "" "tune s" "chosen"
+for m in inverse-distance modified-shepard kriging radial-basis local-polynomial; do
+  "$kagrid" "$m" "$work/p.csv" "$work/d.asc" $grid -q
+  timed "tune_$m" "$kagrid" tune "$m" "$work/p.csv" $grid --threads 2 -q --write-params "$work/$m.json"
+  "$kagrid" "$m" "$work/p.csv" "$work/t.asc" $grid --params "$work/$m.json" -q
+  chosen=$(sed -n 's/^best: \(.*\) (rmse.*/\1/p' "$work/tune_$m.out")
+  printf "%-18s %s %s %8s  %s\n" "$m" "$(python3 "$work/surface.py" err "$work/d.asc")" \
+    "$(python3 "$work/surface.py" err "$work/t.asc")" "$(cat "$work/tune_$m.t")" "$chosen"
+done
+
+cat > "$work/cv.R" <<'R'
+suppressPackageStartupMessages({ library(sp); library(gstat) })
+w <- commandArgs(TRUE)[1]
+d <- read.csv(file.path(w, "p.csv"))
+coordinates(d) <- ~x + y
+ev <- variogram(z ~ 1, d)
+m <- fit.variogram(ev, vgm(0.6 * var(d$z), "Sph", 1500, 0.01 * var(d$z)))
+t <- system.time(cv <- krige.cv(z ~ 1, d, model = m, nmax = 32, debug.level = 0))[["elapsed"]]
+cat(sprintf("%.2f %.6g\n", t, sqrt(mean(cv$residual^2))))
+R
+read -r tg rg < <(Rscript "$work/cv.R" "$work")
+"$kagrid" variogram "$work/p.csv" --fit Nugget+Spherical --json "$work/v.json" > /dev/null
+model=$(python3 -c "import json,sys; print(json.dumps(json.load(open(sys.argv[1]))['model']))" "$work/v.json")
+timed cv "$kagrid" cross-validate kriging "$work/p.csv" $grid --threads 1 -q --set nuggetOnDiagonal=false \
+  --set searchMode=nearest --set sectorCount=1 --set minInAll=32 --set maxFromAll=32 --set maxFromEach=32 \
+  --set "variogram=$model"
+tk=$(cat "$work/cv.t")
+rk=$(sed -n 's/^rmse *//p' "$work/cv.out")
+echo
+echo "one leave-one-out kriging run, 32 nearest, one thread:"
+echo "  kagrid cross-validate ${tk} s (rmse $rk); gstat krige.cv ${tg} s (rmse $rg); ratio $(python3 -c "print(f'{$tg/$tk:.1f}')")x"
+echo "  the whole kriging sweep took $(cat "$work/tune_kriging.t") s, $(python3 -c "print(f'{$(cat "$work/tune_kriging.t")/$tg:.1f}')") gstat runs"
