@@ -14,6 +14,7 @@ build=${KA_BUILD_DIR:-$root/build}
 "$root/scripts/build.sh" "$build" > /dev/null
 kagrid="$build/kagrid"
 work=$(mktemp -d)
+PY=/usr/bin/python3
 trap 'rm -rf "$work"' EXIT
 
 cat > "$work/surface.py" <<'PY'
@@ -42,7 +43,7 @@ else:  # error of an AAIGrid against the surface
     e = (a - f(X, Y))[~blank]
     print(f"{math.sqrt((e ** 2).mean()):10.4g} {blank.sum():6d}")
 PY
-python3 "$work/surface.py" points > "$work/p.csv"
+$PY "$work/surface.py" points > "$work/p.csv"
 grid="--set xMin=0 --set xMax=5000 --set yMin=0 --set yMax=4000 --set columnCount=201 --set rowCount=161"
 
 timed() {  # timed NAME command...: seconds into $work/NAME.t
@@ -58,8 +59,8 @@ for m in inverse-distance modified-shepard kriging radial-basis local-polynomial
   timed "tune_$m" "$kagrid" tune "$m" "$work/p.csv" $grid --threads 2 -q --write-params "$work/$m.json"
   "$kagrid" "$m" "$work/p.csv" "$work/t.asc" $grid --params "$work/$m.json" -q
   chosen=$(sed -n 's/^best: \(.*\) (rmse.*/\1/p' "$work/tune_$m.out")
-  printf "%-18s %s %s %8s  %s\n" "$m" "$(python3 "$work/surface.py" err "$work/d.asc")" \
-    "$(python3 "$work/surface.py" err "$work/t.asc")" "$(cat "$work/tune_$m.t")" "$chosen"
+  printf "%-18s %s %s %8s  %s\n" "$m" "$($PY "$work/surface.py" err "$work/d.asc")" \
+    "$($PY "$work/surface.py" err "$work/t.asc")" "$(cat "$work/tune_$m.t")" "$chosen"
 done
 
 cat > "$work/cv.R" <<'R'
@@ -74,7 +75,7 @@ cat(sprintf("%.2f %.6g\n", t, sqrt(mean(cv$residual^2))))
 R
 read -r tg rg < <(Rscript "$work/cv.R" "$work")
 "$kagrid" variogram "$work/p.csv" --fit Nugget+Spherical --json "$work/v.json" > /dev/null
-model=$(python3 -c "import json,sys; print(json.dumps(json.load(open(sys.argv[1]))['model']))" "$work/v.json")
+model=$($PY -c "import json,sys; print(json.dumps(json.load(open(sys.argv[1]))['model']))" "$work/v.json")
 timed cv "$kagrid" cross-validate kriging "$work/p.csv" $grid --threads 1 -q --set nuggetOnDiagonal=false \
   --set searchMode=nearest --set sectorCount=1 --set minInAll=32 --set maxFromAll=32 --set maxFromEach=32 \
   --set "variogram=$model"
@@ -82,5 +83,5 @@ tk=$(cat "$work/cv.t")
 rk=$(sed -n 's/^rmse *//p' "$work/cv.out")
 echo
 echo "one leave-one-out kriging run, 32 nearest, one thread:"
-echo "  kagrid cross-validate ${tk} s (rmse $rk); gstat krige.cv ${tg} s (rmse $rg); ratio $(python3 -c "print(f'{$tg/$tk:.1f}')")x"
-echo "  the whole kriging sweep took $(cat "$work/tune_kriging.t") s, $(python3 -c "print(f'{$(cat "$work/tune_kriging.t")/$tg:.1f}')") gstat runs"
+echo "  kagrid cross-validate ${tk} s (rmse $rk); gstat krige.cv ${tg} s (rmse $rg); ratio $($PY -c "print(f'{$tg/$tk:.1f}')")x"
+echo "  the whole kriging sweep took $(cat "$work/tune_kriging.t") s, $($PY -c "print(f'{$(cat "$work/tune_kriging.t")/$tg:.1f}')") gstat runs"
