@@ -6,12 +6,11 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 
 #include "apps/kagrid/KaProgress.h"
 #include "apps/kagrid/KaSubcommands.h"
 #include "apps/kagrid/io/KaIoError.h"
+#include "apps/kagrid/io/KaOutputFiles.h"
 #include "apps/kagrid/io/KaParamJson.h"
 #include "apps/kagrid/tune/KaTune.h"
 #include "search/KaEstGridSearcher.h"
@@ -57,23 +56,6 @@ void PrintTable(const KaTuneResult& r)
                     row.candidate.stage.c_str(), row.stats.rmse, row.stats.mae, row.stats.me,
                     Percent(row.stats.BlankShare()).c_str(), row.candidate.label.c_str());
     }
-}
-
-void WriteJson(const std::string& path, const nlohmann::ordered_json& j)
-{
-    const std::string tmp = path + ".tmp";
-    {
-        std::ofstream out(tmp);
-        out << j.dump(2) << '\n';
-        if (!out.flush()) {
-            std::error_code ec;
-            std::filesystem::remove(tmp, ec);
-            throw KaIoError(path, "cannot write the parameter file");
-        }
-    }
-    std::error_code ec;
-    std::filesystem::rename(tmp, path, ec);
-    if (ec) throw KaIoError(path, "cannot rename the finished parameter file into place");
 }
 
 // The tuned record exactly as a gridding run with the parameter file builds
@@ -124,7 +106,8 @@ int RunTune(const KaSubOptions& o)
                 best.candidate.label.c_str(), best.stats.rmse, Percent(best.stats.BlankShare()).c_str(),
                 t.result.rows.size(), t.seconds, options.threads, options.threads == 1 ? "" : "s");
     if (o.Has("--write-params")) {
-        WriteJson(o.Value("--write-params"), KaTunedParameters(*t.result.record, t.result, setup.given));
+        WriteTextFile(o.Value("--write-params"),
+                      KaTunedParameters(*t.result.record, t.result, setup.given).dump(2) + "\n");
         if (!o.quiet) std::fprintf(stderr, "kagrid tune: wrote %s\n", o.Value("--write-params").c_str());
     }
     return 0;

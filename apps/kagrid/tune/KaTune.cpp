@@ -150,8 +150,9 @@ std::vector<Option> MethodOptions(const KaMethodInfo& method, const std::vector<
 
 // Counts: one sector takes the n nearest (the ring walk: stops at the first
 // ring that brings n); four sectors at most n/4 from each and n in all, and
-// need n/2, so that nodes at the edge of the data keep an estimate. Blank
-// sectors 1: the rings stop early only once every sector holds a sample.
+// need n/4, so that a node with data on one side only (a corner of the grid)
+// keeps an estimate. Blank sectors 1: the rings stop early only once every
+// sector holds a sample.
 nlohmann::ordered_json SearchSettings(bool nearest, int sectors, int64_t n)
 {
     nlohmann::ordered_json j;
@@ -159,7 +160,7 @@ nlohmann::ordered_json SearchSettings(bool nearest, int sectors, int64_t n)
     j["sectorCount"] = sectors;
     j["maxFromAll"] = n;
     j["maxFromEach"] = sectors == 1 ? n : std::max<int64_t>(1, n / 4);
-    j["minInAll"] = sectors == 1 ? n : std::max<int64_t>(1, n / 2);
+    j["minInAll"] = sectors == 1 ? n : std::max<int64_t>(1, n / 4);
     j["blankSectors"] = 1;
     return j;
 }
