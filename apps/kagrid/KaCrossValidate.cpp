@@ -24,18 +24,7 @@ nlohmann::json Number(double v) { return std::isnan(v) ? nlohmann::json() : nloh
 
 int RunCrossValidate(const KaSubOptions& o)
 {
-    if (o.positional.size() < 2) throw KaUsageError{o.positional.empty() ? "no method given" : "no INPUT given"};
-    if (o.positional.size() > 2) throw KaUsageError{"unexpected argument " + o.positional[2]};
-    const KaMethodInfo* method = FindMethod(o.positional[0]);
-    if (!method) throw KaUsageError{"unknown method '" + o.positional[0] + "' (one of: " + MethodNames() + ")"};
-    KaRequireLeaveOneOut(*method);
-    unsigned threads = 1;
-    try {
-        threads = KaThreadCount(o.Value("--threads"));
-    } catch (const std::invalid_argument& e) {
-        throw KaUsageError{e.what()};
-    }
-    const std::string input = o.positional[1];
+    const auto [method, input, threads] = LooArguments(o);
     KaRunSetup setup = PrepareRun(*method, input, o.columns, o.given, o.paramsFile, o.settings);
     CheckWritable(o.Value("--report"));
     CheckWritable(o.Value("--residuals"));

@@ -6,9 +6,11 @@
 #include <new>
 #include <stdexcept>
 
+#include "apps/kagrid/KaRunSetup.h"
 #include "apps/kagrid/io/KaIoError.h"
 #include "apps/kagrid/io/KaOutputFiles.h"
 #include "apps/kagrid/io/KaRasterIo.h"
+#include "apps/kagrid/tune/KaLeaveOneOut.h"
 #include "platform/kadata/KaEventsLog.h"
 
 namespace {
@@ -100,6 +102,23 @@ KaSubOptions Parse(const Command& cmd, int argc, char** argv)
 }
 
 }  // namespace
+
+KaLooArguments LooArguments(const KaSubOptions& o)
+{
+    if (o.positional.size() < 2) throw KaUsageError{o.positional.empty() ? "no method given" : "no INPUT given"};
+    if (o.positional.size() > 2) throw KaUsageError{"unexpected argument " + o.positional[2]};
+    KaLooArguments a;
+    a.method = FindMethod(o.positional[0]);
+    if (!a.method) throw KaUsageError{"unknown method '" + o.positional[0] + "' (one of: " + MethodNames() + ")"};
+    KaRequireLeaveOneOut(*a.method);
+    a.input = o.positional[1];
+    try {
+        a.threads = KaThreadCount(o.Value("--threads"));
+    } catch (const std::invalid_argument& e) {
+        throw KaUsageError{e.what()};
+    }
+    return a;
+}
 
 bool IsSubcommand(const char* word) { return Find(word) != nullptr; }
 

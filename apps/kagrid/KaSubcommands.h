@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "apps/kagrid/io/KaPointReader.h"
+#include "methods/KaMethodRegistry.h"
 
 // kagrid's commands besides gridding: cross-validate, variogram and tune.
 bool IsSubcommand(const char* word);
@@ -33,6 +34,16 @@ struct KaSubOptions {
 struct KaUsageError {
     std::string message;
 };
+
+// METHOD INPUT and --threads of the commands that leave samples out in turn;
+// usage errors for a missing or unknown method, a method that cannot be
+// cross-validated (KaParamError) or a bad thread count.
+struct KaLooArguments {
+    const KaMethodInfo* method = nullptr;
+    std::string input;
+    unsigned threads = 1;
+};
+KaLooArguments LooArguments(const KaSubOptions& o);
 
 int RunCrossValidate(const KaSubOptions& o);
 int RunVariogram(const KaSubOptions& o);

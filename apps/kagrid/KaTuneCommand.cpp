@@ -74,17 +74,9 @@ std::unique_ptr<KaEstimatorGridParam> Reapplied(std::unique_ptr<KaEstimatorGridP
 
 int RunTune(const KaSubOptions& o)
 {
-    if (o.positional.size() < 2) throw KaUsageError{o.positional.empty() ? "no method given" : "no INPUT given"};
-    if (o.positional.size() > 2) throw KaUsageError{"unexpected argument " + o.positional[2]};
-    const KaMethodInfo* method = FindMethod(o.positional[0]);
-    if (!method) throw KaUsageError{"unknown method '" + o.positional[0] + "' (one of: " + MethodNames() + ")"};
-    KaRequireLeaveOneOut(*method);
+    const auto [method, input, threads] = LooArguments(o);
     KaTuneOptions options;
-    try {
-        options.threads = KaThreadCount(o.Value("--threads"));
-    } catch (const std::invalid_argument& e) {
-        throw KaUsageError{e.what()};
-    }
+    options.threads = threads;
     if (o.Has("--max-blank")) {
         const std::string v = o.Value("--max-blank");
         char* end = nullptr;
@@ -92,7 +84,6 @@ int RunTune(const KaSubOptions& o)
         if (v.empty() || *end || !(p >= 0 && p <= 100)) throw KaUsageError{"--max-blank: a percentage from 0 to 100"};
         options.maxBlankShare = p / 100;
     }
-    const std::string input = o.positional[1];
     KaRunSetup setup = PrepareRun(*method, input, o.columns, o.given, o.paramsFile, o.settings);
     CheckWritable(o.Value("--write-params"));
     options.given = setup.given;
