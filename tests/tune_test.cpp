@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include "KaTestSupport.h"
+#include "apps/kagrid/io/KaParamJson.h"
 #include "apps/kagrid/tune/KaTune.h"
 #include "methods/KaEstLocalPolynomial.h"
 #include "methods/KaEstRadialBasis.h"
@@ -114,6 +115,54 @@ TEST(Tune, RadialBasisOnSparseSamplesBeatsTheRecordDefaults)
     const double tuned = GridError(m, std::move(const_cast<KaTuneResult&>(r).record), t);
     const double plain = GridError(m, std::make_unique<KaEstRadialBasisParam>(base), t);
     EXPECT_LT(tuned, plain / 3) << "tuned " << tuned << ", record defaults " << plain;
+}
+
+// One leave-one-out object runs a sweep's records in turn on three threads,
+// keeping its search structure while the search settings stay: every run
+// equals a fresh single-threaded run of the same record, sample by sample.
+TEST(Tune, LeaveOneOutRunsShareTheirStructureAndMatchASingleThread)
+{
+    const Truth t = Sampled(500, 5, 100, 80, [](double x, double y) { return std::sin(x / 20) * y + 0.01 * x * x; });
+    const char* sweep[] = {
+        R"({"searchMode": "rings", "sectorCount": 1, "minInAll": 16, "maxFromAll": 16, "maxFromEach": 16})",
+        R"({"searchMode": "rings", "sectorCount": 4, "minInAll": 4, "maxFromAll": 16, "maxFromEach": 4})",
+        R"({"searchMode": "nearest", "sectorCount": 4, "minInAll": 4, "maxFromAll": 16, "maxFromEach": 4})",
+        R"({"searchMode": "nearest", "sectorCount": 1, "minInAll": 8, "maxFromAll": 8, "maxFromEach": 8,
+            "radius1": 15, "radius2": 15})",
+    };
+    struct Own {
+        const char* method;
+        const char* a;  // two settings of the method's own, tried with each search
+        const char* b;
+    } methods[] = {
+        {"inverse-distance", R"({"power": 1})", R"({"power": 3, "smoothing": 0.5})"},
+        {"kriging", R"({"krigType": 1})", R"({"krigType": 0, "nuggetOnDiagonal": false})"},
+        {"radial-basis", R"({"basisFunction": 0, "r2Parameter": 0})", R"({"basisFunction": 4, "r2Parameter": 50})"},
+        {"local-polynomial", R"({"totalOrder": 1, "xOrder": 1, "yOrder": 1})", R"({"weightingPower": 3})"},
+    };
+    auto samples = katest::Samples(t.points);
+    for (const Own& own : methods) {
+        const KaMethodInfo& m = *FindMethod(own.method);
+        KaLeaveOneOut shared(m, *samples, -1e300, 3);
+        for (const char* search : sweep)
+            for (const char* setting : {own.a, own.b}) {
+                auto record = m.makeParam();
+                Frame(*record, 0, 100, 0, 80, 26, 21, t.points.size());
+                ApplyJson(*record, nlohmann::json::parse(search), "the search");
+                ApplyJson(*record, nlohmann::json::parse(setting), "the setting");
+                ASSERT_EQ(record->Validate(), "") << own.method << " " << search << " " << setting;
+                const std::vector<double> got = shared.Run(*record);
+                const std::vector<double> want = KaLeaveOneOut(m, *samples, -1e300, 1).Run(*record);
+                ASSERT_EQ(got.size(), t.points.size());
+                std::size_t differ = 0, estimated = 0;
+                for (std::size_t i = 0; i < got.size(); ++i) {
+                    differ += !(got[i] == want[i] || (std::isnan(got[i]) && std::isnan(want[i])));
+                    estimated += !std::isnan(got[i]);
+                }
+                EXPECT_EQ(differ, 0u) << own.method << " " << search << " " << setting;
+                EXPECT_GT(estimated, t.points.size() / 2) << own.method << " " << search << " " << setting;
+            }
+    }
 }
 
 TEST(Tune, CandidateOrder)

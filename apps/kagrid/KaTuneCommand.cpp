@@ -13,6 +13,7 @@
 #include "apps/kagrid/io/KaOutputFiles.h"
 #include "apps/kagrid/io/KaParamJson.h"
 #include "apps/kagrid/tune/KaTune.h"
+#include "core/KaGridJob.h"
 #include "search/KaEstGridSearcher.h"
 
 namespace {
@@ -107,10 +108,10 @@ int RunTune(const KaSubOptions& o)
 std::unique_ptr<KaEstimatorGridParam> TuneForGridding(const KaMethodInfo& method,
                                                       std::unique_ptr<KaEstimatorGridParam> record,
                                                       const std::set<std::string>& given, KaSampleList& samples,
-                                                      bool quiet)
+                                                      unsigned threads, bool quiet)
 {
     KaTuneOptions options;
-    options.threads = KaThreadCount("");
+    options.threads = threads ? threads : KaGridJob::DefaultThreadCount();
     options.given = given;
     const Timed t = Tune(method, *record, samples, options, quiet);
     const KaTuneRow& best = t.result.rows[t.result.best];

@@ -348,7 +348,7 @@ int Run(const Options& o)
     std::unique_ptr<KaSampleList> samples(raw);
     if (samples->empty()) throw KaIoError(o.input, "no samples");
     input.reset();  // the samples hold everything needed from here on
-    if (o.tune) record = TuneForGridding(*method, std::move(record), given, *samples, o.quiet);
+    if (o.tune) record = TuneForGridding(*method, std::move(record), given, *samples, o.threads, o.quiet);
 
     KaProgress progress(o.quiet);
     std::unique_ptr<KaGridJob> job = MakeJob(*method, &progress);

@@ -5,10 +5,12 @@
 #include <cmath>
 #include <cstdlib>
 #include <exception>
+#include <mutex>
 #include <stdexcept>
 #include <thread>
 
 #include "apps/kagrid/io/KaParamJson.h"
+#include "core/KaGridJob.h"
 #include "search/KaEstGridSearcher.h"
 
 namespace {
@@ -54,11 +56,6 @@ KaLooStatistics KaSummarise(const std::vector<double>& observed, const std::vect
     return s;
 }
 
-struct KaLeaveOneOut::Worker {
-    std::unique_ptr<KaEstimatorGrid> estimator;
-    std::string builtFor;  // the search structure the estimator holds, "" for none
-};
-
 KaLeaveOneOut::KaLeaveOneOut(const KaMethodInfo& method, KaSampleList& samples, double invalidValue,
                              unsigned threads)
     : method_(method), samples_(&samples)
@@ -72,8 +69,7 @@ KaLeaveOneOut::KaLeaveOneOut(const KaMethodInfo& method, KaSampleList& samples, 
         }
         ++index;
     }
-    threads = static_cast<unsigned>(std::min<std::size_t>(std::max(threads, 1u), std::max<std::size_t>(points_.size(), 1)));
-    for (unsigned t = 0; t < threads; ++t) workers_.push_back(std::make_unique<Worker>());
+    threads_ = static_cast<unsigned>(std::min<std::size_t>(std::max(threads, 1u), std::max<std::size_t>(points_.size(), 1)));
 }
 
 KaLeaveOneOut::~KaLeaveOneOut() = default;
@@ -88,61 +84,79 @@ std::vector<double> KaLeaveOneOut::Observed() const
 
 std::vector<double> KaLeaveOneOut::Run(KaEstimatorGridParam& record, const std::function<void(std::size_t)>& progress)
 {
-    // Every thread gets its own copy of the record. The ring walk's buckets
-    // depend on the grid alone; the nearest-first index also on the search
-    // settings.
+    // The first estimator builds the search structure (the ring walk's
+    // buckets, or the nearest-first index) and keeps it while the search
+    // settings stay the same; the other threads run its thread copies, which
+    // share the structure and the record read-only.
     const nlohmann::ordered_json json = RecordToJson(record);
-    const auto search = dynamic_cast<KaEstGridSearcherParam*>(&record);
-    std::string structure;
-    if (search && search->searchMode == kKaSearchNearest) structure = "nearest" + FieldsOf<KaEstGridSearcherParam>(json).dump();
-    else structure = "rings" + FieldsOf<KaEstimatorGridParam>(json).dump();
-    for (auto& w : workers_) {
+    auto copyOfRecord = [&] {
         auto copy = method_.makeParam();
         ApplyJson(*copy, json, "the record");
-        if (!w->estimator) w->estimator = method_.makeEstimator();
-        w->estimator->SetParam(std::move(copy));
-        if (w->builtFor != structure) {
-            w->builtFor.clear();
-            w->estimator->SetSampleList(samples_);
-            w->builtFor = structure;
+        return copy;
+    };
+    const std::string structure = FieldsOf<KaEstGridSearcherParam>(json).dump();
+    if (!first_) first_ = method_.makeEstimator();
+    first_->SetParam(copyOfRecord());
+    if (builtFor_ != structure) {
+        builtFor_.clear();
+        first_->SetSampleList(samples_);
+        builtFor_ = structure;
+    }
+    std::vector<std::unique_ptr<KaEstimatorGrid>> copies;
+    for (unsigned t = 1; t < threads_; ++t) {
+        std::unique_ptr<KaEstimatorGrid> copy = first_->CloneForThread();
+        if (!copy) {  // a method that cannot be copied gets an estimator of its own
+            copy = method_.makeEstimator();
+            copy->SetParam(copyOfRecord());
+            copy->SetSampleList(samples_);
         }
+        copies.push_back(std::move(copy));
     }
 
     std::vector<double> estimated(points_.size(), NAN);
-    std::atomic<std::size_t> next{0}, done{0};
+    std::atomic<std::size_t> nextPoint{0}, done{0};
     std::exception_ptr failure;
+    std::mutex failureMutex;
     std::atomic<bool> failed{false};
-    auto work = [&](Worker& w) {
+    auto work = [&](KaEstimatorGrid& estimator) {
+        auto& searcher = static_cast<KaEstGridSearcher&>(estimator);
         try {
-            auto* searcher = static_cast<KaEstGridSearcher*>(w.estimator.get());
-            const double blank = searcher->BlankValue();
+            const double blank = searcher.BlankValue();
             constexpr std::size_t chunk = 64;
             for (;;) {
-                const std::size_t first = next.fetch_add(chunk);
+                const std::size_t first = nextPoint.fetch_add(chunk);
                 if (first >= points_.size() || failed) break;
                 const std::size_t last = std::min(first + chunk, points_.size());
                 for (std::size_t i = first; i < last; ++i) {
-                    searcher->SetExcludedSample(listIndex_[i]);
-                    const double v = searcher->EstimateAt(points_[i].x, points_[i].y);
+                    searcher.SetExcludedSample(listIndex_[i]);
+                    const double v = searcher.EstimateAt(points_[i].x, points_[i].y);
                     if (std::fabs(v - blank) > 1e-20) estimated[i] = v;
                 }
                 done += last - first;
             }
-            searcher->SetExcludedSample(KaEstGridSearcher::kNoSample);
         } catch (...) {
-            if (!failed.exchange(true)) failure = std::current_exception();
+            const std::lock_guard<std::mutex> lock(failureMutex);
+            if (!failure) failure = std::current_exception();
+            failed = true;
         }
+        searcher.SetExcludedSample(KaEstGridSearcher::kNoSample);
     };
     std::vector<std::thread> pool;
-    for (auto& w : workers_) pool.emplace_back(work, std::ref(*w));
-    while (progress && done < points_.size() && !failed) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        progress(done);
+    for (auto& c : copies) pool.emplace_back(work, std::ref(*c));
+    if (progress) {
+        std::thread own(work, std::ref(*first_));
+        while (done < points_.size() && !failed) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            progress(done);
+        }
+        own.join();
+    } else {
+        work(*first_);
     }
     for (auto& t : pool) t.join();
     if (failure) {
-        // Estimators that failed midway hold a half-used structure: rebuild next time.
-        for (auto& w : workers_) w->builtFor.clear();
+        // An estimator that failed midway may hold a half-used structure: build anew next time.
+        builtFor_.clear();
         std::rethrow_exception(failure);
     }
     return estimated;
@@ -157,7 +171,7 @@ void KaRequireLeaveOneOut(const KaMethodInfo& method)
 
 unsigned KaThreadCount(const std::string& text)
 {
-    if (text.empty()) return std::max(1u, std::thread::hardware_concurrency());
+    if (text.empty()) return KaGridJob::DefaultThreadCount();
     char* end = nullptr;
     const long n = std::strtol(text.c_str(), &end, 10);
     if (*end || n < 1 || n > 1024) throw std::invalid_argument("--threads: a number from 1 to 1024");

@@ -21,10 +21,10 @@ struct KaLooStatistics {
 KaLooStatistics KaSummarise(const std::vector<double>& observed, const std::vector<double>& estimated);
 
 // Estimates every valid sample from all the others through the method's own
-// estimator, on several threads. Each thread keeps its estimator between runs
-// and rebuilds its search structure only when a record needs a different one,
-// so records that differ in the method's own settings (or, for the ring walk,
-// in the search counts) share it.
+// estimator, on several threads: one estimator builds the search structure,
+// the others are its thread copies. The structure is kept between runs while
+// the search settings stay the same, so records that differ only in the
+// method's own settings share it.
 class KaLeaveOneOut {
 public:
     // `samples` must outlive this object; samples holding `invalidValue` take
@@ -43,12 +43,13 @@ public:
     std::vector<double> Run(KaEstimatorGridParam& record, const std::function<void(std::size_t)>& progress = {});
 
 private:
-    struct Worker;
     const KaMethodInfo& method_;
     KaSampleList* samples_;
+    unsigned threads_ = 1;
     std::vector<Ka3DPoint> points_;
     std::vector<std::size_t> listIndex_;
-    std::vector<std::unique_ptr<Worker>> workers_;
+    std::unique_ptr<KaEstimatorGrid> first_;
+    std::string builtFor_;  // the search settings first_'s structure was built for
 };
 
 // Throws KaParamError unless the method estimates node by node from searched
