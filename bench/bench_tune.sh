@@ -59,22 +59,27 @@ $PY "$work/surface.py" points > "$work/p.csv"
 head -n 2001 "$work/p.csv" > "$work/p2k.csv"
 grid="--set xMin=0 --set xMax=5000 --set yMin=0 --set yMax=4000 --set columnCount=201 --set rowCount=161"
 
-timed() {  # timed NAME command...: seconds into $work/NAME.t
+timed() {  # timed NAME command...: seconds into $work/NAME.t, processor seconds into NAME.cpu
   local name=$1; shift
-  /usr/bin/time -f "%e" -o "$work/$name.t" "$@" > "$work/$name.out" 2> "$work/$name.err" ||
+  /usr/bin/time -f "%e %U %S" -o "$work/$name.t" "$@" > "$work/$name.out" 2> "$work/$name.err" ||
     { cat "$work/$name.err"; exit 1; }
+  read -r wall user sys < "$work/$name.t"
+  echo "$wall" > "$work/$name.t"
+  $PY -c "print(f'{$user + $sys:.2f}')" > "$work/$name.cpu"
 }
 
 echo "10 000 samples, 201 x 161 nodes; grid RMSE against the surface (blank nodes)"
-printf "%-18s %10s %10s %8s %12s %8s  %s\n" method defaults "" tuned "" "tune s" "chosen"
+printf "%-18s %10s %10s %8s %12s %8s %8s  %s\n" method defaults "" tuned "" "tune s" "cpu s" "chosen"
 for m in inverse-distance modified-shepard kriging radial-basis local-polynomial; do
   "$kagrid" "$m" "$work/p.csv" "$work/d.asc" $grid -q
   timed "tune_$m" "$kagrid" tune "$m" "$work/p.csv" $grid --threads 2 -q --write-params "$work/$m.json"
   "$kagrid" "$m" "$work/p.csv" "$work/t.asc" $grid --params "$work/$m.json" -q
   chosen=$(sed -n 's/^best: \(.*\) (rmse.*/\1/p' "$work/tune_$m.out")
-  printf "%-18s %s %s %8s  %s\n" "$m" "$($PY "$work/surface.py" err "$work/d.asc")" \
-    "$($PY "$work/surface.py" err "$work/t.asc")" "$(cat "$work/tune_$m.t")" "$chosen"
+  printf "%-18s %s %s %8s %8s  %s\n" "$m" "$($PY "$work/surface.py" err "$work/d.asc")" \
+    "$($PY "$work/surface.py" err "$work/t.asc")" "$(cat "$work/tune_$m.t")" "$(cat "$work/tune_$m.cpu")" "$chosen"
 done
+timed tune1 "$kagrid" tune kriging "$work/p.csv" $grid --threads 1 -q
+echo "kriging's sweep on one thread: $(cat "$work/tune1.t") s ($(cat "$work/tune1.cpu") s processor time)"
 
 cat > "$work/p.vrt" <<VRT
 <OGRVRTDataSource><OGRVRTLayer name="p"><SrcDataSource>$work/p.csv</SrcDataSource>
