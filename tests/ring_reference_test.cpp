@@ -1,0 +1,207 @@
+// The ring search against a literal rendering of its rules: one list per
+// bucket, every ring cell by cell, the polar angle by arc cosine, the ellipse
+// radius by sine and cosine of degrees, caps and stops as written. The result
+// must be the same samples in the same order (the methods sum them in that
+// order), over random and clustered clouds, sectors, ellipse angles, blanks,
+// caps and nodes near and beyond the edges.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <random>
+
+#include "KaTestSupport.h"
+#include "search/KaEstGridSearcher.h"
+
+namespace {
+
+struct Reference {
+    KaSearchGridInfo g;
+    std::vector<std::vector<Ka3DPoint>> buckets;
+    const KaEstGridSearcherParam& p;
+
+    Reference(const KaSearchGridInfo& info, const std::vector<Ka3DPoint>& pts, const KaEstGridSearcherParam& q)
+        : g(info), buckets(static_cast<std::size_t>(info.columnCount) * info.rowCount), p(q)
+    {
+        for (const Ka3DPoint& s : pts) {
+            auto coord = [](double v, double lo, double hi, int32_t n) {
+                if (hi == lo) return int64_t{0};
+                const double f = std::trunc((n - 1) * (v - lo) / (hi - lo));
+                return std::clamp<int64_t>(static_cast<int64_t>(std::max(f, 0.0)), 0, n - 1);
+            };
+            const int64_t c = coord(s.x, g.xMin, g.xMax, g.columnCount);
+            const int64_t r = coord(s.y, g.yMin, g.yMax, g.rowCount);
+            buckets[static_cast<std::size_t>(r * g.columnCount + c)].push_back(s);
+        }
+    }
+
+    // Accepted: sector index, or -2 for a coincident sample; -1 rejected.
+    // Throws on an index out of range.
+    int64_t Test(const Ka3DPoint& s, double x, double y) const
+    {
+        if (std::fabs(s.z - p.originalInvalidValue) < 1e-20) return -1;
+        if ((x - s.x) * (x - s.x) + (y - s.y) * (y - s.y) <= p.tolerance * p.tolerance) return -2;
+        const double dx = s.x - x, dy = s.y - y, dist = std::sqrt(dx * dx + dy * dy);
+        const double a = std::acos(dx / dist) * 180 / 3.14159265;
+        const double theta = (dy >= 0 ? a : 180 + a) - p.ellipseAngle;
+        const double r = p.radius1 * p.radius2 /
+                         std::sqrt(std::sin(theta) * std::sin(theta) * p.radius1 * p.radius1 +
+                                   std::cos(theta) * std::cos(theta) * p.radius2 * p.radius2);
+        if (r <= dist) return -1;
+        const double idx = std::trunc(p.sectorCount * theta / 360);
+        if (idx < 0 || idx >= p.sectorCount) throw std::out_of_range("sector");
+        return static_cast<int64_t>(idx);
+    }
+
+    bool Search(double x, double y, KaNeighbours& result, bool stop) const
+    {
+        result.clear();
+        std::vector<KaNeighbours> sectors(static_cast<std::size_t>(p.sectorCount));
+        const int64_t cols = g.columnCount, rows = g.rowCount;
+        bool finished = false;
+        auto visit = [&](int64_t c, int64_t r) {
+            const int64_t b = r * cols + c;
+            if (finished || b < 0 || b >= cols * rows) return;
+            for (const Ka3DPoint& s : buckets[static_cast<std::size_t>(b)]) {
+                int64_t sec = Test(s, x, y);
+                if (sec == -1) continue;
+                if (sec == -2) {
+                    if (stop) {
+                        result.assign(1, s);
+                        finished = true;
+                        return;
+                    }
+                    sec = 0;
+                }
+                if (static_cast<int64_t>(sectors[sec].size()) < p.maxFromEach) sectors[sec].push_back(s);
+            }
+        };
+        const int64_t cx = static_cast<int64_t>(std::trunc((x - g.xMin) / g.cellSize));
+        const int64_t cy = static_cast<int64_t>(std::trunc((y - g.yMin) / g.cellSize));
+        const int64_t kx = static_cast<int64_t>(std::fabs(p.radius1 / g.cellSize + 1));
+        const int64_t ky = static_cast<int64_t>(std::fabs(p.radius2 / g.cellSize + 1));
+        for (int64_t k = 0; k < kx || k < ky; ++k) {
+            int64_t c0 = std::max<int64_t>(cx - k, 0), c1 = std::min<int64_t>(cx + k, cols - 1);
+            int64_t r0 = std::max<int64_t>(cy - k, 0), r1 = std::min<int64_t>(cy + k, rows - 1);
+            if (c0 == c1 && r0 == r1) {
+                visit(c0, r0);
+            } else {
+                if (c0 == c1 && c1 == 0) c1 = 1;
+                if (r0 == r1 && r1 == 0) r1 = 1;
+                if (0 <= c0 && c0 < cols - 1 && 0 < c1 && c1 <= cols - 1) {
+                    for (int64_t c = c0; c < c1; ++c) visit(c, r0);
+                    for (int64_t c = c0; c < c1; ++c) visit(c, r1);
+                }
+                if (0 <= r0 && r0 < rows - 1 && 0 < r1 && r1 <= rows - 1) {
+                    for (int64_t r = r0 + 1; r < r1; ++r) visit(c0, r);
+                    for (int64_t r = r0 + 1; r < r1; ++r) visit(c1, r);
+                }
+            }
+            if (finished) return true;
+            int64_t total = 0, empty = 0;
+            for (const auto& s : sectors) {
+                total += static_cast<int64_t>(s.size());
+                empty += s.empty();
+            }
+            if (total >= p.maxFromAll || (empty < p.blankSectors && total >= p.minInAll)) break;
+        }
+        for (const auto& s : sectors) result.insert(result.end(), s.begin(), s.end());
+        return static_cast<int64_t>(result.size()) >= p.minInAll;
+    }
+};
+
+// Uniform points, or tight clusters with repeated positions; every 17th
+// value is the blank one.
+std::vector<Ka3DPoint> Cloud(bool clustered, unsigned seed, std::size_t n)
+{
+    std::mt19937_64 rng(seed);
+    std::uniform_real_distribution<double> u(-0.05, 1.05), jitter(-0.01, 0.01);
+    std::vector<Ka3DPoint> pts;
+    Ka3DPoint centre;
+    for (std::size_t i = 0; i < n; ++i) {
+        Ka3DPoint s;
+        if (!clustered) {
+            s = {u(rng), u(rng), 0};
+        } else {
+            if (i % 40 == 0) centre = {u(rng), u(rng), 0};
+            s = i % 9 == 0 && i > 0 ? pts.back() : Ka3DPoint{centre.x + jitter(rng), centre.y + jitter(rng), 0};
+        }
+        s.z = i % 17 == 5 ? 1.70141e38 : std::sin(5 * s.x) + s.y + 1e-3 * static_cast<double>(i);
+        pts.push_back(s);
+    }
+    return pts;
+}
+
+struct Setting {
+    int32_t sectors;
+    double radius1, radius2, angle;
+    int64_t minInAll, maxFromAll, maxFromEach, blankSectors;
+};
+
+}  // namespace
+
+TEST(RingSearchReference, SameSamplesInTheSameOrder)
+{
+    const Setting settings[] = {
+        {1, 0.08, 0.08, 0, 50, 100000, 100000, 1},  // the moving average's usual setup
+        {1, 0.05, 0.05, 0, 16, 16, 16, 1},
+        {4, 0.07, 0.07, 0, 8, 100, 3, 4},
+        {8, 0.06, 0.06, 0, 12, 40, 5, 2},
+        {4, 0.09, 0.05, 30, 6, 30, 10, 3},
+        {3, 0.05, 0.08, -25, 10, 1000, 1000, 3},
+        {6, 0.1, 0.1, 15, 1, 1000, 1000, 7},
+        {2, 0.2, 0.2, 0, 1000, 1000, 1000, 1},  // rings reach past the edges
+    };
+    int searches = 0, thrown = 0;
+    for (bool clustered : {false, true})
+        for (const Setting& s : settings) {
+            auto p = std::make_unique<KaEstGridSearcherParam>();
+            p->xMin = 0.02, p->xMax = 0.98, p->yMin = 0.0, p->yMax = 0.9;
+            p->columnCount = 49, p->rowCount = 31;
+            p->sectorCount = s.sectors, p->radius1 = s.radius1, p->radius2 = s.radius2;
+            p->ellipseAngle = s.angle, p->minInAll = s.minInAll, p->maxFromAll = s.maxFromAll;
+            p->maxFromEach = s.maxFromEach, p->blankSectors = s.blankSectors;
+            p->tolerance = 1e-4;
+            const KaEstGridSearcherParam& q = *p;
+            KaEstGridSearcher searcher;
+            searcher.SetParam(std::move(p));
+            const std::vector<Ka3DPoint> pts = Cloud(clustered, 7 + s.sectors, 1500);
+            auto list = katest::Samples(pts);
+            searcher.SetSampleList(list.get());
+            const Reference ref(searcher.SearchGridInfo(), pts, q);
+            std::mt19937_64 rng(s.sectors);
+            std::uniform_real_distribution<double> u(-0.12, 1.12);
+            for (int n = 0; n < 300; ++n) {
+                // Nodes on samples, on the output nodes and anywhere around.
+                double x = u(rng), y = u(rng);
+                if (n % 10 == 0) x = pts[n].x, y = pts[n].y;
+                if (n % 10 == 1) x = q.xMin + q.GetDx() * (n % 49), y = q.yMin + q.GetDy() * (n % 31);
+                for (bool stop : {true, false}) {
+                    KaNeighbours want, got;
+                    bool wantOk = false, wantThrow = false;
+                    try {
+                        wantOk = ref.Search(x, y, want, stop);
+                    } catch (const std::out_of_range&) {
+                        wantThrow = true;
+                    }
+                    bool gotOk = false, gotThrow = false;
+                    try {
+                        gotOk = searcher.Search(x, y, got, stop);
+                    } catch (const KaSearchError&) {
+                        gotThrow = true;
+                    }
+                    ++searches;
+                    ASSERT_EQ(gotThrow, wantThrow) << "node " << x << ", " << y;
+                    if (wantThrow) {
+                        ++thrown;
+                        continue;
+                    }
+                    ASSERT_EQ(gotOk, wantOk) << "node " << x << ", " << y;
+                    ASSERT_EQ(got, want) << "node " << x << ", " << y << " sectors " << s.sectors
+                                         << (clustered ? " clustered" : " uniform");
+                }
+            }
+        }
+    EXPECT_GT(thrown, 0);  // the negative angles do reach an index out of range
+    EXPECT_GT(searches - thrown, 8000);
+}
