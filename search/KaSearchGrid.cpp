@@ -220,6 +220,8 @@ std::shared_ptr<const KaSearchGrid> KaSearchGrid::Build(const KaEstGridSearcherP
     const double tableLimit = 4 * (items + 1024);
     grid->byRow_.Build(points, row, col, g.rowCount, g.columnCount, dense, rows <= tableLimit);
     grid->byColumn_.Build(points, col, row, g.columnCount, g.rowCount, dense, cols <= tableLimit);
+    grid->edges_ = {grid->byColumn_.LineHoldsSamples(0), grid->byColumn_.LineHoldsSamples(g.columnCount - 1),
+                    grid->byRow_.LineHoldsSamples(0), grid->byRow_.LineHoldsSamples(g.rowCount - 1)};
     grid->tableSectors_ = p.sectorCount;
     grid->tableAngle_ = p.ellipseAngle;
     grid->tableReady_ = grid->table_.Prepare(p.sectorCount, p.ellipseAngle);
@@ -384,10 +386,11 @@ bool KaRingSearch(const KaSearchGrid& grid, const KaEstGridSearcherParam& p, KaS
     int64_t skipLimit = std::max(kx, ky) + 1;
     auto limitAt = [&skipLimit](int64_t ring) { skipLimit = std::min(skipLimit, ring); };
     if (0 <= cx && cx < cols && 0 <= cy && cy < rows && cols >= 2 && rows >= 2) {
-        if (grid.ColumnHoldsSamples(0)) limitAt(cx + 1);
-        if (grid.ColumnHoldsSamples(cols - 1)) limitAt(cols - cx);
-        if (grid.RowHoldsSamples(0)) limitAt(cy + 1);
-        if (grid.RowHoldsSamples(rows - 1)) limitAt(rows - cy);
+        const KaSearchGrid::EdgeSamples& edges = grid.Edges();
+        if (edges.firstColumn) limitAt(cx + 1);
+        if (edges.lastColumn) limitAt(cols - cx);
+        if (edges.firstRow) limitAt(cy + 1);
+        if (edges.lastRow) limitAt(rows - cy);
     } else {
         limitAt(std::min({cx + 1, cols - cx, cy + 1, rows - cy}));
     }
@@ -396,6 +399,7 @@ bool KaRingSearch(const KaSearchGrid& grid, const KaEstGridSearcherParam& p, KaS
     std::span<const Ka3DPoint> runs[2 + 2 * kShortColumn];
     int runCount = 0;
     std::size_t offered = 0;  // samples the current ring offers
+    int emptyRings = 0;       // rings in a row that offered none
     auto add = [&](std::span<const Ka3DPoint> run) {
         if (run.empty()) return;
         runs[runCount++] = run;
@@ -455,7 +459,10 @@ bool KaRingSearch(const KaSearchGrid& grid, const KaEstGridSearcherParam& p, KaS
         // After an empty ring, jump over the rings that cannot offer anything
         // (see skipLimit) up to the next cell that holds samples. They would
         // leave the sector lists, and so every decision, as they are.
-        if (offered == 0 && k + 2 < skipLimit) {
+        // Walking an empty ring costs a few lookups, so the jump is tried only
+        // after a few of them in a row: dense data then never pays for it.
+        emptyRings = offered == 0 ? emptyRings + 1 : 0;
+        if (emptyRings >= 3 && k + 2 < skipLimit) {
             const int64_t next = grid.NextOccupiedRing(cx, cy, k, skipLimit, 32);
             if (next > k + 1) k = next - 1;
         }

@@ -171,13 +171,18 @@ public:
     {
         return byRow_.NextDistance(cy, cx, k, limit, budget);
     }
-    bool RowHoldsSamples(int64_t r) const { return byRow_.LineHoldsSamples(r); }
-    bool ColumnHoldsSamples(int64_t c) const { return byColumn_.LineHoldsSamples(c); }
+    // Whether the first and last column and the first and last row hold
+    // samples, found once at the build.
+    struct EdgeSamples {
+        bool firstColumn = false, lastColumn = false, firstRow = false, lastRow = false;
+    };
+    const EdgeSamples& Edges() const { return edges_; }
 
 private:
     KaSearchGridInfo info_;
     KaBucketLines byRow_, byColumn_;
     std::size_t sampleCount_ = 0;
+    EdgeSamples edges_;
     KaSectorTable table_;
     bool tableReady_ = false;
     int32_t tableSectors_ = 0;
