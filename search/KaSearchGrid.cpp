@@ -302,8 +302,11 @@ enum class Test { Reject, Accept, Coincident };
 // when the search stops there. The common case of a circle, a sample well
 // inside it and away from the node and from sector boundaries, is decided
 // here with the values held in registers; everything else goes to FullTest.
-// The runs of one ring are taken in one call, in order.
-Visit VisitSamples(const std::span<const Ka3DPoint>* runs, int count, const Context& ctx,
+// The runs of one ring are taken in one call, in order, as one sequence of
+// `offered` samples: the step from one run to the next is a select, not a
+// branch, since runs of a cell or two end at random. `runs` holds `offered`
+// samples in non-empty runs and one slot more.
+Visit VisitSamples(const std::span<const Ka3DPoint>* runs, std::size_t offered, const Context& ctx,
                    std::vector<std::vector<Ka3DPoint>>& sectors, KaNeighbours& result)
 {
     const double nx = ctx.x, ny = ctx.y, invalid = ctx.invalid;
@@ -312,8 +315,14 @@ Visit VisitSamples(const std::span<const Ka3DPoint>* runs, int count, const Cont
     const std::size_t cap = ctx.cap;
     const Ka3DPoint* const skipRow = ctx.skip.row;
     const Ka3DPoint* const skipColumn = ctx.skip.column;
-    for (int i = 0; i < count; ++i)
-    for (const Ka3DPoint& s : runs[i]) {
+    const Ka3DPoint* at = runs[0].data();
+    const Ka3DPoint* end = at + runs[0].size();
+    for (std::size_t left = offered; left > 0; --left) {
+        const Ka3DPoint& s = *at++;
+        const bool next = at == end;
+        runs += next;
+        at = next ? runs->data() : at;
+        end = next ? runs->data() + runs->size() : end;
         if (std::fabs(s.z - invalid) < 1e-20 || &s == skipRow || &s == skipColumn) continue;
         const double dx = s.x - nx, dy = s.y - ny;
         const double dist2 = dx * dx + dy * dy;  // (x - sx)^2 + (y - sy)^2 to the last bit
@@ -396,13 +405,16 @@ bool KaRingSearch(const KaSearchGrid& grid, const KaEstGridSearcherParam& p, KaS
     }
     // The runs of samples of one ring, in visiting order; an edge "from a up
     // to b - 1" with b <= a is empty.
-    std::span<const Ka3DPoint> runs[2 + 2 * kShortColumn];
+    std::span<const Ka3DPoint> runs[3 + 2 * kShortColumn];
     int runCount = 0;
     std::size_t offered = 0;  // samples the current ring offers
     int emptyRings = 0;       // rings in a row that offered none
+    // Without a branch: whether a run of a cell or two is empty is a coin toss.
+    // At most 2 + 2 kShortColumn runs are offered per ring, so the slot exists
+    // (and one beyond the last, which VisitSamples may look at).
     auto add = [&](std::span<const Ka3DPoint> run) {
-        if (run.empty()) return;
-        runs[runCount++] = run;
+        runs[runCount] = run;
+        runCount += !run.empty();
         offered += run.size();
     };
     auto row = [&](int64_t r, int64_t c0, int64_t c1) {
@@ -441,7 +453,7 @@ bool KaRingSearch(const KaSearchGrid& grid, const KaEstGridSearcherParam& p, KaS
                 if (c1 >= 0) column(c1, r0 + 1, r1);
             }
         }
-        if (runCount > 0 && VisitSamples(runs, runCount, ctx, sectors, result) == Visit::Finished) return true;
+        if (offered > 0 && VisitSamples(runs, offered, ctx, sectors, result) == Visit::Finished) return true;
         std::size_t total = 0;
         int64_t empty = 0;
         for (const auto& s : sectors) {
