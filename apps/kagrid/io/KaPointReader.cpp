@@ -63,9 +63,17 @@ bool ParseNumber(std::string_view t, double& v)
 // Splits one line. sep 0 means runs of blanks; otherwise every separator
 // starts a new field, so "1,,3" has an empty second field. A field may be
 // wrapped in double quotes ("" inside stands for one quote).
-std::vector<std::string> SplitFields(std::string_view line, char sep)
+// Fills `fields`, reusing its strings: the reader splits every line into the
+// same vector, so a large file costs no allocation per line.
+void SplitFields(std::string_view line, char sep, std::vector<std::string>& fields)
 {
-    std::vector<std::string> fields;
+    std::size_t count = 0;
+    auto next = [&]() -> std::string& {
+        if (count == fields.size()) fields.emplace_back();
+        std::string& f = fields[count++];
+        f.clear();
+        return f;
+    };
     std::size_t i = 0;
     const std::size_t n = line.size();
     auto skipPad = [&] {
@@ -74,7 +82,7 @@ std::vector<std::string> SplitFields(std::string_view line, char sep)
     for (;;) {
         skipPad();
         if (sep == 0 && i >= n) break;
-        std::string field;
+        std::string& field = next();
         if (i < n && line[i] == '"') {
             for (++i; i < n; ++i) {
                 if (line[i] == '"') {
@@ -93,13 +101,19 @@ std::vector<std::string> SplitFields(std::string_view line, char sep)
         } else {
             const std::size_t start = i;
             while (i < n && line[i] != sep && !(sep == 0 && IsBlank(line[i]))) ++i;
-            field = std::string(Trim(line.substr(start, i - start)));
+            field.assign(Trim(line.substr(start, i - start)));
         }
-        fields.push_back(std::move(field));
         if (sep == 0) continue;
         if (i >= n) break;
         ++i;  // the separator
     }
+    fields.resize(count);
+}
+
+std::vector<std::string> SplitFields(std::string_view line, char sep)
+{
+    std::vector<std::string> fields;
+    SplitFields(line, sep, fields);
     return fields;
 }
 
@@ -246,9 +260,16 @@ void GuessFromHeader(const std::string& path, std::size_t lineNo, const std::vec
 }
 
 // A spreadsheet's or R's way of leaving a value out.
+// Checked on every field of every line, so without building strings.
 bool IsMissing(std::string_view t)
 {
-    return t.empty() || Lower(std::string(t)) == "na" || Lower(std::string(t)) == "nan";
+    auto is = [&](std::string_view word) {
+        if (t.size() != word.size()) return false;
+        for (std::size_t i = 0; i < t.size(); ++i)
+            if ((t[i] | 0x20) != word[i]) return false;  // ASCII letters only: word is lower case
+        return true;
+    };
+    return t.empty() || is("na") || is("nan");
 }
 
 }  // namespace
@@ -267,7 +288,7 @@ std::vector<Ka3DPoint> ReadTextPointStream(std::istream& in, const std::string& 
     std::size_t lineNo = 0, needed = 0;
     char sep = 0;
     bool first = true;
-    std::vector<std::string> headerNames;
+    std::vector<std::string> headerNames, fields;
     LineReader reader(in, path);
     while (reader.Next(raw)) {
         lineNo = reader.Number();
@@ -277,7 +298,7 @@ std::vector<Ka3DPoint> ReadTextPointStream(std::istream& in, const std::string& 
         if (body.empty() || body.front() == '#') continue;
 
         if (first) sep = DetectSeparator(body, Lower(fs::path(path).extension().string()) == ".tsv");
-        const std::vector<std::string> fields = SplitFields(body, sep);
+        SplitFields(body, sep, fields);
 
         if (first) {
             first = false;
