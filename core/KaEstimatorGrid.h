@@ -38,6 +38,11 @@ public:
     // shared parts must not change while the copies estimate.
     virtual std::unique_ptr<KaEstimatorGrid> CloneForThread() const { return nullptr; }
 
+    // Threads SetSampleList may use to prepare (1, the default, starts none).
+    // What is prepared is the same whatever the count.
+    void SetPreparationThreads(unsigned count) { preparationThreads_ = count < 1 ? 1 : count; }
+    unsigned PreparationThreads() const { return preparationThreads_; }
+
 protected:
     KaEstimatorGrid() = default;
     // For CloneForThread: shares the record and the sample list.
@@ -48,6 +53,7 @@ protected:
     std::shared_ptr<KaEstimatorGridParam> param_;
     KaSampleList* samples_ = nullptr;
     double nodeStdDev_ = std::numeric_limits<double>::quiet_NaN();
+    unsigned preparationThreads_ = 1;
 };
 
 // The standard deviation from a kriging variance whose terms add up to about

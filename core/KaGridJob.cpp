@@ -108,11 +108,12 @@ bool KaGridJob::EstimateSurface(KaSurface* surface)
         sd.Fill(surface->GetInvalidValue());
     }
 
+    const unsigned threads = ThreadsFor(rows);
     Percent(0, "Creating Searching Grid");
+    searcher->SetPreparationThreads(threads);
     searcher->SetSampleList(samples_.get());
     Percent(0, "Estimating");
 
-    const unsigned threads = ThreadsFor(rows);
     std::vector<std::unique_ptr<KaEstimatorGrid>> copies;
     for (unsigned t = 1; t < threads; ++t) {
         copies.push_back(searcher->CloneForThread());

@@ -70,7 +70,7 @@ void KaEstGridSearcher::BuildSearchGrid(KaSampleList* samples)
             nearest->Build(*samples, *p);
             if (nearest->IsBuilt()) nearest_ = std::move(nearest);
         } else {
-            grid_ = KaSearchGrid::Build(*p, *samples);
+            grid_ = KaSearchGrid::Build(*p, *samples, PreparationThreads());
         }
     }
     SetExcludedSample(excluded_);

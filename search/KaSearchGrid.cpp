@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <exception>
 #include <limits>
 #include <numeric>
+#include <thread>
 
 namespace {
 
@@ -159,7 +161,8 @@ int64_t KaBucketLines::NextDistance(int64_t line, int64_t pos, int64_t k, int64_
     return best;
 }
 
-std::shared_ptr<const KaSearchGrid> KaSearchGrid::Build(const KaEstGridSearcherParam& p, const KaSampleList& samples)
+std::shared_ptr<const KaSearchGrid> KaSearchGrid::Build(const KaEstGridSearcherParam& p, const KaSampleList& samples,
+                                                      unsigned threads)
 {
     if (!p.IsValid() || samples.empty()) return nullptr;
 
@@ -218,8 +221,25 @@ std::shared_ptr<const KaSearchGrid> KaSearchGrid::Build(const KaEstGridSearcherP
     // A table of lines costs 4 bytes a line: kept while the lines are not many
     // more than the samples and nodes.
     const double tableLimit = 4 * (items + 1024);
-    grid->byRow_.Build(points, row, col, g.rowCount, g.columnCount, dense, rows <= tableLimit);
-    grid->byColumn_.Build(points, col, row, g.columnCount, g.rowCount, dense, cols <= tableLimit);
+    auto byColumn = [&] { grid->byColumn_.Build(points, col, row, g.columnCount, g.rowCount, dense, cols <= tableLimit); };
+    if (threads > 1) {
+        // The two orders share only read-only inputs.
+        std::exception_ptr failure;
+        {
+            std::jthread other([&] {
+                try {
+                    byColumn();
+                } catch (...) {
+                    failure = std::current_exception();
+                }
+            });
+            grid->byRow_.Build(points, row, col, g.rowCount, g.columnCount, dense, rows <= tableLimit);
+        }
+        if (failure) std::rethrow_exception(failure);
+    } else {
+        grid->byRow_.Build(points, row, col, g.rowCount, g.columnCount, dense, rows <= tableLimit);
+        byColumn();
+    }
     grid->edges_ = {grid->byColumn_.LineHoldsSamples(0), grid->byColumn_.LineHoldsSamples(g.columnCount - 1),
                     grid->byRow_.LineHoldsSamples(0), grid->byRow_.LineHoldsSamples(g.rowCount - 1)};
     grid->tableSectors_ = p.sectorCount;

@@ -138,8 +138,10 @@ public:
     static constexpr uint32_t marginCells = 5;
 
     // Null when there is nothing to search: invalid record, no samples, or an
-    // output grid without extent.
-    static std::shared_ptr<const KaSearchGrid> Build(const KaEstGridSearcherParam& p, const KaSampleList& samples);
+    // output grid without extent. With `threads` above 1 the samples by row
+    // and by column are sorted at the same time; the grid is the same.
+    static std::shared_ptr<const KaSearchGrid> Build(const KaEstGridSearcherParam& p, const KaSampleList& samples,
+                                                     unsigned threads = 1);
 
     const KaSearchGridInfo& Info() const { return info_; }
     std::size_t BucketCount() const
