@@ -7,10 +7,11 @@
 #include <vector>
 
 #if defined(__SSE2__)
-#include <emmintrin.h>
+#include <immintrin.h>
 #endif
 
 namespace {
+#include "methods/numeric/KaGaussJordanSolution.inc"
 
 constexpr double kLuTiny = 1.5e-16;
 
@@ -50,68 +51,6 @@ inline void SubtractScaledRow(double* __restrict row, const double* __restrict p
     }
 #endif
     for (; l < n; ++l) row[l] -= pivot[l] * factor;
-}
-
-// Largest |r[i]| over i < count, NaN entries ignored; -1 when there is none.
-inline double RowMaxMagnitude(const double* r, int count)
-{
-    int i = 0;
-    double m = -1.0;
-#if defined(__SSE2__)
-    // maxpd(v, m) is v > m ? v : m lane by lane, the scalar rule below; the
-    // lanes never hold NaN, so combining them in any order gives the same max.
-    const __m128d signBit = _mm_set1_pd(-0.0);
-    __m128d m0 = _mm_set1_pd(-1.0), m1 = m0;
-    for (; i + 4 <= count; i += 4) {
-        m0 = _mm_max_pd(_mm_andnot_pd(signBit, _mm_loadu_pd(r + i)), m0);
-        m1 = _mm_max_pd(_mm_andnot_pd(signBit, _mm_loadu_pd(r + i + 2)), m1);
-    }
-    m0 = _mm_max_pd(m1, m0);
-    const double lo = _mm_cvtsd_f64(m0), hi = _mm_cvtsd_f64(_mm_unpackhi_pd(m0, m0));
-    m = hi > lo ? hi : lo;
-#endif
-    for (; i < count; ++i) {
-        const double v = std::fabs(r[i]);
-        m = v > m ? v : m;
-    }
-    return m;
-}
-
-// SubtractScaledRow over `count` entries, returning the largest magnitude of
-// the results (NaN ignored; -1 when there is none).
-inline double SubtractScaledRowMax(double* __restrict row, const double* __restrict pivot, double factor,
-                                   int count)
-{
-    int l = 0;
-    double m = -1.0;
-#if defined(__SSE2__)
-    const __m128d f = _mm_set1_pd(factor);
-    const __m128d signBit = _mm_set1_pd(-0.0);
-    __m128d m0 = _mm_set1_pd(-1.0), m1 = m0;
-    for (; l + 4 <= count; l += 4) {
-        const __m128d r0 = _mm_sub_pd(_mm_loadu_pd(row + l), _mm_mul_pd(_mm_loadu_pd(pivot + l), f));
-        const __m128d r1 = _mm_sub_pd(_mm_loadu_pd(row + l + 2), _mm_mul_pd(_mm_loadu_pd(pivot + l + 2), f));
-        _mm_storeu_pd(row + l, r0);
-        _mm_storeu_pd(row + l + 2, r1);
-        m0 = _mm_max_pd(_mm_andnot_pd(signBit, r0), m0);
-        m1 = _mm_max_pd(_mm_andnot_pd(signBit, r1), m1);
-    }
-    if (l + 2 <= count) {
-        const __m128d r0 = _mm_sub_pd(_mm_loadu_pd(row + l), _mm_mul_pd(_mm_loadu_pd(pivot + l), f));
-        _mm_storeu_pd(row + l, r0);
-        m0 = _mm_max_pd(_mm_andnot_pd(signBit, r0), m0);
-        l += 2;
-    }
-    m0 = _mm_max_pd(m1, m0);
-    const double lo = _mm_cvtsd_f64(m0), hi = _mm_cvtsd_f64(_mm_unpackhi_pd(m0, m0));
-    m = hi > lo ? hi : lo;
-#endif
-    for (; l < count; ++l) {
-        row[l] -= pivot[l] * factor;
-        const double v = std::fabs(row[l]);
-        m = v > m ? v : m;
-    }
-    return m;
 }
 
 }  // namespace
@@ -202,115 +141,15 @@ int GaussJordanSolve(double* a, int n, double* b)
     return release(1);
 }
 
+int GaussJordanSolutionBaseline(double* a, int n, double* b) { return SolutionBody(a, n, b); }
+
 int GaussJordanSolution(double* a, int n, double* b)
 {
-    if (n < 1) return 1;
-    // The columns not yet pivoted ("free") are kept in the physical positions
-    // [0, freeCount); only they, and the pivot column of the pass, ever feed b or
-    // the pivot choice, so the rest is neither updated nor read. The largest
-    // free magnitude of every row is gathered while the row is updated.
-    constexpr int kArrays = 5;
-    int stackBuf[kArrays * kStackOrder];
-    double stackMax[kStackOrder];
-    std::vector<int> heapBuf;
-    std::vector<double> heapMax;
-    int* buf = stackBuf;
-    double* rowMax = stackMax;
-    if (n > kStackOrder) {
-        heapBuf.resize(kArrays * static_cast<std::size_t>(n));
-        heapMax.resize(static_cast<std::size_t>(n));
-        buf = heapBuf.data();
-        rowMax = heapMax.data();
-    }
-    int* pivotUse = buf;           // by original column
-    int* physOf = buf + n;         // original column -> physical position
-    int* colAt = buf + 2 * n;      // physical position -> original column
-    int* freeRows = buf + 3 * n;   // rows whose counter is 0, ascending
-    const std::size_t stride = static_cast<std::size_t>(n);
-    for (int j = 0; j < n; ++j) {
-        pivotUse[j] = 0;
-        physOf[j] = colAt[j] = freeRows[j] = j;
-        rowMax[j] = RowMaxMagnitude(a + j * stride, n);
-    }
-    int freeCount = n, freeRowCount = n;
-    bool overused = false;
-    int pivotRow = 0, pivotCol = 0;
-    for (int pass = 0; pass < n; ++pass) {
-        if (overused) return 0;
-
-        // GaussJordanSolve takes the last (row, column) in row-major order whose
-        // magnitude is the largest: the last row holding the maximum, and in it
-        // the highest original column holding it.
-        double big = 0.0;
-        int bestRow = -1;
-        for (int t = 0; t < freeRowCount; ++t) {
-            const int j = freeRows[t];
-            const double m = rowMax[j];
-            const bool take = m >= big;
-            big = take ? m : big;
-            bestRow = take ? j : bestRow;
-        }
-        if (bestRow >= 0) {  // otherwise the pivot of the previous pass stays
-            const double* row = a + bestRow * stride;
-            int col = -1;
-            for (int q = 0; q < freeCount; ++q) {
-                const bool hit = (std::fabs(row[q]) == big) & (colAt[q] > col);
-                col = hit ? colAt[q] : col;
-            }
-            pivotRow = bestRow;
-            pivotCol = col;
-        }
-        if (++pivotUse[pivotCol] > 1) overused = true;
-
-        int q = physOf[pivotCol];
-        if (q < freeCount) {
-            // Retire the pivot column to the end of the free block. Its values
-            // stay current: a pass that finds no candidate pivots on it again.
-            const int last = freeCount - 1;
-            if (q != last) {
-                for (int r = 0; r < n; ++r) {
-                    double* row = a + static_cast<std::size_t>(r) * stride;
-                    std::swap(row[q], row[last]);
-                }
-                const int moved = colAt[last];
-                colAt[q] = moved;
-                physOf[moved] = q;
-                colAt[last] = pivotCol;
-                physOf[pivotCol] = last;
-                q = last;
-            }
-            freeCount = last;
-            int t = 0;
-            while (freeRows[t] != pivotCol) ++t;
-            for (--freeRowCount; t < freeRowCount; ++t) freeRows[t] = freeRows[t + 1];
-        }
-        const int width = q + 1;  // the free block and the pivot column
-
-        double* pivot = a + static_cast<std::size_t>(pivotCol) * stride;
-        if (pivotRow != pivotCol) {
-            double* other = a + static_cast<std::size_t>(pivotRow) * stride;
-            for (int l = 0; l < width; ++l) std::swap(other[l], pivot[l]);
-            std::swap(b[pivotRow], b[pivotCol]);
-        }
-        if (pivot[q] == 0.0) return 0;
-
-        const double inverse = 1.0 / pivot[q];
-        pivot[q] = 1.0;
-        for (int l = 0; l < width; ++l) pivot[l] *= inverse;
-        b[pivotCol] *= inverse;
-        const double pivotB = b[pivotCol];
-        auto eliminate = [&](int r) {
-            double* row = a + static_cast<std::size_t>(r) * stride;
-            const double factor = row[q];
-            row[q] = 0.0;
-            rowMax[r] = SubtractScaledRowMax(row, pivot, factor, freeCount);
-            for (int l = freeCount; l < width; ++l) row[l] -= pivot[l] * factor;
-            b[r] -= pivotB * factor;
-        };
-        for (int r = 0; r < pivotCol; ++r) eliminate(r);
-        for (int r = pivotCol + 1; r < n; ++r) eliminate(r);
-    }
-    return 1;
+#if defined(KA_HAVE_AVX2_SOLVER)
+    static const bool avx2 = __builtin_cpu_supports("avx2");
+    if (avx2) return GaussJordanSolutionAvx2(a, n, b);
+#endif
+    return SolutionBody(a, n, b);
 }
 
 bool LuDecompose(KaT2DMatrix<double>& matrix, std::vector<int32_t>& permutation, int32_t& parity)

@@ -79,6 +79,14 @@ int GaussJordanSolve(double* a, int n, double* b);
 // state (no inverse). For the per-node solvers, which never read the inverse.
 int GaussJordanSolution(double* a, int n, double* b);
 
+// The builds GaussJordanSolution chooses from by the processor: one for any
+// (SSE2 on x86-64), and, where KA_HAVE_AVX2_SOLVER is defined, one for AVX2
+// that only a processor with AVX2 may call. Apart for tests.
+int GaussJordanSolutionBaseline(double* a, int n, double* b);
+#if defined(KA_HAVE_AVX2_SOLVER)
+int GaussJordanSolutionAvx2(double* a, int n, double* b);
+#endif
+
 // Crout LU decomposition with implicit (row-scaled) partial pivoting, in place.
 // False when a row's largest magnitude is below 1.5e-16; later near-zero
 // pivots are replaced by 1.5e-16 instead.
