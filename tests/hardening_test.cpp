@@ -131,6 +131,12 @@ TEST(Hardening, SpecialFilesAreNeverReplacedAndAllOutputsWaitForEachOther)
         {"variogram " + kSample + " -q --json " + d / "fifo.json", "fifo.json: exists and is not a regular file"},
         {"variogram " + kSample + " -q --plot " + d / "fifo.png", "fifo.png: exists and is not a regular file"},
         {"variogram " + kSample + " -q --plot " + d / "folder.gpkg", "folder.gpkg: is a folder"},
+        // Two outputs of one run naming one file, however spelt.
+        {krig + "--stddev " + d / "./out.tif", "OUTPUT and --stddev name the same file"},
+        {krig + "--set createStdDev=true --set stdDevName=out", "OUTPUT and the standard deviation (createStdDev) name"},
+        {idw + d / "p.png -q --preview " + d / "p.png", "OUTPUT and --preview name the same file"},
+        {cv + "--report " + d / "r.json --residuals " + d / "r.json", "--report and --residuals name the same file"},
+        {"variogram " + kSample + " -q --json " + d / "v.png --plot " + d / "v.png", "--json and --plot name the same"},
     };
     const auto before = Snapshot(d);
     for (const Case& c : cases) {

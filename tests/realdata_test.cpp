@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cmath>
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -177,6 +179,11 @@ TEST(KagridRealData, GridByCellSizeSizeOrAnotherGrid)
     }
     // A grid larger than memory is refused before any work, with its size.
     ExpectRefused(base + d / "c.tif -q --size 1000000000,1000", "a 1000000000 \u00d7 1000 grid needs 8 TB", d / "c.tif");
+    // The standard deviation is a second grid: one that alone would fit is refused with it.
+    const double memory = static_cast<double>(sysconf(_SC_PHYS_PAGES)) * static_cast<double>(sysconf(_SC_PAGE_SIZE));
+    const std::string side = std::to_string(static_cast<long>(std::sqrt(0.7 * memory / 8)));
+    ExpectRefused("kriging " + d / "p.csv " + d / "c.tif -q --stddev " + d / "sd.tif --size " + side + "," + side,
+                  "a " + side + " \u00d7 " + side + " grid and its standard deviation need", d / "c.tif");
 }
 
 TEST(KagridRealData, OutputFormatFollowsTheExtensionAtFullPrecision)

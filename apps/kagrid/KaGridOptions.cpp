@@ -138,20 +138,22 @@ std::string Bytes(long double bytes)
 
 }  // namespace
 
-std::string GridMemoryText(uint64_t columns, uint64_t rows)
+std::string GridMemoryText(uint64_t columns, uint64_t rows, unsigned grids)
 {
-    const long double bytes = static_cast<long double>(columns) * static_cast<long double>(rows) * sizeof(double);
-    return "a " + std::to_string(columns) + " \u00d7 " + std::to_string(rows) + " grid needs " + Bytes(bytes);
+    const long double bytes =
+        static_cast<long double>(columns) * static_cast<long double>(rows) * sizeof(double) * grids;
+    return "a " + std::to_string(columns) + " \u00d7 " + std::to_string(rows) +
+           (grids > 1 ? " grid and its standard deviation need " : " grid needs ") + Bytes(bytes);
 }
 
-void CheckGridFitsInMemory(const KaEstimatorGridParam& r)
+void CheckGridFitsInMemory(const KaEstimatorGridParam& r, unsigned grids)
 {
     const long pages = sysconf(_SC_PHYS_PAGES), pageSize = sysconf(_SC_PAGE_SIZE);
     if (pages <= 0 || pageSize <= 0) return;
     const long double memory = static_cast<long double>(pages) * pageSize;
     const long double bytes =
-        static_cast<long double>(r.columnCount) * static_cast<long double>(r.rowCount) * sizeof(double);
+        static_cast<long double>(r.columnCount) * static_cast<long double>(r.rowCount) * sizeof(double) * grids;
     if (bytes > memory)
-        throw KaParamError(GridMemoryText(r.columnCount, r.rowCount) + ", more than this machine's " + Bytes(memory) +
+        throw KaParamError(GridMemoryText(r.columnCount, r.rowCount, grids) + ", more than this machine's " + Bytes(memory) +
                            " of memory; choose a coarser --cell or a smaller --size");
 }

@@ -1,6 +1,7 @@
 #include "apps/kagrid/KaRunSetup.h"
 
 #include <cstdio>
+#include <filesystem>
 #include <set>
 
 #include "apps/kagrid/io/KaIoError.h"
@@ -64,4 +65,19 @@ void CheckWritable(const std::string& path)
 {
     CheckOutputPath(path);
     KaRemoveStaleTemporaries(path);
+}
+
+void CheckDistinctOutputs(const std::vector<std::pair<std::string, std::string>>& labelledPaths)
+{
+    namespace fs = std::filesystem;
+    std::vector<std::pair<fs::path, const std::string*>> seen;
+    for (const auto& [label, path] : labelledPaths) {
+        if (path.empty()) continue;
+        std::error_code ec;
+        fs::path key = fs::weakly_canonical(path, ec);  // follows links, keeps names not yet made
+        if (ec) key = fs::absolute(path).lexically_normal();
+        for (const auto& [other, otherLabel] : seen)
+            if (other == key) throw KaParamError(*otherLabel + " and " + label + " name the same file: " + path);
+        seen.emplace_back(std::move(key), &label);
+    }
 }

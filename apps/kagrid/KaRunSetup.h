@@ -34,3 +34,8 @@ std::string MethodNames();
 // and is not a regular file, before any work, and clears the temporaries a
 // killed earlier run left for it; an empty path passes.
 void CheckWritable(const std::string& path);
+
+// Refuses two outputs of one run that name the same file (the later rename
+// would silently win); each output comes with the option that named it.
+// Empty paths are left out.
+void CheckDistinctOutputs(const std::vector<std::pair<std::string, std::string>>& labelledPaths);

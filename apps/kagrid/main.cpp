@@ -332,6 +332,11 @@ int Run(const Options& o)
     CheckWritable(o.stdDevPreview);
     if (!o.stdDevPreview.empty() && stdDevPath.empty())
         throw KaParamError("--stddev-preview: needs --stddev (or createStdDev)");
+    CheckDistinctOutputs({{"OUTPUT", o.output},
+                          {"--preview", o.preview},
+                          {"--mesh", o.mesh},
+                          {o.stdDev.empty() ? "the standard deviation (createStdDev)" : "--stddev", stdDevPath},
+                          {"--stddev-preview", o.stdDevPreview}});
     KaRasterWriteOptions how;
     how.format = o.format;
     how.crsWkt = outputCrs;
@@ -339,8 +344,9 @@ int Run(const Options& o)
     how.creationOptions = o.creationOptions;
     how.threads = o.threads ? o.threads : KaGridJob::DefaultThreadCount();
     CheckRasterWrite(o.output, how, record->blankValue);
-    CheckGridFitsInMemory(*record);
-    runGridSize = GridMemoryText(record->columnCount, record->rowCount);
+    const unsigned grids = stdDevPath.empty() ? 1 : 2;
+    CheckGridFitsInMemory(*record, grids);
+    runGridSize = GridMemoryText(record->columnCount, record->rowCount, grids);
     note("grid: " + DescribeGrid(*record));
     if (!outputCrs.empty()) note("coordinate system: " + CrsLabel(outputCrs));
     KaOutputBatch outputs;
