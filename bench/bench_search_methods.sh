@@ -6,7 +6,8 @@
 # nearest. kagrid runs with 1 and with 2 threads; every peer that has threads
 # gets 2 (GDAL_NUM_THREADS, cKDTree workers). Prints wall time and peak memory
 # of each, the ratios (peer / kagrid with 2 threads) and kagrid's speed-up
-# from 1 to 2 threads. Timings on a shared machine are noisy.
+# from 1 to 2 threads; the moving average also single-threaded against a
+# single-threaded gdal_grid. Timings on a shared machine are noisy.
 #
 # Node positions: kagrid's grid spans 0.0005 .. 0.9995 with 1000 nodes (spacing
 # 0.001); gdal_grid's -txe 0 1 -outsize 1000 puts its pixel centres there too.
@@ -87,6 +88,9 @@ for m in idw near mean near1m; do
   cmp -s "$work/k_${m}1.tif" "$work/k_${m}2.tif" || { echo "kagrid $m: 1 and 2 threads differ"; exit 1; }
 done
 
+# gdal_grid's average once more on one thread, beside kagrid's single-threaded run.
+GDAL_NUM_THREADS=1 run gdal_average_1th gdal_grid -a average:radius1=0.02:radius2=0.02:min_points=1:nodata=-9999 \
+  "${gdal[@]}" "$work/points.vrt" "$work/g_mean1.tif"
 export GDAL_NUM_THREADS=2
 run gdal_invdistnn gdal_grid -a invdistnn:power=2:smoothing=0:radius=0.02:max_points=16:min_points=0:nodata=-9999 \
   "${gdal[@]}" "$work/points.vrt" "$work/g_idw.tif"
@@ -134,8 +138,9 @@ report "kagrid inverse-distance" kagrid_idw_2 scipy_kdtree_idw
 report "kagrid nearest-neighbor" kagrid_near_2 gdal_nearest
 report "kagrid nearest-neighbor 1M" kagrid_near1m_2 scipy_kdtree_near1m
 report "kagrid moving-average" kagrid_mean_2 gdal_average
-echo "single-threaded kagrid (peers as above):"
+echo "single-threaded kagrid against gdal_grid with 2 threads, and with 1:"
 report "kagrid moving-average, 1 th." kagrid_mean_1 gdal_average
+report "kagrid moving-average, 1 th." kagrid_mean_1 gdal_average_1th
 echo "kagrid from 1 to 2 threads (the grids are identical):"
 speedup "inverse-distance" kagrid_idw_1 kagrid_idw_2
 speedup "nearest-neighbor" kagrid_near_1 kagrid_near_2
