@@ -24,6 +24,7 @@
 #include <cmath>
 
 #include "apps/kagrid/io/KaIoError.h"
+#include "apps/kagrid/io/KaOutputFiles.h"
 #include "apps/kagrid/io/KaRasterIo.h"
 #include "apps/vesk/KaColumnsDialog.h"
 #include "apps/vesk/KaJobsPanel.h"
@@ -240,6 +241,7 @@ bool KaVeskWindow::SaveSurface(const KaDataObject* object, const QString& path, 
         return false;
     }
     try {
+        CheckOutputPath(path.toStdString());  // before any work, as kagrid does
         WriteSurface(*surface, path.toStdString(), driver.toStdString());
     } catch (const std::exception& e) {
         ShowError(tr("Cannot save %1:\n%2").arg(QFileInfo(path).fileName(), QString::fromStdString(e.what())));

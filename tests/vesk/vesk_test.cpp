@@ -442,13 +442,27 @@ TEST_F(Vesk, BadFilesAndFailedSavesSayWhichFileAndWhy)
     EXPECT_FALSE(window->SaveSurface(points, QString::fromStdString((dir / "p.tif").string())));
     EXPECT_TRUE(notSurface.text.contains("p.tif"));
 
+    // A surface saved over a folder is refused before anything is written.
+    const QString grid = QString::fromStdString((dir / "g.tif").string());
+    ASSERT_EQ(QProcess::execute(KAGRID_EXE, {"nearest-neighbor", kSample, grid, "-q"}), 0);
+    KaDataObject* surface = window->OpenFile(grid);
+    ASSERT_NE(surface, nullptr);
+    fs::create_directory(dir / "folder.tif");
+    katest::BoxSeen folder;
+    katest::AnswerNextBox(&folder);
+    EXPECT_FALSE(window->SaveSurface(surface, QString::fromStdString((dir / "folder.tif").string())));
+    EXPECT_TRUE(folder.text.contains("folder.tif: is a folder")) << folder.text.toStdString();
+    EXPECT_TRUE(fs::is_empty(dir / "folder.tif"));
+
     QTreeWidget* log = window->EventLog();
     ASSERT_TRUE(WaitFor([&] { return log->topLevelItemCount() >= 3; }));
     EXPECT_EQ(log->topLevelItem(0)->text(1), "3 error");
     EXPECT_TRUE(log->topLevelItem(0)->text(2).contains("wells.csv:3"));
     OutputEventsLog(3, "from the engine");
-    ASSERT_TRUE(WaitFor([&] { return log->topLevelItemCount() >= 4; }));
-    EXPECT_EQ(log->topLevelItem(log->topLevelItemCount() - 1)->text(2), "from the engine");
+    EXPECT_TRUE(WaitFor([&] {
+        const int n = log->topLevelItemCount();
+        return n > 0 && log->topLevelItem(n - 1)->text(2) == "from the engine";
+    }));
 }
 
 TEST_F(Vesk, OddColumnsAreChosenInTheDialog)

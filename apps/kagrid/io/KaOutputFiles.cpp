@@ -113,8 +113,8 @@ void CheckOutputPath(const std::string& path)
     const fs::file_status st = fs::status(p, ec);
     if (fs::is_directory(st)) throw KaIoError(path, "is a folder");
     if (fs::exists(st) && !fs::is_regular_file(st))
-        throw KaIoError(path, "exists and is not a regular file (a device or a pipe?); kagrid only replaces "
-                              "regular files");
+        throw KaIoError(path, "exists and is not a regular file (a device or a pipe?); only regular files "
+                              "are replaced");
 }
 
 void WriteTextFile(const std::string& path, const std::string& text)
