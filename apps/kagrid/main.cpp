@@ -1,7 +1,6 @@
 // kagrid: grids scattered points, or the nodes of a raster, with the engine's
 // methods and writes the grid through GDAL.
 
-#include <malloc.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -420,11 +419,6 @@ int Run(const Options& o)
 
 int main(int argc, char** argv)
 {
-    // A run allocates and frees a few large blocks (points, sample copies,
-    // search structures, the grid): keep freed memory for the next one rather
-    // than handing it back and faulting fresh pages in again.
-    mallopt(M_MMAP_THRESHOLD, 32 << 20);
-    mallopt(M_TRIM_THRESHOLD, 256 << 20);
     if (argc > 1 && IsSubcommand(argv[1])) return RunSubcommand(argc - 1, argv + 1);
     const Options o = ParseArguments(argc, argv);
     // The job's own log lines (an allocation failure) reach the user as the
