@@ -238,24 +238,6 @@ TEST(KaRasterIo, RoundTripKeepsLatticeValuesAndBlankExactly)
                                                     "grid.hdr", "grid.bin.aux.xml"}));
 }
 
-TEST(KaRasterIo, CompressingWithThreadsWritesTheSameFile)
-{
-    // Enough rows for many strips, so the threads really share the work; a
-    // NUM_THREADS the caller gives wins over the count.
-    TempDir dir;
-    auto s = MakeSurface(300, 700);
-    KaRasterWriteOptions how;
-    WriteSurface(*s, dir / "one.tif", how);
-    how.threads = 4;
-    WriteSurface(*s, dir / "four.tif", how);
-    how.creationOptions = {"NUM_THREADS=1"};
-    WriteSurface(*s, dir / "given.tif", how);
-    const std::string one = katest::ReadFile(dir / "one.tif");
-    EXPECT_GT(one.size(), 10000u);
-    EXPECT_TRUE(katest::ReadFile(dir / "four.tif") == one);
-    EXPECT_TRUE(katest::ReadFile(dir / "given.tif") == one);
-}
-
 TEST(KaRasterIo, WrittenRasterIsNorthUpWithNodesAtPixelCentres)
 {
     TempDir dir;

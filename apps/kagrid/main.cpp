@@ -81,8 +81,8 @@ const char* kUsage =
     "                     text input: columns by 1-based number or header name (default: the\n"
     "                     header's x, y, z (easting, lon, ...) when it has them, else 1 2 3);\n"
     "                     vector input: --z names the attribute holding z (default: geometry z)\n"
-    "  --threads N        threads that estimate rows at once and compress a GeoTIFF\n"
-    "                     (default: one per core); the file is the same whatever N\n"
+    "  --threads N        threads that estimate rows at once (default: one per core);\n"
+    "                     the grid is the same whatever N\n"
     "  -q, --quiet        no progress output\n"
     "  -h, --help         this text\n"
     "  --version          kagrid's and GDAL's versions\n";
@@ -341,7 +341,6 @@ int Run(const Options& o)
     how.crsWkt = outputCrs;
     how.dataType = o.dataType;
     how.creationOptions = o.creationOptions;
-    how.threads = o.threads ? o.threads : KaGridJob::DefaultThreadCount();
     CheckRasterWrite(o.output, how, record->blankValue);
     const unsigned grids = stdDevPath.empty() ? 1 : 2;
     CheckGridFitsInMemory(*record, grids);

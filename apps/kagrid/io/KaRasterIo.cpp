@@ -298,15 +298,13 @@ struct OptionComplaints {
 };
 
 CPLStringList CreationOptions(GDALDriver* driver, const std::string& path,
-                              const std::vector<std::string>& given, unsigned threads = 1)
+                              const std::vector<std::string>& given)
 {
     const std::string name = driver->GetDescription();
     CPLStringList options;
     if (name == "GTiff") {
         options.SetNameValue("COMPRESS", "DEFLATE");
         options.SetNameValue("BIGTIFF", "IF_SAFER");
-        // Deflating a large grid is a good part of a run's serial time.
-        if (threads > 1) options.SetNameValue("NUM_THREADS", std::to_string(threads).c_str());
     }
     for (const std::string& o : given) {
         const std::size_t eq = o.find('=');
@@ -383,7 +381,7 @@ WritePlan PlanWrite(const std::string& path, const KaRasterWriteOptions& how, do
                                       "; set one it holds, e.g. --set blankValue=-9999");
         }
     }
-    return {driver, type, CreationOptions(driver, path, how.creationOptions, how.threads)};
+    return {driver, type, CreationOptions(driver, path, how.creationOptions)};
 }
 
 }  // namespace

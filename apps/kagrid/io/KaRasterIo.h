@@ -38,9 +38,6 @@ struct KaRasterWriteOptions {
     std::string crsWkt;    // the coordinate system to record; empty for none
     std::string dataType;  // a GDAL type name ("Float32", "Int16"); empty: Float64
     std::vector<std::string> creationOptions;  // "NAME=VALUE", passed to the driver
-    // Threads a GeoTIFF may compress its blocks with (unless the options set
-    // NUM_THREADS); the file written is the same whatever the count.
-    unsigned threads = 1;
 };
 
 // Writes a surface as one raster band, north up, nodata = the surface's
