@@ -169,14 +169,7 @@ done < "$work/cases.tsv"
 
 echo
 echo "inverse distance, nearest-first, against gdal_grid invdistnn (power 2, radius 0.1, 12 points)"
-$PY - "$work/rand.csv" <<'PY'
-import sys, numpy as np
-rng = np.random.default_rng(11)
-n = 20000
-x, y = rng.random(n), rng.random(n)
-z = np.sin(6 * x) * np.cos(4 * y) + 0.3 * x
-np.savetxt(sys.argv[1], np.column_stack([x, y, z]), delimiter=",", header="x,y,z", comments="", fmt="%.9f")
-PY
+$PY "$root/bench/make_points.py" "$work/rand.csv" 20000 11
 cat > "$work/rand.vrt" <<VRT
 <OGRVRTDataSource><OGRVRTLayer name="rand"><SrcDataSource>$work/rand.csv</SrcDataSource>
 <GeometryType>wkbPoint</GeometryType><GeometryField encoding="PointFromColumns" x="x" y="y" z="z"/>

@@ -28,14 +28,7 @@ trap 'rm -rf "$work"' EXIT
 PY=/usr/bin/python3
 export OMP_NUM_THREADS=1 OPENBLAS_NUM_THREADS=1 MKL_NUM_THREADS=1
 
-$PY - "$work/points.csv" <<'PY'
-import sys, numpy as np
-rng = np.random.default_rng(20261123)
-n = 10_000
-x, y = rng.random(n), rng.random(n)
-z = np.sin(6 * x) * np.cos(4 * y) + 0.3 * x
-np.savetxt(sys.argv[1], np.column_stack([x, y, z]), delimiter=",", header="x,y,z", comments="", fmt="%.9f")
-PY
+$PY "$root/bench/make_points.py" "$work/points.csv" 10000 20261123
 
 common=(--set xMin=0.0025 --set xMax=0.9975 --set yMin=0.0025 --set yMax=0.9975
         --set columnCount=200 --set rowCount=200 --set tolerance=1e-9

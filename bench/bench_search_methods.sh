@@ -21,22 +21,8 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 PY=/usr/bin/python3
 
-$PY - "$work/points.csv" <<'PY'
-import sys, numpy as np
-rng = np.random.default_rng(20261122)
-n = 100_000
-x, y = rng.random(n), rng.random(n)
-z = np.sin(6 * x) * np.cos(4 * y) + 0.3 * x
-np.savetxt(sys.argv[1], np.column_stack([x, y, z]), delimiter=",", header="x,y,z", comments="", fmt="%.9f")
-PY
-$PY - "$work/points1m.csv" <<'PY'
-import sys, numpy as np
-rng = np.random.default_rng(20261122)
-n = 1_000_000
-x, y = rng.random(n), rng.random(n)
-z = np.sin(6 * x) * np.cos(4 * y) + 0.3 * x
-np.savetxt(sys.argv[1], np.column_stack([x, y, z]), delimiter=",", header="x,y,z", comments="", fmt="%.9f")
-PY
+$PY "$root/bench/make_points.py" "$work/points.csv" 100000 20261122
+$PY "$root/bench/make_points.py" "$work/points1m.csv" 1000000 20261122
 
 grid=(--set xMin=0.0005 --set xMax=0.9995 --set yMin=0.0005 --set yMax=0.9995
       --set columnCount=1000 --set rowCount=1000 --set tolerance=1e-9 -q)
@@ -99,36 +85,30 @@ run gdal_nearest gdal_grid -a nearest:radius1=0.02:radius2=0.02:nodata=-9999 \
 run gdal_average gdal_grid -a average:radius1=0.02:radius2=0.02:min_points=1:nodata=-9999 \
   "${gdal[@]}" "$work/points.vrt" "$work/g_mean.tif"
 
+# kdtree.py POINTS OUT NODES K RADIUS: the K nearest within RADIUS of each of
+# NODES x NODES pixel centres of the unit square; K = 1 takes the nearest
+# sample's z, otherwise inverse distance squared.
 cat > "$work/kdtree.py" <<'PY'
 import sys, numpy as np
 from scipy.spatial import cKDTree
 pts = np.loadtxt(sys.argv[1], delimiter=",", skiprows=1)
+nodes, k, radius = int(sys.argv[3]), int(sys.argv[4]), float(sys.argv[5])
 tree = cKDTree(pts[:, :2])
-g = 0.0005 + 0.001 * np.arange(1000)
+g = (np.arange(nodes) + 0.5) / nodes
 gx, gy = np.meshgrid(g, g)
 q = np.column_stack([gx.ravel(), gy.ravel()])
-d, i = tree.query(q, k=16, distance_upper_bound=0.02, workers=2)
+d, i = tree.query(q, k=k, distance_upper_bound=radius, workers=2)
 ok = np.isfinite(d)
-w = np.where(ok, 1.0 / np.maximum(d, 1e-12) ** 2, 0.0)
-zz = np.where(ok, pts[np.minimum(i, len(pts) - 1), 2], 0.0)
-out = (w * zz).sum(1) / np.where(w.sum(1) > 0, w.sum(1), np.nan)
-np.save(sys.argv[2], out.reshape(1000, 1000))
+if k == 1:
+    out = np.where(ok, pts[np.minimum(i, len(pts) - 1), 2], np.nan)
+else:
+    w = np.where(ok, 1.0 / np.maximum(d, 1e-12) ** 2, 0.0)
+    zz = np.where(ok, pts[np.minimum(i, len(pts) - 1), 2], 0.0)
+    out = (w * zz).sum(1) / np.where(w.sum(1) > 0, w.sum(1), np.nan)
+np.save(sys.argv[2], out.reshape(nodes, nodes))
 PY
-run scipy_kdtree_idw $PY "$work/kdtree.py" "$work/points.csv" "$work/s_idw.npy"
-
-cat > "$work/kdtree_nearest.py" <<'PY'
-import sys, numpy as np
-from scipy.spatial import cKDTree
-pts = np.loadtxt(sys.argv[1], delimiter=",", skiprows=1)
-tree = cKDTree(pts[:, :2])
-g = 0.00025 + 0.0005 * np.arange(2000)
-gx, gy = np.meshgrid(g, g)
-q = np.column_stack([gx.ravel(), gy.ravel()])
-d, i = tree.query(q, k=1, distance_upper_bound=0.004, workers=2)
-out = np.where(np.isfinite(d), pts[np.minimum(i, len(pts) - 1), 2], np.nan)
-np.save(sys.argv[2], out.reshape(2000, 2000))
-PY
-run scipy_kdtree_near1m $PY "$work/kdtree_nearest.py" "$work/points1m.csv" "$work/s_near1m.npy"
+run scipy_kdtree_idw $PY "$work/kdtree.py" "$work/points.csv" "$work/s_idw.npy" 1000 16 0.02
+run scipy_kdtree_near1m $PY "$work/kdtree.py" "$work/points1m.csv" "$work/s_near1m.npy" 2000 1 0.004
 
 echo "100 000 points -> 1000 x 1000 nodes; 1 000 000 -> 2000 x 2000 for near1m"
 echo "kagrid with 2 threads against peers with 2 threads (ratio = peer time / kagrid time; cpu:"

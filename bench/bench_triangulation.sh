@@ -20,15 +20,8 @@ fi
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
-$PY - "$work" <<'PY'
-import sys, numpy as np
-for n, name in [(100_000, "p100k"), (1_000_000, "p1m")]:
-    rng = np.random.default_rng(20261122)
-    x, y = rng.random(n), rng.random(n)
-    z = np.sin(6 * x) * np.cos(4 * y) + 0.3 * x
-    np.savetxt(f"{sys.argv[1]}/{name}.csv", np.column_stack([x, y, z]), delimiter=",",
-               header="x,y,z", comments="", fmt="%.9f")
-PY
+$PY "$root/bench/make_points.py" "$work/p100k.csv" 100000 20261122
+$PY "$root/bench/make_points.py" "$work/p1m.csv" 1000000 20261122
 
 cat > "$work/griddata.py" <<'PY'
 import sys, time, numpy as np

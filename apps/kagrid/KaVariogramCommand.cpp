@@ -32,10 +32,10 @@ double Number(const KaSubOptions& o, const char* key)
 }
 
 // "Nugget+Spherical" -> model identifiers, by display name (case ignored) or number.
-std::vector<uint32_t> Models(const std::string& spec)
+std::vector<uint32_t> Models(const std::string& names)
 {
     std::vector<uint32_t> out;
-    std::stringstream in(spec);
+    std::stringstream in(names);
     std::string name;
     while (std::getline(in, name, '+')) {
         nlohmann::json j = {{"components", {{{"model", name}}}}};

@@ -15,9 +15,6 @@ namespace {
 
 constexpr double kLuTiny = 1.5e-16;
 
-// Systems up to this order keep the solver's index arrays on the stack.
-constexpr int kStackOrder = 128;
-
 int* MallocIntArray(int n)
 {
     int* p = static_cast<int*>(std::malloc(static_cast<std::size_t>(n) * sizeof(int)));
@@ -26,31 +23,6 @@ int* MallocIntArray(int n)
         for (const char* c = "allocation failure in MallocIntArray()"; *c; ++c) std::putchar(*c);
     }
     return p;
-}
-
-// row[l] -= pivot[l] * factor over n entries; the rows never overlap. Each
-// element is one multiply and one subtract, in that order, however it is laid out.
-inline void SubtractScaledRow(double* __restrict row, const double* __restrict pivot, double factor,
-                              int n)
-{
-    int l = 0;
-#if defined(__SSE2__)
-    // The rows are short (tens of entries): plain unaligned pairs beat the
-    // compiler's peeled loop.
-    const __m128d f = _mm_set1_pd(factor);
-    for (; l + 4 <= n; l += 4) {
-        const __m128d p0 = _mm_mul_pd(_mm_loadu_pd(pivot + l), f);
-        const __m128d p1 = _mm_mul_pd(_mm_loadu_pd(pivot + l + 2), f);
-        _mm_storeu_pd(row + l, _mm_sub_pd(_mm_loadu_pd(row + l), p0));
-        _mm_storeu_pd(row + l + 2, _mm_sub_pd(_mm_loadu_pd(row + l + 2), p1));
-    }
-    if (l + 2 <= n) {
-        const __m128d p0 = _mm_mul_pd(_mm_loadu_pd(pivot + l), f);
-        _mm_storeu_pd(row + l, _mm_sub_pd(_mm_loadu_pd(row + l), p0));
-        l += 2;
-    }
-#endif
-    for (; l < n; ++l) row[l] -= pivot[l] * factor;
 }
 
 }  // namespace
@@ -125,7 +97,7 @@ int GaussJordanSolve(double* a, int n, double* b)
             double* row = a + static_cast<std::size_t>(r) * n;
             const double factor = row[pivotCol];
             row[pivotCol] = 0.0;
-            SubtractScaledRow(row, pivot, factor, n);
+            SubtractScaledRowMax(row, pivot, factor, n);  // the maximum is not needed here
             b[r] -= b[pivotCol] * factor;
         }
     }
