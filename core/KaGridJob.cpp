@@ -164,11 +164,14 @@ namespace {
 // One row: the values into `row`, the z range of its non-blank values kept
 // the way the whole-grid loop keeps it (the first of equal extremes wins).
 // With `sdRow`, each non-blank node's standard deviation, when it has one.
+// The range is kept in locals and stored once: the rows of other threads keep
+// theirs in the same cache line.
 void EstimateRow(KaEstimatorGrid& e, const KaEstimatorGridParam& p, uint32_t r, uint32_t cols, double* row,
-                 double* sdRow, double& zMin, double& zMax)
+                 double* sdRow, double& zMinOut, double& zMaxOut)
 {
     const double dx = p.GetDx(), dy = p.GetDy(), blank = p.blankValue;
     const double y = dy * r + p.yMin;
+    double zMin = zMinOut, zMax = zMaxOut;
     for (uint32_t c = 0; c < cols; ++c) {
         const double v = e.EstimateAt(c * dx + p.xMin, y);
         if (std::fabs(v - blank) > 1e-20) {
@@ -181,6 +184,8 @@ void EstimateRow(KaEstimatorGrid& e, const KaEstimatorGridParam& p, uint32_t r, 
             if (std::fabs(v - blank) > 1e-20 && !std::isnan(s)) sdRow[c] = s;
         }
     }
+    zMinOut = zMin;
+    zMaxOut = zMax;
 }
 
 }  // namespace
