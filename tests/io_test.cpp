@@ -238,6 +238,49 @@ TEST(KaRasterIo, RoundTripKeepsLatticeValuesAndBlankExactly)
                                                     "grid.hdr", "grid.bin.aux.xml"}));
 }
 
+// Strips of many rows, compressed on several threads or one, and the layouts
+// a user asks for all hold the same values.
+TEST(KaRasterIo, GeoTiffLayoutAndCompressionThreadsKeepTheValues)
+{
+    TempDir dir;
+    auto s = MakeSurface(300, 97);
+    struct Case {
+        unsigned threads;
+        std::vector<std::string> co;
+        int blockX, blockY;
+    };
+    const Case cases[] = {{1, {}, 300, 54},  // about 128 KiB strips: 131072 / (300 * 8) rows
+                          {4, {}, 300, 54},
+                          {0, {"COMPRESS=NONE"}, 300, 54},
+                          {2, {"BLOCKYSIZE=1"}, 300, 1},
+                          {2, {"TILED=YES", "NUM_THREADS=1"}, 256, 256}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(::testing::PrintToString(c.co) + " threads " + std::to_string(c.threads));
+        KaRasterWriteOptions how;
+        how.threads = c.threads;
+        how.creationOptions = c.co;
+        const std::string p = dir / "g.tif";
+        WriteSurface(*s, p, how);
+        {
+            GDALDatasetUniquePtr ds(GDALDataset::Open(p.c_str(), GDAL_OF_RASTER));
+            int bx = 0, by = 0;
+            ds->GetRasterBand(1)->GetBlockSize(&bx, &by);
+            EXPECT_EQ(bx, c.blockX);
+            EXPECT_EQ(by, c.blockY);
+        }
+        auto back = ReadRasterSurface(p);
+        ASSERT_EQ(back->GridData().Size(), s->GridData().Size());
+        EXPECT_EQ(std::memcmp(back->GridData().data, s->GridData().data, s->GridData().Size() * 8), 0);
+    }
+    // One row wider than a strip still gets one-row strips.
+    auto wide = MakeSurface(20000, 3);
+    WriteSurface(*wide, dir / "w.tif");
+    GDALDatasetUniquePtr ds(GDALDataset::Open((dir / "w.tif").c_str(), GDAL_OF_RASTER));
+    int bx = 0, by = 0;
+    ds->GetRasterBand(1)->GetBlockSize(&bx, &by);
+    EXPECT_EQ(by, 1);
+}
+
 TEST(KaRasterIo, WrittenRasterIsNorthUpWithNodesAtPixelCentres)
 {
     TempDir dir;

@@ -341,6 +341,7 @@ int Run(const Options& o)
     how.crsWkt = outputCrs;
     how.dataType = o.dataType;
     how.creationOptions = o.creationOptions;
+    how.threads = o.threads;
     CheckRasterWrite(o.output, how, record->blankValue);
     const unsigned grids = stdDevPath.empty() ? 1 : 2;
     CheckGridFitsInMemory(*record, grids);

@@ -297,10 +297,16 @@ struct OptionComplaints {
     }
 };
 
-CPLStringList CreationOptions(GDALDriver* driver, const std::string& path,
-                              const std::vector<std::string>& given)
+// GeoTIFF strips of about this many bytes: one-row strips (the driver's own
+// choice for wide rows) compress worse and leave too little work per strip to
+// share among threads.
+constexpr double kStripBytes = 131072;
+
+CPLStringList CreationOptions(GDALDriver* driver, const std::string& path, const KaRasterWriteOptions& how,
+                              int cols, GDALDataType type)
 {
     const std::string name = driver->GetDescription();
+    const std::vector<std::string>& given = how.creationOptions;
     CPLStringList options;
     if (name == "GTiff") {
         options.SetNameValue("COMPRESS", "DEFLATE");
@@ -311,6 +317,15 @@ CPLStringList CreationOptions(GDALDriver* driver, const std::string& path,
         if (eq == std::string::npos || eq == 0)
             throw KaIoError(path, "-co " + o + ": expected NAME=VALUE");
         options.SetNameValue(o.substr(0, eq).c_str(), o.substr(eq + 1).c_str());
+    }
+    if (name == "GTiff") {
+        if (!options.FetchNameValue("TILED") && !options.FetchNameValue("BLOCKYSIZE") && cols > 0) {
+            const double rowBytes = static_cast<double>(cols) * std::max(1, GDALGetDataTypeSizeBytes(type));
+            const int strip = static_cast<int>(std::clamp(std::floor(kStripBytes / rowBytes), 1.0, 4096.0));
+            options.SetNameValue("BLOCKYSIZE", std::to_string(strip).c_str());
+        }
+        if (!options.FetchNameValue("NUM_THREADS") && how.threads != 1)
+            options.SetNameValue("NUM_THREADS", how.threads == 0 ? "ALL_CPUS" : std::to_string(how.threads).c_str());
     }
     if (!given.empty()) {
         OptionComplaints complaints;
@@ -365,7 +380,7 @@ struct WritePlan {
     CPLStringList options;
 };
 
-WritePlan PlanWrite(const std::string& path, const KaRasterWriteOptions& how, double blankValue)
+WritePlan PlanWrite(const std::string& path, const KaRasterWriteOptions& how, double blankValue, int cols = 0)
 {
     KaIoInit();
     GDALDriver* driver = OutputDriver(path, how.format);
@@ -381,7 +396,7 @@ WritePlan PlanWrite(const std::string& path, const KaRasterWriteOptions& how, do
                                       "; set one it holds, e.g. --set blankValue=-9999");
         }
     }
-    return {driver, type, CreationOptions(driver, path, how.creationOptions)};
+    return {driver, type, CreationOptions(driver, path, how, cols, type)};
 }
 
 }  // namespace
@@ -408,7 +423,7 @@ void WriteSurface(const KaSurface& surface, const std::string& path, const KaRas
         throw KaIoError(path, "the surface holds no grid to write");
     if (m.columnCount > INT_MAX || m.rowCount > INT_MAX)
         throw KaIoError(path, "the grid is too large for a raster file");
-    const WritePlan plan = PlanWrite(path, how, info.invalidValue);
+    const WritePlan plan = PlanWrite(path, how, info.invalidValue, static_cast<int>(m.columnCount));
     GDALDriver* driver = plan.driver;
     const GDALDataType type = plan.type;
     const CPLStringList& options = plan.options;

@@ -38,6 +38,9 @@ struct KaRasterWriteOptions {
     std::string crsWkt;    // the coordinate system to record; empty for none
     std::string dataType;  // a GDAL type name ("Float32", "Int16"); empty: Float64
     std::vector<std::string> creationOptions;  // "NAME=VALUE", passed to the driver
+    // Threads that may compress GeoTIFF strips at once (0: one per core);
+    // the creation option NUM_THREADS overrides it.
+    unsigned threads = 1;
 };
 
 // Writes a surface as one raster band, north up, nodata = the surface's
