@@ -1,6 +1,7 @@
 #include "search/KaSearchGrid.h"
 
 #include <algorithm>
+#include <bit>
 #include <cmath>
 #include <cstdio>
 #include <exception>
@@ -27,9 +28,9 @@ std::string Format(const char* fmt, auto... args)
     return buf;
 }
 
-// Buckets per sample or node up to which every bucket gets an offset: about
-// 2 bytes a bucket in each of the two structures, so at most about 32 bytes
-// per sample or node.
+// Buckets per sample or node up to which every bucket gets an occupancy bit:
+// 3/16 of a byte a bucket in each of the two structures, so at most about 3
+// bytes per sample or node.
 constexpr double kDenseBucketsPerItem = 8;
 
 }  // namespace
@@ -103,29 +104,28 @@ void KaBucketLines::Build(const std::vector<Ka3DPoint>& points, const std::vecto
 void KaBucketLines::BuildDense(const std::vector<uint32_t>& cellLine, int64_t lineCount)
 {
     const uint64_t keys = static_cast<uint64_t>(lineCount) * static_cast<uint64_t>(lineLength_);
-    std::vector<uint32_t> base(keys / 64 + 1);
-    std::vector<uint16_t> local(keys + 1);
-    std::size_t cell = 0;
+    // One word more than the cells need, so that the key one past the last
+    // cell finds every occupied cell below it.
+    std::vector<uint64_t> occupied(keys / 64 + 1, 0);
+    std::vector<uint32_t> blockCells(keys / 64 + 1, 0);
     const std::size_t cells = cellPos_.size();
-    uint32_t before = 0;
-    for (uint64_t key = 0; key <= keys; ++key) {
-        if ((key & 63) == 0) base[key >> 6] = before;
-        const uint32_t offset = before - base[key >> 6];
-        if (offset > 0xffff) return;  // a crowded block: the cell list serves instead
-        local[key] = static_cast<uint16_t>(offset);
-        if (cell < cells && static_cast<uint64_t>(cellLine[cell]) * lineLength_ + cellPos_[cell] == key) {
-            before = cellStart_[cell + 1];
-            ++cell;
-        }
+    for (std::size_t c = 0; c < cells; ++c) {
+        const uint64_t key = static_cast<uint64_t>(cellLine[c]) * lineLength_ + cellPos_[c];
+        occupied[key >> 6] |= uint64_t{1} << (key & 63);
     }
-    blockBase_ = std::move(base);
-    local_ = std::move(local);
+    uint32_t before = 0;
+    for (std::size_t b = 0; b < occupied.size(); ++b) {
+        blockCells[b] = before;
+        before += static_cast<uint32_t>(std::popcount(occupied[b]));
+    }
+    occupied_ = std::move(occupied);
+    blockCells_ = std::move(blockCells);
     dense_ = true;
 }
 
 std::size_t KaBucketLines::MemoryBytes() const
 {
-    return blockBase_.capacity() * 4 + local_.capacity() * 2 + lineStart_.capacity() * 4 + cellPos_.capacity() * 4 +
+    return occupied_.capacity() * 8 + blockCells_.capacity() * 4 + lineStart_.capacity() * 4 + cellPos_.capacity() * 4 +
            lines_.capacity() * 4 + linesCell_.capacity() * 4 + cellStart_.capacity() * 4 + slotOf_.capacity() * 4 +
            samples_.capacity() * sizeof(Ka3DPoint);
 }
@@ -326,7 +326,8 @@ enum class Test { Reject, Accept, Coincident };
 // `offered` samples: the step from one run to the next is a select, not a
 // branch, since runs of a cell or two end at random. `runs` holds `offered`
 // samples in non-empty runs and one slot more.
-Visit VisitSamples(const std::span<const Ka3DPoint>* runs, std::size_t offered, const Context& ctx,
+[[gnu::always_inline]] inline Visit VisitSamples(const std::span<const Ka3DPoint>* runs, std::size_t offered,
+                                                 const Context& ctx,
                    std::vector<std::vector<Ka3DPoint>>& sectors, KaNeighbours& result)
 {
     const double nx = ctx.x, ny = ctx.y, invalid = ctx.invalid;
@@ -365,6 +366,13 @@ Visit VisitSamples(const std::span<const Ka3DPoint>* runs, std::size_t offered, 
 
 }  // namespace
 
+// A second build with the popcnt instruction, chosen at load time: a bucket
+// lookup counts the occupied cells before it in a 64-bit word, which the
+// baseline build does with a library call. Only integer code differs between
+// the two, so both give the same neighbours.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+[[gnu::target_clones("popcnt", "default")]]
+#endif
 bool KaRingSearch(const KaSearchGrid& grid, const KaEstGridSearcherParam& p, KaSearchWorkspace& ws, double x,
                   double y, KaNeighbours& result, bool stopAtCoincident, const KaSampleSkip& skip)
 {
@@ -432,15 +440,15 @@ bool KaRingSearch(const KaSearchGrid& grid, const KaEstGridSearcherParam& p, KaS
     // Without a branch: whether a run of a cell or two is empty is a coin toss.
     // At most 2 + 2 kShortColumn runs are offered per ring, so the slot exists
     // (and one beyond the last, which VisitSamples may look at).
-    auto add = [&](std::span<const Ka3DPoint> run) {
+    auto add = [&](std::span<const Ka3DPoint> run) __attribute__((always_inline)) {
         runs[runCount] = run;
         runCount += !run.empty();
         offered += run.size();
     };
-    auto row = [&](int64_t r, int64_t c0, int64_t c1) {
+    auto row = [&](int64_t r, int64_t c0, int64_t c1) __attribute__((always_inline)) {
         if (c1 > c0) add(grid.RowRun(r, c0, c1));
     };
-    auto column = [&](int64_t c, int64_t r0, int64_t r1) {
+    auto column = [&](int64_t c, int64_t r0, int64_t r1) __attribute__((always_inline)) {
         // A short column edge cell by cell from the rows, which the walk
         // along a grid row keeps in cache; a long one as one run.
         if (r1 - r0 > kShortColumn)

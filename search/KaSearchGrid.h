@@ -1,6 +1,7 @@
 #pragma once
 
 #include <algorithm>
+#include <bit>
 #include <cstdint>
 #include <memory>
 #include <span>
@@ -40,11 +41,11 @@ struct KaSearchGridInfo {
 
 // The samples of a bucket grid, line by line (rows, or columns), so that any
 // run of cells along one line is one contiguous run of samples, bucket order
-// and sample order kept. When the grid is small next to the data, every
-// bucket gets its first sample's index as a 16-bit offset from a 32-bit base
-// per 64 buckets (a little over 2 bytes a bucket, two loads a lookup);
-// otherwise only the buckets holding samples are stored, as a sorted list of
-// the occupied cells of every line.
+// and sample order kept. Only the buckets holding samples are stored, as a
+// sorted list of the occupied cells. When the grid is small next to the data,
+// a bucket's place in that list is found from an occupancy bit per bucket and
+// a count per 64 buckets (3/16 of a byte a bucket, three loads a lookup);
+// otherwise by bisection among the occupied cells of its line.
 class KaBucketLines {
 public:
     // Sample i lies in cell (line[i], pos[i]); both within the counts. With
@@ -75,11 +76,15 @@ public:
     bool LineHoldsSamples(int64_t line) const { return std::binary_search(lines_.begin(), lines_.end(), line); }
 
 private:
-    // Gives every cell its offset; leaves the grid on the cell list when a
-    // block of 64 cells holds 65536 samples or more.
+    // Marks the occupied cells and counts them per block of 64.
     void BuildDense(const std::vector<uint32_t>& cellLine, int64_t lineCount);
-    // Samples before cell `key` (line * lineLength + pos).
-    uint32_t DenseStart(uint64_t key) const { return blockBase_[key >> 6] + local_[key]; }
+    // Samples before cell `key` (line * lineLength + pos): the first sample of
+    // the first occupied cell at or after it.
+    uint32_t DenseStart(uint64_t key) const
+    {
+        const uint64_t below = occupied_[key >> 6] & ((uint64_t{1} << (key & 63)) - 1);
+        return cellStart_[blockCells_[key >> 6] + static_cast<uint32_t>(std::popcount(below))];
+    }
     // Occupied cells before (line, pos) in line-major order.
     uint32_t CellRank(int64_t line, int64_t pos) const
     {
@@ -111,8 +116,8 @@ private:
 
     int64_t lineLength_ = 0;
     bool dense_ = false;
-    std::vector<uint32_t> blockBase_;  // dense: samples before each block of 64 cells
-    std::vector<uint16_t> local_;      // dense: samples before each cell within its block
+    std::vector<uint64_t> occupied_;    // dense: a bit per cell holding samples, 64 cells a word
+    std::vector<uint32_t> blockCells_;  // dense: occupied cells before each block of 64 cells
     std::vector<uint32_t> lineStart_;  // each line's first occupied cell (with a line table)
     std::vector<int32_t> cellPos_;     // position of each occupied cell
     std::vector<int32_t> lines_;       // the lines that hold samples, ascending

@@ -382,6 +382,14 @@ TEST(SearchGridStorage, AStretchedGridCostsMemoryByItsSamplesAndNodes)
     ASSERT_NE(grid, nullptr);
     EXPECT_GT(grid->BucketCount(), 50'000'000u);
     EXPECT_LT(grid->MemoryBytes(), 2'000'000u);
+
+    // 2000 x 2000 nodes from 100 samples: every bucket is looked up directly,
+    // at well under a byte a bucket for the two orders together.
+    p.columnCount = p.rowCount = 2000;
+    auto square = KaSearchGrid::Build(p, *Samples(RandomPoints(100, 4)));
+    ASSERT_NE(square, nullptr);
+    EXPECT_GT(square->BucketCount(), 4'000'000u);
+    EXPECT_LT(square->MemoryBytes(), square->BucketCount() / 2);
 }
 
 TEST(SearchGridStorage, EmptyRingsAreNotSkippedPastAClampedEdgeThatHoldsSamples)
