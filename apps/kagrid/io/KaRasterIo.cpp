@@ -301,6 +301,8 @@ struct OptionComplaints {
 // choice for wide rows) compress worse and leave too little work per strip to
 // share among threads.
 constexpr double kStripBytes = 131072;
+// Bytes of written rows after which the writer flushes GDAL's block cache.
+constexpr double kFlushBytes = 8 << 20;
 
 CPLStringList CreationOptions(GDALDriver* driver, const std::string& path, const KaRasterWriteOptions& how,
                               int cols, GDALDataType type)
@@ -469,11 +471,20 @@ void WriteSurface(const KaSurface& surface, const std::string& path, const KaRas
         if (KeepsMetadataInFile(driverName)) ds->SetMetadataItem(kLatticeKey, lattice);
         GDALRasterBand* band = ds->GetRasterBand(1);
         band->SetNoDataValue(info.invalidValue);
+        // Written blocks stay in GDAL's block cache (up to a twentieth of the
+        // machine's memory) until flushed; flushing every few megabytes keeps
+        // the write from holding a second copy of the grid.
+        int blockX = 0, blockY = 0;
+        band->GetBlockSize(&blockX, &blockY);
+        blockY = std::max(blockY, 1);
+        const int flushRows =
+            direct ? blockY * std::max(1, static_cast<int>(kFlushBytes / (8.0 * cols * blockY))) : rows;
         for (int rr = 0; rr < rows; ++rr) {  // north up: raster row 0 is the surface's last row
             double* row = m.data + static_cast<std::size_t>(rows - 1 - rr) * cols;
             if (band->RasterIO(GF_Write, 0, rr, cols, 1, row, cols, 1, GDT_Float64, 0, 0, nullptr) !=
                 CE_None)
                 return nullptr;
+            if ((rr + 1) % flushRows == 0 && rr + 1 < rows && band->FlushCache(false) != CE_None) return nullptr;
         }
         if (direct) return ds;
         return GdalDatasetPtr(
