@@ -29,9 +29,9 @@ std::string Format(const char* fmt, auto... args)
 }
 
 // Buckets per sample or node up to which every bucket gets an occupancy bit:
-// 3/16 of a byte a bucket in each of the two structures, so at most about 3
-// bytes per sample or node.
-constexpr double kDenseBucketsPerItem = 8;
+// 3/16 of a byte a bucket in each of the two structures, so at most 12 bytes
+// per sample or node (a stretched grid's buckets outnumber its nodes).
+constexpr double kDenseBucketsPerItem = 32;
 
 }  // namespace
 
