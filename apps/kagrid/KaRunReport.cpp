@@ -118,10 +118,17 @@ std::vector<std::string> ReviewSurface(const KaMethodInfo& info, const KaEstimat
 {
     const std::string method = info.key;
     std::vector<std::string> warnings;
-    std::vector<Sample> samples;
+    // The samples' z range; the samples themselves are copied only to explain
+    // a blank grid.
+    bool any = false;
+    double z0 = 0, z1 = 0;
     for (const KaSample& s : list)
-        if (s.point.z != record.originalInvalidValue) samples.push_back({s.point.x, s.point.y, s.point.z});
-    if (samples.empty()) return warnings;
+        if (s.point.z != record.originalInvalidValue) {
+            z0 = any ? std::min(z0, s.point.z) : s.point.z;
+            z1 = any ? std::max(z1, s.point.z) : s.point.z;
+            any = true;
+        }
+    if (!any) return warnings;
 
     const KaTDataMatrix2D<double>& grid = surface.GridData();
     const double blank = surface.GetSurfaceObjInfo().invalidValue;
@@ -134,13 +141,16 @@ std::vector<std::string> ReviewSurface(const KaMethodInfo& info, const KaEstimat
     }
     if (lo > hi) {
         // A method that is known to leave its grid blank says so itself.
-        warnings.push_back(info.note ? method + ": " + info.note
-                                     : "every node of the grid is blank: " + WhyAllBlank(method, record, samples));
+        if (info.note) {
+            warnings.push_back(method + ": " + info.note);
+            return warnings;
+        }
+        std::vector<Sample> samples;
+        for (const KaSample& s : list)
+            if (s.point.z != record.originalInvalidValue) samples.push_back({s.point.x, s.point.y, s.point.z});
+        warnings.push_back("every node of the grid is blank: " + WhyAllBlank(method, record, samples));
         return warnings;
     }
-
-    double z0 = samples[0].z, z1 = z0;
-    for (const Sample& p : samples) z0 = std::min(z0, p.z), z1 = std::max(z1, p.z);
     const double width = z1 > z0 ? z1 - z0 : std::max(1.0, std::fabs(z0));
     const double beyond = std::max(hi - z1, z0 - lo);
     if (beyond > kFarFactor * width) {
