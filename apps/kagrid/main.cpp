@@ -81,8 +81,8 @@ const char* kUsage =
     "                     text input: columns by 1-based number or header name (default: the\n"
     "                     header's x, y, z (easting, lon, ...) when it has them, else 1 2 3);\n"
     "                     vector input: --z names the attribute holding z (default: geometry z)\n"
-    "  --threads N        threads that estimate rows at once (default: one per core);\n"
-    "                     the grid is the same whatever N\n"
+    "  --threads N        threads that estimate rows, and compress GeoTIFF strips, at once\n"
+    "                     (default: one per core); the grid is the same whatever N\n"
     "  -q, --quiet        no progress output\n"
     "  -h, --help         this text\n"
     "  --version          kagrid's and GDAL's versions\n";
