@@ -93,7 +93,7 @@ void KaBucketLines::Build(const std::vector<Ka3DPoint>& points, const std::vecto
     linesCell_.push_back(static_cast<uint32_t>(cells));
 
     lineStart_.clear();
-    if (lineTable) {
+    if (lineTable && !dense) {  // the dense lookup needs no line table
         lineStart_.assign(static_cast<std::size_t>(lineCount) + 1, 0);
         for (std::size_t c = 0; c < cells; ++c) ++lineStart_[cellLine[c] + 1];
         std::partial_sum(lineStart_.begin(), lineStart_.end(), lineStart_.begin());
@@ -221,6 +221,7 @@ std::shared_ptr<const KaSearchGrid> KaSearchGrid::Build(const KaEstGridSearcherP
     // A table of lines costs 4 bytes a line: kept while the lines are not many
     // more than the samples and nodes.
     const double tableLimit = 4 * (items + 1024);
+    auto byRow = [&] { grid->byRow_.Build(points, row, col, g.rowCount, g.columnCount, dense, rows <= tableLimit); };
     auto byColumn = [&] { grid->byColumn_.Build(points, col, row, g.columnCount, g.rowCount, dense, cols <= tableLimit); };
     if (threads > 1) {
         // The two orders share only read-only inputs.
@@ -233,11 +234,11 @@ std::shared_ptr<const KaSearchGrid> KaSearchGrid::Build(const KaEstGridSearcherP
                     failure = std::current_exception();
                 }
             });
-            grid->byRow_.Build(points, row, col, g.rowCount, g.columnCount, dense, rows <= tableLimit);
+            byRow();
         }
         if (failure) std::rethrow_exception(failure);
     } else {
-        grid->byRow_.Build(points, row, col, g.rowCount, g.columnCount, dense, rows <= tableLimit);
+        byRow();
         byColumn();
     }
     grid->edges_ = {grid->byColumn_.LineHoldsSamples(0), grid->byColumn_.LineHoldsSamples(g.columnCount - 1),
@@ -327,8 +328,8 @@ enum class Test { Reject, Accept, Coincident };
 // branch, since runs of a cell or two end at random. `runs` holds `offered`
 // samples in non-empty runs and one slot more.
 [[gnu::always_inline]] inline Visit VisitSamples(const std::span<const Ka3DPoint>* runs, std::size_t offered,
-                                                 const Context& ctx,
-                   std::vector<std::vector<Ka3DPoint>>& sectors, KaNeighbours& result)
+                                                 const Context& ctx, std::vector<std::vector<Ka3DPoint>>& sectors,
+                                                 KaNeighbours& result)
 {
     const double nx = ctx.x, ny = ctx.y, invalid = ctx.invalid;
     const double lo2 = ctx.lo2, hi2 = ctx.rimIn2, out2 = ctx.out2;

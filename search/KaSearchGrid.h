@@ -49,8 +49,9 @@ struct KaSearchGridInfo {
 class KaBucketLines {
 public:
     // Sample i lies in cell (line[i], pos[i]); both within the counts. With
-    // `lineTable` every line gets its first occupied cell (4 bytes a line);
-    // without it lines are found among the occupied ones by bisection.
+    // `lineTable` (and not `dense`) every line gets its first occupied cell
+    // (4 bytes a line); without it lines are found among the occupied ones by
+    // bisection.
     void Build(const std::vector<Ka3DPoint>& points, const std::vector<int32_t>& line,
                const std::vector<int32_t>& pos, int64_t lineCount, int64_t lineLength, bool dense,
                bool lineTable);

@@ -120,10 +120,11 @@ std::vector<std::string> ReviewSurface(const KaMethodInfo& info, const KaEstimat
     std::vector<std::string> warnings;
     // The samples' z range; the samples themselves are copied only to explain
     // a blank grid.
+    auto valid = [&](const KaSample& s) { return s.point.z != record.originalInvalidValue; };
     bool any = false;
     double z0 = 0, z1 = 0;
     for (const KaSample& s : list)
-        if (s.point.z != record.originalInvalidValue) {
+        if (valid(s)) {
             z0 = any ? std::min(z0, s.point.z) : s.point.z;
             z1 = any ? std::max(z1, s.point.z) : s.point.z;
             any = true;
@@ -147,7 +148,7 @@ std::vector<std::string> ReviewSurface(const KaMethodInfo& info, const KaEstimat
         }
         std::vector<Sample> samples;
         for (const KaSample& s : list)
-            if (s.point.z != record.originalInvalidValue) samples.push_back({s.point.x, s.point.y, s.point.z});
+            if (valid(s)) samples.push_back({s.point.x, s.point.y, s.point.z});
         warnings.push_back("every node of the grid is blank: " + WhyAllBlank(method, record, samples));
         return warnings;
     }

@@ -6,6 +6,7 @@
 #include <charconv>
 #include <cmath>
 #include <cstring>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <istream>
@@ -63,17 +64,15 @@ bool ParseNumber(std::string_view t, double& v)
 // Splits one line. sep 0 means runs of blanks; otherwise every separator
 // starts a new field, so "1,,3" has an empty second field. A field may be
 // wrapped in double quotes ("" inside stands for one quote).
-// Fills `fields`, reusing its strings: the reader splits every line into the
-// same vector, so a large file costs no allocation per line.
-void SplitFields(std::string_view line, char sep, std::vector<std::string>& fields)
+// Fields are views: into the line, or, for a quoted field, into its unescaped
+// copy in `quoted`, whose elements stay put while it grows. The reader splits
+// every line into the same two containers, so a large file costs no
+// allocation per line.
+void SplitFields(std::string_view line, char sep, std::vector<std::string_view>& fields,
+                 std::deque<std::string>& quoted)
 {
-    std::size_t count = 0;
-    auto next = [&]() -> std::string& {
-        if (count == fields.size()) fields.emplace_back();
-        std::string& f = fields[count++];
-        f.clear();
-        return f;
-    };
+    fields.clear();
+    quoted.clear();
     std::size_t i = 0;
     const std::size_t n = line.size();
     auto skipPad = [&] {
@@ -82,8 +81,8 @@ void SplitFields(std::string_view line, char sep, std::vector<std::string>& fiel
     for (;;) {
         skipPad();
         if (sep == 0 && i >= n) break;
-        std::string& field = next();
         if (i < n && line[i] == '"') {
+            std::string& field = quoted.emplace_back();
             for (++i; i < n; ++i) {
                 if (line[i] == '"') {
                     if (i + 1 < n && line[i + 1] == '"') {
@@ -98,31 +97,12 @@ void SplitFields(std::string_view line, char sep, std::vector<std::string>& fiel
                 }
             }
             while (i < n && line[i] != sep && !(sep == 0 && IsBlank(line[i]))) ++i;  // junk after the quote
+            fields.push_back(field);
         } else {
             const std::size_t start = i;
             while (i < n && line[i] != sep && !(sep == 0 && IsBlank(line[i]))) ++i;
-            field.assign(Trim(line.substr(start, i - start)));
+            fields.push_back(Trim(line.substr(start, i - start)));
         }
-        if (sep == 0) continue;
-        if (i >= n) break;
-        ++i;  // the separator
-    }
-    fields.resize(count);
-}
-
-// SplitFields for a line without quotes, as views into the line: no copy per
-// field on the common path of a large file.
-void SplitViews(std::string_view line, char sep, std::vector<std::string_view>& fields)
-{
-    fields.clear();
-    std::size_t i = 0;
-    const std::size_t n = line.size();
-    for (;;) {
-        while (i < n && IsBlank(line[i]) && line[i] != sep) ++i;
-        if (sep == 0 && i >= n) break;
-        const std::size_t start = i;
-        while (i < n && line[i] != sep && !(sep == 0 && IsBlank(line[i]))) ++i;
-        fields.push_back(Trim(line.substr(start, i - start)));
         if (sep == 0) continue;
         if (i >= n) break;
         ++i;  // the separator
@@ -131,9 +111,10 @@ void SplitViews(std::string_view line, char sep, std::vector<std::string_view>& 
 
 std::vector<std::string> SplitFields(std::string_view line, char sep)
 {
-    std::vector<std::string> fields;
-    SplitFields(line, sep, fields);
-    return fields;
+    std::vector<std::string_view> fields;
+    std::deque<std::string> quoted;
+    SplitFields(line, sep, fields, quoted);
+    return {fields.begin(), fields.end()};
 }
 
 // ';' or ',' when the line has one. A tab separates fields in a .tsv file, or
@@ -308,8 +289,9 @@ std::vector<Ka3DPoint> ReadTextPointStream(std::istream& in, const std::string& 
     std::size_t lineNo = 0, needed = 0;
     char sep = 0;
     bool first = true;
-    std::vector<std::string> headerNames, quoted;
+    std::vector<std::string> headerNames;
     std::vector<std::string_view> fields;
+    std::deque<std::string> quoted;
     LineReader reader(in, path);
     while (reader.Next(line)) {
         lineNo = reader.Number();
@@ -318,12 +300,7 @@ std::vector<Ka3DPoint> ReadTextPointStream(std::istream& in, const std::string& 
         if (body.empty() || body.front() == '#') continue;
 
         if (first) sep = DetectSeparator(body, Lower(fs::path(path).extension().string()) == ".tsv");
-        if (body.find('"') == std::string_view::npos) {
-            SplitViews(body, sep, fields);
-        } else {
-            SplitFields(body, sep, quoted);
-            fields.assign(quoted.begin(), quoted.end());
-        }
+        SplitFields(body, sep, fields, quoted);
 
         if (first) {
             first = false;
