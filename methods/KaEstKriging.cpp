@@ -19,11 +19,9 @@ void KaEstKriging::SetParam(std::unique_ptr<KaEstimatorGridParam> param)
 double KaEstKriging::EstimateNode(double x, double y)
 {
     double value;
-    if (SearchOrDecide(x, y, neighbours_, value)) {
-        if (!neighbours_.empty()) {  // a sample on the node has no estimation error
-            const double dx = x - neighbours_[0].x, dy = y - neighbours_[0].y, tol = GetParam()->tolerance;
-            if (dx * dx + dy * dy <= tol * tol) nodeStdDev_ = 0.0;
-        }
+    bool onSample;
+    if (SearchOrDecide(x, y, neighbours_, value, &onSample)) {
+        if (onSample) nodeStdDev_ = 0.0;  // a sample on the node has no estimation error
         return value;
     }
     const KaEstKrigingParam* p = linearParam_;

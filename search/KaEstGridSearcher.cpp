@@ -32,17 +32,19 @@ std::span<const Ka3DPoint> KaEstGridSearcher::Bucket(std::size_t b) const
                          static_cast<int64_t>(b % cols) + 1);
 }
 
-bool KaEstGridSearcher::SearchOrDecide(double x, double y, KaNeighbours& out, double& value)
+bool KaEstGridSearcher::SearchOrDecide(double x, double y, KaNeighbours& out, double& value, bool* onSample)
 {
     value = BlankValue();
-    if (!GetSampleList() || !Search(x, y, out, true) || out.empty()) return true;
-    const Ka3DPoint& first = out.front();
-    const double tol = GetParam()->tolerance;
-    if ((x - first.x) * (x - first.x) + (y - first.y) * (y - first.y) <= tol * tol) {
-        value = first.z;
-        return true;
+    const bool searched = GetSampleList() && Search(x, y, out, true);
+    bool on = false;
+    if (!out.empty()) {
+        const double dx = x - out.front().x, dy = y - out.front().y, tol = GetParam()->tolerance;
+        on = dx * dx + dy * dy <= tol * tol;
     }
-    return false;
+    if (onSample) *onSample = on;
+    if (!searched || out.empty()) return true;
+    if (on) value = out.front().z;
+    return on;
 }
 
 void KaEstGridSearcher::SetExcludedSample(std::size_t index)

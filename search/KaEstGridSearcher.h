@@ -58,7 +58,9 @@ protected:
     // `out`. Returns true with `value` set when the node is decided already:
     // blank without samples, after a failed search or an empty result; the
     // first neighbour's z when it lies within the tolerance of the node.
-    bool SearchOrDecide(double x, double y, KaNeighbours& out, double& value);
+    // `onSample` (optional) tells whether a first neighbour lies there, also
+    // when the node is blank.
+    bool SearchOrDecide(double x, double y, KaNeighbours& out, double& value, bool* onSample = nullptr);
 
     const KaEstGridSearcherParam* SearchParam() const { return searchParam_; }
     // Drops the search grid (used by methods that never search).

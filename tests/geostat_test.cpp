@@ -126,17 +126,24 @@ TEST(KrigingStdDev, SecondEstimatorAndMethodsWithoutVariance)
 {
     // linear-kriging with two neighbours: weight 1 on the nearer, multiplier
     // slope * d0, so the variance is 2 * slope * d0.
-    auto p = std::make_unique<KaEstKrigingParam>();
-    p->xMin = 1, p->xMax = 2, p->yMin = p->yMax = 0;
-    p->columnCount = 2, p->rowCount = 1;
-    p->searchMode = kKaSearchNearest;
-    p->sectorCount = 1;
-    p->radius1 = p->radius2 = 10;
-    p->minInAll = 2;
-    const Gridded r = Grid(std::move(p), std::make_unique<KaEstKriging>(), {{0, 0, 5}, {3, 0, 7}});
+    auto record = [](double xMin, double xMax) {
+        auto p = std::make_unique<KaEstKrigingParam>();
+        p->xMin = xMin, p->xMax = xMax, p->yMin = p->yMax = 0;
+        p->columnCount = 2, p->rowCount = 1;
+        p->searchMode = kKaSearchNearest;
+        p->sectorCount = 1;
+        p->radius1 = p->radius2 = 10;
+        p->minInAll = 2;
+        return p;
+    };
+    const Gridded r = Grid(record(1, 2), std::make_unique<KaEstKriging>(), {{0, 0, 5}, {3, 0, 7}});
     ASSERT_TRUE(r.hasSd);
     EXPECT_EQ(r.z[0], 5);
     EXPECT_DOUBLE_EQ(r.sd[0], std::sqrt(2 * 4.0 * 1));
+    // Nodes on the samples: their values, and no estimation error.
+    const Gridded on = Grid(record(0, 3), std::make_unique<KaEstKriging>(), {{0, 0, 5}, {3, 0, 7}});
+    EXPECT_EQ(on.z, (std::vector<double>{5, 7}));
+    EXPECT_EQ(on.sd, (std::vector<double>{0, 0}));
     // Inverse distance forms no variance: no surface.
     const KaMethodInfo* idw = FindMethod("inverse-distance");
     auto q = idw->makeParam();
