@@ -30,7 +30,7 @@ void KaEstGridSearcherParam::VisitFields(KaFieldVisitor& v)
 {
     KaEstimatorGridParam::VisitFields(v);
     v.Field("useSearch", useSearch, "when false, the search settings are not validated (the search still uses them)");
-    v.Field("sectorCount", sectorCount, "number of sectors to search");
+    v.Field("sectorCount", sectorCount, "number of sectors to search (at most 360)");
     v.Field("maxFromAll", maxFromAll, "maximum number of data to use from all sectors (stops the rings)");
     v.Field("maxFromEach", maxFromEach, "maximum number of data to use from each sector");
     v.Field("minInAll", minInAll, "minimum number of data in all sectors (node is blanked if fewer)");

@@ -114,6 +114,10 @@ TEST(Kagrid, BadInputIsRefusedAndNothingIsLost)
         {"inverse-distance " + d / "ok.csv --set pwer=2", "pwer: unknown parameter"},
         {"inverse-distance " + d / "ok.csv --set sectorCount=0", "invalid parameter sectorCount"},
         {"inverse-distance " + d / "ok.csv --set tolerance=-1", "invalid parameter tolerance"},
+        // Sector lists for two billion sectors would exhaust memory; unchecked
+        // search settings are bounded all the same.
+        {"moving-average " + d / "ok.csv --set sectorCount=2119404954", "invalid parameter sectorCount: must be at most 360"},
+        {"kriging " + d / "ok.csv --set useSearch=false --set sectorCount=361", "invalid parameter sectorCount"},
         {"no-such-method " + d / "ok.csv", "unknown method 'no-such-method'"},
     };
     for (const Case& c : cases) {

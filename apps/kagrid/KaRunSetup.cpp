@@ -40,7 +40,7 @@ KaRunSetup PrepareRun(const KaMethodInfo& method, const std::string& inputPath, 
             "the points of " + inputPath + " have zero height, so the grid's column count "
             "cannot be derived from them; give the grid explicitly, e.g. --set xMin=... --set xMax=... "
             "--set yMin=... --set yMax=... --set columnCount=... --set rowCount=...");
-    const std::string invalid = record.Validate();
+    const std::string invalid = ValidateForRun(record);
     if (!invalid.empty()) throw KaParamError("invalid parameter " + invalid);
     return run;
 }

@@ -66,7 +66,7 @@ std::unique_ptr<KaEstimatorGridParam> Reapplied(std::unique_ptr<KaEstimatorGridP
 {
     const nlohmann::json params = nlohmann::json::parse(KaTunedParameters(*r.record, r, given).dump());
     ApplyJson(*base, params, "the tuned parameters");
-    const std::string invalid = base->Validate();
+    const std::string invalid = ValidateForRun(*base);
     if (!invalid.empty()) throw KaParamError("the tuned record is invalid: " + invalid);
     return base;
 }

@@ -303,7 +303,7 @@ int Run(const Options& o)
             "the points of " + o.input + " have zero height, so the grid's column count "
             "cannot be derived from them; give the grid explicitly, e.g. --bounds XMIN,YMIN,XMAX,YMAX "
             "--cell DX (or --set xMin=... --set columnCount=... and so on)");
-    const std::string invalid = record->Validate();
+    const std::string invalid = ValidateForRun(*record);
     if (!invalid.empty()) throw KaParamError("invalid parameter " + invalid);
 
     if (o.printParams) {

@@ -50,7 +50,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     }
     record->columnCount = std::min(record->columnCount, cols);
     record->rowCount = std::min(record->rowCount, rows);
-    if (!record->Validate().empty()) return 0;
+    if (!ValidateForRun(*record).empty()) return 0;
     // The search's buckets are squares of the finer node spacing, so their
     // number grows with the ratio of the spacings (up to 2^30, gigabytes, by
     // design): a fuzzer's memory limit is not a finding there.

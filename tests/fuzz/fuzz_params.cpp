@@ -34,7 +34,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
         } catch (const KaParamError&) {
             continue;
         }
-        record->Validate();
+        ValidateForRun(*record);
         // What --print-params shows must read back.
         const std::string shown = RecordToJson(*record).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
         std::unique_ptr<KaEstimatorGridParam> back = m.makeParam();

@@ -17,6 +17,7 @@
 #include "apps/kagrid/io/KaNumericJson.h"
 #include "core/KaEstimatorGridParam.h"
 #include "core/KaFieldVisitor.h"
+#include "search/KaEstGridSearcherParam.h"
 #include "methods/numeric/KaVario.h"
 #include "search/KaAnisotropy.h"
 
@@ -434,4 +435,16 @@ std::vector<KaFieldDescription> DescribeFields(KaEstimatorGridParam& record)
     Describe d;
     record.VisitFields(d);
     return d.rows;
+}
+
+std::string ValidateForRun(const KaEstimatorGridParam& record)
+{
+    std::string invalid = record.Validate();
+    if (!invalid.empty()) return invalid;
+    // Also without useSearch: the search runs with the sector count all the same.
+    if (const auto* search = dynamic_cast<const KaEstGridSearcherParam*>(&record);
+        search && search->sectorCount > kKaMaxSectors)
+        return "sectorCount: must be at most " + std::to_string(kKaMaxSectors) + " (sectors of one degree), not " +
+               std::to_string(search->sectorCount);
+    return {};
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <stdexcept>
@@ -45,3 +46,10 @@ struct KaFieldDescription {
     std::vector<std::string> choices;  // the display names of a choice field; empty otherwise
 };
 std::vector<KaFieldDescription> DescribeFields(KaEstimatorGridParam& record);
+
+// The record's own Validate(), then what a run refuses besides: a sector count
+// above kKaMaxSectors, which the dialogs never give (they stop at 32) and
+// whose per-node sector lists would only exhaust memory and time. Empty when
+// the record may run; otherwise "field: reason".
+inline constexpr int32_t kKaMaxSectors = 360;
+std::string ValidateForRun(const KaEstimatorGridParam& record);

@@ -267,7 +267,7 @@ private:
             const std::string text = "candidate " + std::to_string(k + 1) + " of " + std::to_string(stage.size()) +
                                      " (" + c.stage + "): " + c.label;
             auto record = Apply(c.settings);
-            const std::string invalid = record->Validate();
+            const std::string invalid = ValidateForRun(*record);
             if (!invalid.empty()) throw KaParamError("a tuning candidate is invalid: " + invalid);
             const std::size_t total = loo_.Points().size();
             std::vector<double> estimated = loo_.Run(*record, [&](std::size_t done) {
