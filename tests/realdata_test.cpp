@@ -281,10 +281,15 @@ TEST(KagridRealData, RunsThatGoWrongStillWriteButSayWhy)
         EXPECT_TRUE(Has(r, c.warning)) << r.output;
         EXPECT_TRUE(fs::exists(d / "o.tif"));
     }
-    // A sound run says nothing of the sort.
-    const auto fine = Kagrid("kriging" + run + kVariogram);
-    EXPECT_EQ(fine.status, 0);
-    EXPECT_FALSE(Has(fine, "warning")) << fine.output;
+    // Sound runs say nothing of the sort, counts and distances far outside
+    // the z range (cadmium: about 1 to 11) included.
+    const std::string cadmium = " " + d / "soil.gpkg " + d / "o.tif -q --z cadmium --cell 100 ";
+    for (const std::string& args : {"kriging" + run + kVariogram, "data-metrics" + cadmium + "--set metric=count",
+                                    "data-metrics" + cadmium + "--set metric=average-distance"}) {
+        const auto fine = Kagrid(args);
+        EXPECT_EQ(fine.status, 0) << args;
+        EXPECT_FALSE(Has(fine, "warning")) << args << "\n" << fine.output;
+    }
 }
 
 TEST(KagridRealData, WritesOnlyWhatWasNamedAndListsOneMethod)

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <limits>
 
+#include "methods/KaEstDataMetrics.h"
 #include "methods/KaEstKrig.h"
 #include "methods/KaMethodRegistry.h"
 #include "platform/kadata/KaDataObject.h"
@@ -152,6 +153,9 @@ std::vector<std::string> ReviewSurface(const KaMethodInfo& info, const KaEstimat
         warnings.push_back("every node of the grid is blank: " + WhyAllBlank(method, record, samples));
         return warnings;
     }
+    // Data metrics are counts, densities, distances, sums and spreads as much
+    // as z values: a grid beyond the z range says nothing about them.
+    if (dynamic_cast<const KaEstDataMetricsParam*>(&record)) return warnings;
     const double width = z1 > z0 ? z1 - z0 : std::max(1.0, std::fabs(z0));
     const double beyond = std::max(hi - z1, z0 - lo);
     if (beyond > kFarFactor * width) {
