@@ -226,7 +226,7 @@ TEST(SectorTable, LookupAgreesWithTheExactIndexEverywhere)
 {
     std::mt19937_64 rng(7);
     std::uniform_real_distribution<double> u(-1, 1);
-    const int32_t counts[] = {1, 2, 3, 4, 7, 12};
+    const int32_t counts[] = {1, 2, 3, 4, 7, 12, 32, 360};
     const double angles[] = {0, 10, -45, 90, 359, -200};
     for (int32_t s : counts)
         for (double e : angles) {
