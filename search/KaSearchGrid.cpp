@@ -1,7 +1,6 @@
 #include "search/KaSearchGrid.h"
 
 #include <algorithm>
-#include <bit>
 #include <cmath>
 #include <cstdio>
 #include <exception>

@@ -17,9 +17,9 @@
 #include "apps/kagrid/io/KaNumericJson.h"
 #include "core/KaEstimatorGridParam.h"
 #include "core/KaFieldVisitor.h"
-#include "search/KaEstGridSearcherParam.h"
 #include "methods/numeric/KaVario.h"
 #include "search/KaAnisotropy.h"
+#include "search/KaEstGridSearcherParam.h"
 
 using nlohmann::json;
 using nlohmann::ordered_json;
@@ -439,12 +439,13 @@ std::vector<KaFieldDescription> DescribeFields(KaEstimatorGridParam& record)
 
 std::string ValidateForRun(const KaEstimatorGridParam& record)
 {
+    constexpr int32_t kMaxSectors = 360;  // sectors of one degree
     std::string invalid = record.Validate();
     if (!invalid.empty()) return invalid;
     // Also without useSearch: the search runs with the sector count all the same.
     if (const auto* search = dynamic_cast<const KaEstGridSearcherParam*>(&record);
-        search && search->sectorCount > kKaMaxSectors)
-        return "sectorCount: must be at most " + std::to_string(kKaMaxSectors) + " (sectors of one degree), not " +
+        search && search->sectorCount > kMaxSectors)
+        return "sectorCount: must be at most " + std::to_string(kMaxSectors) + " (sectors of one degree), not " +
                std::to_string(search->sectorCount);
     return {};
 }

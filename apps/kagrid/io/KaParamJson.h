@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstdint>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <stdexcept>
@@ -47,9 +46,8 @@ struct KaFieldDescription {
 };
 std::vector<KaFieldDescription> DescribeFields(KaEstimatorGridParam& record);
 
-// The record's own Validate(), then what a run refuses besides: a sector count
-// above kKaMaxSectors, which the dialogs never give (they stop at 32) and
-// whose per-node sector lists would only exhaust memory and time. Empty when
-// the record may run; otherwise "field: reason".
-inline constexpr int32_t kKaMaxSectors = 360;
+// The record's own Validate(), then what a run refuses besides: more than 360
+// sectors, which the dialogs never give (they stop at 32) and whose per-node
+// sector lists would only exhaust memory and time. Empty when the record may
+// run; otherwise "field: reason".
 std::string ValidateForRun(const KaEstimatorGridParam& record);
