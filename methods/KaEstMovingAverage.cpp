@@ -1,11 +1,31 @@
 #include "methods/KaEstMovingAverage.h"
 
+namespace {
+
+// Each value divided by n before it is added, in the search's order.
+template <class Values, class Z>
+double MeanInOrder(const Values& values, Z z)
+{
+    const double n = static_cast<double>(values.size());
+    double mean = 0;
+    for (const auto& v : values) mean += z(v) / n;
+    return mean;
+}
+
+}  // namespace
+
 double KaEstMovingAverage::EstimateNode(double x, double y)
 {
+    std::span<const double> values;
+    switch (SearchValues(x, y, values)) {
+    case KaRingValues::Enough:
+        return values.empty() ? BlankValue() : MeanInOrder(values, [](double z) { return z; });
+    case KaRingValues::TooFew:
+        return BlankValue();
+    case KaRingValues::Undecided:
+        break;
+    }
     double decided;
     if (SearchOrDecide(x, y, neighbours_, decided)) return decided;
-    const double n = static_cast<double>(neighbours_.size());
-    double mean = 0;
-    for (const Ka3DPoint& s : neighbours_) mean += s.z / n;
-    return mean;
+    return MeanInOrder(neighbours_, [](const Ka3DPoint& s) { return s.z; });
 }

@@ -11,6 +11,9 @@ public:
     double EstimateNode(double x, double y) override;
     KA_CLONE_FOR_THREAD(KaEstMovingAverage)
 
+protected:
+    bool UsesRingValues() const override { return true; }
+
 private:
     KaNeighbours neighbours_;
 };

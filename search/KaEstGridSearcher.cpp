@@ -72,7 +72,7 @@ void KaEstGridSearcher::BuildSearchGrid(KaSampleList* samples)
             nearest->Build(*samples, *p);
             if (nearest->IsBuilt()) nearest_ = std::move(nearest);
         } else {
-            grid_ = KaSearchGrid::Build(*p, *samples, PreparationThreads());
+            grid_ = KaSearchGrid::Build(*p, *samples, PreparationThreads(), UsesRingValues());
         }
     }
     SetExcludedSample(excluded_);
@@ -85,4 +85,12 @@ bool KaEstGridSearcher::Search(double x, double y, KaNeighbours& result, bool st
     if (nearest_) return nearest_->Search(x, y, result, stopAtCoincident, excluded_, workspace_.nearest);
     if (!grid_) return false;
     return KaRingSearch(*grid_, *p, workspace_, x, y, result, stopAtCoincident, skip_);
+}
+
+KaRingValues KaEstGridSearcher::SearchValues(double x, double y, std::span<const double>& values)
+{
+    values = {};
+    // The conditions of Search and of the method's opening, in their order.
+    if (!GetSampleList() || !searchParam_ || !param_->IsValid() || nearest_ || !grid_) return KaRingValues::Undecided;
+    return KaRingSearchValues(*grid_, *searchParam_, workspace_, x, y, skip_, values);
 }

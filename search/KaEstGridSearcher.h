@@ -36,6 +36,10 @@ public:
     // without it, such a sample counts in sector 0. Throws KaSearchError on a
     // sector index out of range.
     bool Search(double x, double y, KaNeighbours& result, bool stopAtCoincident);
+    // The z values of the neighbours Search(x, y, list, true) would return, in
+    // its order, when they can be had without it (see KaRingSearchValues):
+    // for methods that need only the values, after UsesRingValues.
+    KaRingValues SearchValues(double x, double y, std::span<const double>& values);
 
     // Leaves the sample with this input index out of every later search (for
     // leave-one-out estimates); kNoSample takes every sample again.
@@ -63,6 +67,8 @@ protected:
     bool SearchOrDecide(double x, double y, KaNeighbours& out, double& value, bool* onSample = nullptr);
 
     const KaEstGridSearcherParam* SearchParam() const { return searchParam_; }
+    // Whether the search grid should keep what SearchValues needs.
+    virtual bool UsesRingValues() const { return false; }
     // Drops the search grid (used by methods that never search).
     void ClearSearchGrid()
     {

@@ -1,8 +1,10 @@
 #include "search/KaSearchGrid.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <exception>
 #include <limits>
 #include <numeric>
@@ -122,9 +124,28 @@ void KaBucketLines::BuildDense(const std::vector<uint32_t>& cellLine, int64_t li
     dense_ = true;
 }
 
+void KaBucketLines::KeepValues(double startLimit)
+{
+    values_.assign(samples_.size() + kValueSlack, 0.0);
+    for (std::size_t i = 0; i < samples_.size(); ++i) values_[i] = samples_[i].z;
+    // Every key a lookup can ask for, the one past the last cell included.
+    const uint64_t keys = static_cast<uint64_t>(occupied_.size()) * 64;
+    if (!dense_ || static_cast<double>(keys) > startLimit) return;
+    // Each key takes the first sample of the first occupied cell at or after it.
+    starts_.resize(keys);
+    uint64_t key = 0;
+    for (std::size_t li = 0; li + 1 < linesCell_.size(); ++li)
+        for (uint32_t c = linesCell_[li]; c < linesCell_[li + 1]; ++c) {
+            const uint64_t cellKey = static_cast<uint64_t>(lines_[li]) * lineLength_ + cellPos_[c];
+            std::fill(starts_.begin() + key, starts_.begin() + cellKey + 1, cellStart_[c]);
+            key = cellKey + 1;
+        }
+    std::fill(starts_.begin() + key, starts_.end(), static_cast<uint32_t>(samples_.size()));
+}
+
 std::size_t KaBucketLines::MemoryBytes() const
 {
-    return occupied_.capacity() * 8 + blockCells_.capacity() * 4 + lineStart_.capacity() * 4 + cellPos_.capacity() * 4 +
+    return values_.capacity() * 8 + starts_.capacity() * 4 + occupied_.capacity() * 8 + blockCells_.capacity() * 4 + lineStart_.capacity() * 4 + cellPos_.capacity() * 4 +
            lines_.capacity() * 4 + linesCell_.capacity() * 4 + cellStart_.capacity() * 4 + slotOf_.capacity() * 4 +
            samples_.capacity() * sizeof(Ka3DPoint);
 }
@@ -161,7 +182,7 @@ int64_t KaBucketLines::NextDistance(int64_t line, int64_t pos, int64_t k, int64_
 }
 
 std::shared_ptr<const KaSearchGrid> KaSearchGrid::Build(const KaEstGridSearcherParam& p, const KaSampleList& samples,
-                                                      unsigned threads)
+                                                      unsigned threads, bool values)
 {
     if (!p.IsValid() || samples.empty()) return nullptr;
 
@@ -242,10 +263,41 @@ std::shared_ptr<const KaSearchGrid> KaSearchGrid::Build(const KaEstGridSearcherP
     }
     grid->edges_ = {grid->byColumn_.LineHoldsSamples(0), grid->byColumn_.LineHoldsSamples(g.columnCount - 1),
                     grid->byRow_.LineHoldsSamples(0), grid->byRow_.LineHoldsSamples(g.rowCount - 1)};
+    if (values) {
+        // The first sample of every cell costs 4 bytes a cell: kept for
+        // grids of a few cells per sample, plus a few MB for any grid.
+        const double startLimit = 4.0 * static_cast<double>(n) + (1 << 20);
+        grid->byRow_.KeepValues(startLimit);
+        grid->byColumn_.KeepValues(startLimit);
+        grid->valuesKept_ = true;
+        grid->valuesInvalid_ = p.originalInvalidValue;
+        // The walk's own test, so that the answer is the walk's.
+        grid->anyInvalid_ = std::any_of(points.begin(), points.end(), [&](const Ka3DPoint& s) {
+            return std::fabs(s.z - p.originalInvalidValue) < 1e-20;
+        });
+    }
+    static std::atomic<uint64_t> serials{0};
+    grid->serial_ = ++serials;
     grid->tableSectors_ = p.sectorCount;
     grid->tableAngle_ = p.ellipseAngle;
     grid->tableReady_ = grid->table_.Prepare(p.sectorCount, p.ellipseAngle);
     return grid;
+}
+
+bool KaSearchGrid::NoSampleWithin(double lo, double hi) const
+{
+    // Rows by the formula that placed the samples: it grows with y, so the
+    // samples in [lo, hi] lie in the rows of lo to hi.
+    const KaSearchGridInfo& g = info_;
+    const double span = g.yMax - g.yMin;
+    if (!(lo <= hi) || !(span > 0)) return false;
+    const int64_t r0 = BucketCoord((g.rowCount - 1) * (lo - g.yMin) / span, g.rowCount);
+    const int64_t r1 = BucketCoord((g.rowCount - 1) * (hi - g.yMin) / span, g.rowCount);
+    if (r1 - r0 > 2) return false;
+    for (int64_t r = r0; r <= r1; ++r)
+        for (const Ka3DPoint& s : byRow_.Run(r, 0, g.columnCount))
+            if (s.y >= lo && s.y <= hi) return false;
+    return true;
 }
 
 namespace {
@@ -413,7 +465,7 @@ bool KaRingSearch(const KaSearchGrid& grid, const KaEstGridSearcherParam& p, KaS
     for (auto& s : sectors) s.clear();
 
     const int64_t cols = g.columnCount, rows = g.rowCount;
-    int64_t prev[4] = {-1, -1, -1, -1};
+    int64_t prevC0 = -1, prevC1 = -1, prevR0 = -1, prevR1 = -1;  // scalars: an array here stalls the loop
     std::size_t prevTotal = 0;
     // Rings before this one visit only cells at Chebyshev distance k from the
     // node's cell, and cells of clamped edge lines that hold no samples. For a
@@ -463,7 +515,7 @@ bool KaRingSearch(const KaSearchGrid& grid, const KaEstGridSearcherParam& p, KaS
         // grid the edge row or column is visited again on each further ring
         int64_t c0 = std::max<int64_t>(cx - k, 0), c1 = std::min<int64_t>(cx + k, cols - 1);
         int64_t r0 = std::max<int64_t>(cy - k, 0), r1 = std::min<int64_t>(cy + k, rows - 1);
-        const int64_t rect[4] = {c0, c1, r0, r1};
+        const int64_t ringC0 = c0, ringC1 = c1, ringR0 = r0, ringR1 = r1;  // before the tweaks below
         if (c0 == c1 && r0 == r1) {
             if (0 <= c0 && c0 < cols && 0 <= r0 && r0 < rows) row(r0, c0, c0 + 1);
         } else {
@@ -493,8 +545,8 @@ bool KaRingSearch(const KaSearchGrid& grid, const KaEstGridSearcherParam& p, KaS
             break;
         // Once the ring is clamped on every side it repeats the previous one; if
         // that added nothing, no further ring can change the result.
-        if (std::equal(rect, rect + 4, prev) && total == prevTotal) break;
-        std::copy(rect, rect + 4, prev);
+        if (ringC0 == prevC0 && ringC1 == prevC1 && ringR0 == prevR0 && ringR1 == prevR1 && total == prevTotal) break;
+        prevC0 = ringC0, prevC1 = ringC1, prevR0 = ringR0, prevR1 = ringR1;
         prevTotal = total;
         // After an empty ring, jump over the rings that cannot offer anything
         // (see skipLimit) up to the next cell that holds samples. They would
@@ -512,4 +564,142 @@ bool KaRingSearch(const KaSearchGrid& grid, const KaEstGridSearcherParam& p, KaS
     else
         for (const auto& s : sectors) result.insert(result.end(), s.begin(), s.end());
     return static_cast<int64_t>(result.size()) >= p.minInAll;
+}
+
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+[[gnu::target_clones("popcnt", "default")]]
+#endif
+KaRingValues KaRingSearchValues(const KaSearchGrid& grid, const KaEstGridSearcherParam& p, KaSearchWorkspace& ws,
+                                double x, double y, const KaSampleSkip& skip, std::span<const double>& values)
+{
+    using enum KaRingValues;
+    values = {};
+    const KaSearchGridInfo& g = grid.Info();
+    const double r = p.radius1;
+    // The circle and its rim as KaRingSearch has them.
+    const bool circle = p.radius1 == p.radius2 && r > 1e-100 && r < 1e100;
+    if (!circle || p.sectorCount != 1 || !(p.ellipseAngle >= 0 && p.ellipseAngle < 360) || skip.row ||
+        skip.column || !grid.KeepsValuesFor(p.originalInvalidValue) || grid.BucketCount() == 0 || !g.IsValid())
+        return Undecided;
+    const int64_t cols = g.columnCount, rows = g.rowCount;
+    const double fx = std::trunc((x - g.xMin) / g.cellSize);
+    const double fy = std::trunc((y - g.yMin) / g.cellSize);
+    // A node off the edge lines: its rings are four runs each, clamped or not.
+    if (!(fx >= 1 && fx <= static_cast<double>(cols - 2) && fy >= 1 && fy <= static_cast<double>(rows - 2)))
+        return Undecided;
+    const int64_t cx = static_cast<int64_t>(fx), cy = static_cast<int64_t>(fy);
+    // Rings below this one stay off the edge lines, which also hold the
+    // samples beyond the grid.
+    const int64_t interior = std::min({cx, cols - 1 - cx, cy, rows - 1 - cy});
+
+    // No sample within this band of the node's row: none lies within the
+    // tolerance of the node, and none is at the angle just below the row to
+    // the left where one sector's index reaches 1 (|dy| below about 2e-8 of
+    // the distance), so every sample inside the circle is taken, in sector 0,
+    // and the ellipse angle cannot move an index out of (-1, 1).
+    const double band = std::fabs(p.tolerance) + 1e-6 * r;
+    if (!std::isfinite(band)) return Undecided;
+    if (ws.rowSerial != grid.Serial() || ws.rowY != y || ws.rowBand != band) {
+        ws.rowClear = grid.NoSampleWithin(y - band, y + band);
+        ws.rowSerial = grid.Serial(), ws.rowY = y, ws.rowBand = band;
+    }
+    if (!ws.rowClear) return Undecided;
+
+    const double rimIn2 = r * r * (1 - 2e-9), rimOut2 = r * r * (1 + 3e-9);
+    const double takeBelow = rimIn2 * (1 - 1e-12), dropAbove = rimOut2 * (1 + 1e-12);
+    if (ws.ringSerial != grid.Serial() || ws.ringRadius != r) {
+        ws.rings = static_cast<int64_t>(std::min(std::trunc(std::fabs(r / g.cellSize + 1)), 1e15));
+        // A sample placed in a cell k rings from the node's lies less than
+        // k + 2 sample cells from it on each axis (a sample cell is wider than
+        // the node's by 1 / (count - 1), which adds at most one over the
+        // grid), plus rounding. The rings up to `whole` lie inside the circle
+        // with room to spare.
+        const double wx = (g.xMax - g.xMin) / static_cast<double>(cols - 1);
+        const double wy = (g.yMax - g.yMin) / static_cast<double>(rows - 1);
+        auto inside = [&](int64_t k) {
+            const double d = static_cast<double>(k) + 2 + 1e-6;
+            return (d * wx) * (d * wx) + (d * wy) * (d * wy) <= takeBelow;
+        };
+        const double guess = std::sqrt(takeBelow / (wx * wx + wy * wy)) - 2;
+        int64_t whole = static_cast<int64_t>(std::clamp(std::floor(guess), -1.0, static_cast<double>(ws.rings)));
+        while (whole >= 0 && !inside(whole)) --whole;
+        while (whole + 1 < ws.rings && inside(whole + 1)) ++whole;
+        ws.wholeRings = whole;
+        ws.ringSerial = grid.Serial(), ws.ringRadius = r;
+    }
+    const int64_t rings = ws.rings, whole = ws.wholeRings;
+
+    const KaBucketLines& byRow = grid.Rows();
+    const KaBucketLines& byColumn = grid.Columns();
+    const std::size_t cap = static_cast<std::size_t>(std::max<int64_t>(p.maxFromEach, 0));
+    std::vector<double>& buf = ws.values;
+    std::size_t total = 0, prevTotal = 0;
+    int64_t prevC0 = -1, prevC1 = -1, prevR0 = -1, prevR1 = -1;  // scalars: an array here stalls the loop
+    int emptyRings = 0;
+    for (int64_t k = 0; k < rings; ++k) {
+        // The ring's runs in visiting order, clamped to the grid as the walk
+        // clamps them: rows r0 and r1 over columns [c0, c1) (kept: the
+        // corners at c1 are never visited), then columns c0 and c1 over the
+        // rows between.
+        const int64_t c0 = std::max<int64_t>(cx - k, 0), c1 = std::min<int64_t>(cx + k, cols - 1);
+        const int64_t r0 = std::max<int64_t>(cy - k, 0), r1 = std::min<int64_t>(cy + k, rows - 1);
+        struct Run {
+            const KaBucketLines* lines;
+            uint32_t a, b;
+        } runs[4];
+        int n = 0;
+        if (k == 0) {
+            runs[n++] = {&byRow, byRow.Start(cy, cx), byRow.Start(cy, cx + 1)};
+        } else {
+            runs[n++] = {&byRow, byRow.Start(r0, c0), byRow.Start(r0, c1)};
+            runs[n++] = {&byRow, byRow.Start(r1, c0), byRow.Start(r1, c1)};
+            runs[n++] = {&byColumn, byColumn.Start(c0, r0 + 1), byColumn.Start(c0, r1)};
+            runs[n++] = {&byColumn, byColumn.Start(c1, r0 + 1), byColumn.Start(c1, r1)};
+        }
+        std::size_t offered = 0;
+        for (int i = 0; i < n; ++i) offered += runs[i].b - runs[i].a;
+        const std::size_t need = total + offered + KaBucketLines::kValueSlack;
+        if (buf.size() < need) buf.resize(std::max(need, 2 * buf.size()));
+        double* out = buf.data();
+        if (k <= whole && k < interior) {
+            for (int i = 0; i < n; ++i) {
+                const double* from = runs[i].lines->Values() + runs[i].a;
+                const std::size_t len = runs[i].b - runs[i].a;
+                // Most runs are a few values: one copy of fixed width, no branch on the length.
+                if (len <= KaBucketLines::kValueSlack) [[likely]]
+                    std::memcpy(out + total, from, KaBucketLines::kValueSlack * sizeof(double));
+                else
+                    std::memcpy(out + total, from, len * sizeof(double));
+                total += len;
+            }
+        } else {  // a ring reaching the rim or an edge line: each sample's distance decides
+            for (int i = 0; i < n; ++i)
+                for (uint32_t j = runs[i].a; j < runs[i].b; ++j) {
+                    const Ka3DPoint& s = runs[i].lines->Samples()[j];
+                    const double dx = s.x - x, dy = s.y - y;
+                    const double dist2 = dx * dx + dy * dy;
+                    if (dist2 > dropAbove) continue;
+                    if (!(dist2 < takeBelow)) return Undecided;  // at the rim: the exact test
+                    out[total++] = s.z;
+                }
+        }
+        total = std::min(total, cap);  // the list keeps its first maxFromEach
+        const int64_t found = static_cast<int64_t>(total), empty = total == 0 ? 1 : 0;
+        if (found >= p.maxFromAll || (empty < p.blankSectors && found >= p.minInAll)) break;
+        // Clamped on every side, a ring that added nothing repeats itself.
+        if (c0 == prevC0 && c1 == prevC1 && r0 == prevR0 && r1 == prevR1 && total == prevTotal) break;
+        prevC0 = c0, prevC1 = c1, prevR0 = r0, prevR1 = r1;
+        prevTotal = total;
+        // Over sparse data, jump over the rings below the edge lines that hold
+        // no samples; they would change nothing. Tried later than in the walk:
+        // the first rings around a node of dense data are often empty, and
+        // looking for the next sample costs more than walking them here.
+        emptyRings = offered == 0 ? emptyRings + 1 : 0;
+        if (emptyRings >= 8 && k + 2 < interior) [[unlikely]] {
+            const int64_t next = grid.NextOccupiedRing(cx, cy, k, interior, 32);
+            if (next > k + 1) k = next - 1;
+        }
+    }
+    values = {buf.data(), total};
+    return static_cast<int64_t>(total) >= p.minInAll ? Enough : TooFew;
 }

@@ -59,13 +59,27 @@ public:
     // Samples of cells [p0, p1) of one line; p0 <= p1 <= lineLength.
     std::span<const Ka3DPoint> Run(int64_t line, int64_t p0, int64_t p1) const
     {
-        if (dense_) {
-            const uint64_t k = static_cast<uint64_t>(line) * static_cast<uint64_t>(lineLength_);
-            return {samples_.data() + DenseStart(k + p0), samples_.data() + DenseStart(k + p1)};
-        }
-        const uint32_t a = cellStart_[CellRank(line, p0)], b = cellStart_[CellRank(line, p1)];
-        return {samples_.data() + a, samples_.data() + b};
+        return {samples_.data() + Start(line, p0), samples_.data() + Start(line, p1)};
     }
+    // Place in the line order of the first sample at or after cell (line, pos);
+    // pos <= lineLength.
+    uint32_t Start(int64_t line, int64_t pos) const
+    {
+        if (dense_) {
+            const uint64_t key = static_cast<uint64_t>(line) * static_cast<uint64_t>(lineLength_) +
+                                 static_cast<uint64_t>(pos);
+            return starts_.empty() ? DenseStart(key) : starts_[key];
+        }
+        return cellStart_[CellRank(line, pos)];
+    }
+    const Ka3DPoint* Samples() const { return samples_.data(); }
+    // The samples' z in line order, followed by kValueSlack zeros so that a
+    // copy of a short run may always take kValueSlack values.
+    static constexpr std::size_t kValueSlack = 8;
+    // Keeps the values, and with a dense lookup of at most `startLimit` cells
+    // also each cell's first sample (4 bytes a cell, one load a lookup).
+    void KeepValues(double startLimit);
+    const double* Values() const { return values_.data(); }
     std::size_t MemoryBytes() const;
     // Where sample i of the list given to Build sits in the line order.
     const Ka3DPoint* SampleAt(std::size_t i) const { return samples_.data() + slotOf_[i]; }
@@ -125,6 +139,8 @@ private:
     std::vector<uint32_t> linesCell_;  // their first occupied cell, and the end
     std::vector<uint32_t> cellStart_;  // first sample of each occupied cell, and the end
     std::vector<Ka3DPoint> samples_;
+    std::vector<double> values_;    // with KeepValues: z of samples_, then the slack
+    std::vector<uint32_t> starts_;  // with KeepValues, when dense and small: DenseStart of every key
     std::vector<uint32_t> slotOf_;  // sample index -> its position in samples_
 };
 
@@ -145,9 +161,10 @@ public:
 
     // Null when there is nothing to search: invalid record, no samples, or an
     // output grid without extent. With `threads` above 1 the samples by row
-    // and by column are sorted at the same time; the grid is the same.
+    // and by column are sorted at the same time; the grid is the same. With
+    // `values` the grid also keeps what KaRingSearchValues needs.
     static std::shared_ptr<const KaSearchGrid> Build(const KaEstGridSearcherParam& p, const KaSampleList& samples,
-                                                     unsigned threads = 1);
+                                                     unsigned threads = 1, bool values = false);
 
     const KaSearchGridInfo& Info() const { return info_; }
     std::size_t BucketCount() const
@@ -186,6 +203,17 @@ public:
     };
     const EdgeSamples& Edges() const { return edges_; }
 
+    const KaBucketLines& Rows() const { return byRow_; }
+    const KaBucketLines& Columns() const { return byColumn_; }
+    // Whether the z values were kept and no sample holds `invalid` (the walk
+    // never skips one then).
+    bool KeepsValuesFor(double invalid) const { return valuesKept_ && invalid == valuesInvalid_ && !anyInvalid_; }
+    // Whether no sample has y in [lo, hi]; false also when answering would
+    // mean reading more than a few bucket rows.
+    bool NoSampleWithin(double lo, double hi) const;
+    // Tells one build from another, for answers a workspace keeps.
+    uint64_t Serial() const { return serial_; }
+
 private:
     KaSearchGridInfo info_;
     KaBucketLines byRow_, byColumn_;
@@ -195,6 +223,10 @@ private:
     bool tableReady_ = false;
     int32_t tableSectors_ = 0;
     double tableAngle_ = 0.0;
+    bool valuesKept_ = false;
+    bool anyInvalid_ = false;
+    double valuesInvalid_ = 0.0;
+    uint64_t serial_ = 0;
 };
 
 // Per-thread working storage of the neighbour selection: one per estimator,
@@ -202,6 +234,16 @@ private:
 struct KaSearchWorkspace {
     std::vector<std::vector<Ka3DPoint>> sectors;
     KaNearestSearch::Workspace nearest;
+    // KaRingSearchValues: the values found, and whether the node row y of the
+    // last call was clear of samples (nodes come row by row).
+    std::vector<double> values;
+    uint64_t rowSerial = 0;
+    double rowY = 0.0, rowBand = -1.0;
+    bool rowClear = false;
+    // ... and its rings for the last radius: how many, and the last wholly inside.
+    uint64_t ringSerial = 0;
+    double ringRadius = 0.0;
+    int64_t rings = 0, wholeRings = -1;
 };
 
 // The ring walk: the neighbours of (x, y) into `result`, sector by sector;
@@ -211,3 +253,14 @@ struct KaSearchWorkspace {
 // if it were not there. Throws KaSearchError on a sector index out of range.
 bool KaRingSearch(const KaSearchGrid& grid, const KaEstGridSearcherParam& p, KaSearchWorkspace& ws, double x,
                   double y, KaNeighbours& result, bool stopAtCoincident, const KaSampleSkip& skip = {});
+
+// The z values of the neighbours KaRingSearch would return, in its order, for
+// the searches where every cell of the rings it walks is taken whole: one
+// sector, a circle, no invalid values, no left-out sample, and no sample near
+// the node's row (so none on the node, and none at the angle where one sector
+// overflows). Rings well inside the circle are then copied run by run, without
+// a test per sample. Undecided whenever only KaRingSearch can tell; `values`
+// lives in the workspace until its next search.
+enum class KaRingValues { Enough, TooFew, Undecided };
+KaRingValues KaRingSearchValues(const KaSearchGrid& grid, const KaEstGridSearcherParam& p, KaSearchWorkspace& ws,
+                                double x, double y, const KaSampleSkip& skip, std::span<const double>& values);

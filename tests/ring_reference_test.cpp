@@ -110,9 +110,9 @@ struct Reference {
     }
 };
 
-// Uniform points, or tight clusters with repeated positions; every 17th
-// value is the blank one.
-std::vector<Ka3DPoint> Cloud(bool clustered, unsigned seed, std::size_t n)
+// Uniform points, or tight clusters with repeated positions; with `blanks`
+// every 17th value is the blank one.
+std::vector<Ka3DPoint> Cloud(bool clustered, bool blanks, unsigned seed, std::size_t n)
 {
     std::mt19937_64 rng(seed);
     std::uniform_real_distribution<double> u(-0.05, 1.05), jitter(-0.01, 0.01);
@@ -126,7 +126,7 @@ std::vector<Ka3DPoint> Cloud(bool clustered, unsigned seed, std::size_t n)
             if (i % 40 == 0) centre = {u(rng), u(rng), 0};
             s = i % 9 == 0 && i > 0 ? pts.back() : Ka3DPoint{centre.x + jitter(rng), centre.y + jitter(rng), 0};
         }
-        s.z = i % 17 == 5 ? 1.70141e38 : std::sin(5 * s.x) + s.y + 1e-3 * static_cast<double>(i);
+        s.z = blanks && i % 17 == 5 ? 1.70141e38 : std::sin(5 * s.x) + s.y + 1e-3 * static_cast<double>(i);
         pts.push_back(s);
     }
     return pts;
@@ -151,10 +151,15 @@ TEST(RingSearchReference, SameSamplesInTheSameOrder)
         {3, 0.05, 0.08, -25, 10, 1000, 1000, 3},
         {6, 0.1, 0.1, 15, 1, 1000, 1000, 7},
         {2, 0.2, 0.2, 0, 1000, 1000, 1000, 1},  // rings reach past the edges
+        {1, 0.06, 0.06, 90, 10, 1000, 7, 1},     // capped below the minimum: never enough
+        {1, 0.3, 0.3, 359.5, 60, 100000, 100000, 1},
     };
-    int searches = 0, thrown = 0;
-    for (bool clustered : {false, true})
+    // The values of the walk for one sector (KaRingSearchValues) must be the z
+    // of the same list wherever they are decided, and never where it fails.
+    int searches = 0, thrown = 0, decided = 0;
+    for (int cloud = 0; cloud < 3; ++cloud)
         for (const Setting& s : settings) {
+            const bool clustered = cloud == 1, blanks = cloud == 2;
             auto p = std::make_unique<KaEstGridSearcherParam>();
             p->xMin = 0.02, p->xMax = 0.98, p->yMin = 0.0, p->yMax = 0.9;
             p->columnCount = 49, p->rowCount = 31;
@@ -165,10 +170,22 @@ TEST(RingSearchReference, SameSamplesInTheSameOrder)
             const KaEstGridSearcherParam& q = *p;
             KaEstGridSearcher searcher;
             searcher.SetParam(std::move(p));
-            const std::vector<Ka3DPoint> pts = Cloud(clustered, 7 + s.sectors, 1500);
+            std::vector<Ka3DPoint> pts = Cloud(clustered, blanks, 7 + s.sectors, 1500);
+            // Samples on and just below node rows, where one sector's index
+            // can reach 1 to the left of the node.
+            for (int j = 3; j < 31; j += 9)
+                for (double dy : {0.0, -1e-12})
+                    pts.push_back({0.1 + 0.02 * j, q.yMin + q.GetDy() * j + dy, 0.25 * j});
+            // Samples far beyond the grid, kept in its edge buckets.
+            for (double t : {0.15, 0.4, 0.55, 0.8})
+                for (const Ka3DPoint& far : {Ka3DPoint{-3, t, 1}, Ka3DPoint{t, 4, 2}, Ka3DPoint{5, t, 3}, Ka3DPoint{t, -2, 4}})
+                    pts.push_back(far);
             auto list = katest::Samples(pts);
             searcher.SetSampleList(list.get());
             const Reference ref(searcher.SearchGridInfo(), pts, q);
+            const auto valueGrid = KaSearchGrid::Build(q, *list, 1, true);
+            ASSERT_NE(valueGrid, nullptr);
+            KaSearchWorkspace ws;
             std::mt19937_64 rng(s.sectors);
             std::uniform_real_distribution<double> u(-0.12, 1.12);
             for (int n = 0; n < 300; ++n) {
@@ -199,9 +216,20 @@ TEST(RingSearchReference, SameSamplesInTheSameOrder)
                     ASSERT_EQ(gotOk, wantOk) << "node " << x << ", " << y;
                     ASSERT_EQ(got, want) << "node " << x << ", " << y << " sectors " << s.sectors
                                          << (clustered ? " clustered" : " uniform");
+                    if (!stop) continue;
+                    std::span<const double> values;
+                    const KaRingValues v = KaRingSearchValues(*valueGrid, q, ws, x, y, {}, values);
+                    if (v == KaRingValues::Undecided) continue;
+                    ++decided;
+                    std::vector<double> wantZ;
+                    for (const Ka3DPoint& w : want) wantZ.push_back(w.z);
+                    ASSERT_EQ(v == KaRingValues::Enough, wantOk) << "node " << x << ", " << y;
+                    ASSERT_EQ(std::vector<double>(values.begin(), values.end()), wantZ)
+                        << "node " << x << ", " << y << " cloud " << cloud;
                 }
             }
         }
     EXPECT_GT(thrown, 0);  // the negative angles do reach an index out of range
     EXPECT_GT(searches - thrown, 8000);
+    EXPECT_GT(decided, 1000);
 }
