@@ -7,7 +7,8 @@
 # gets 2 (GDAL_NUM_THREADS, cKDTree workers). Prints wall time and peak memory
 # of each, the ratios (peer / kagrid with 2 threads) and kagrid's speed-up
 # from 1 to 2 threads; the moving average also single-threaded against a
-# single-threaded gdal_grid. Timings on a shared machine are noisy.
+# single-threaded gdal_grid, once more with uncompressed output as gdal_grid
+# writes it. Timings on a shared machine are noisy.
 #
 # Node positions: kagrid's grid spans 0.0005 .. 0.9995 with 1000 nodes (spacing
 # 0.001); gdal_grid's -txe 0 1 -outsize 1000 puts its pixel centres there too.
@@ -74,6 +75,11 @@ for m in idw near mean near1m; do
   cmp -s "$work/k_${m}1.tif" "$work/k_${m}2.tif" || { echo "kagrid $m: 1 and 2 threads differ"; exit 1; }
 done
 
+# kagrid writes DEFLATE GeoTIFF by default, gdal_grid uncompressed: the moving
+# average once more on one thread with uncompressed output, like for like.
+run kagrid_mean_1_raw "$kagrid" moving-average "$work/points.csv" "$work/k_mean1raw.tif" "${grid[@]}" --threads 1 \
+  --set sectorCount=1 --set blankSectors=1 --set minInAll=50 --set radius1=0.02 --set radius2=0.02 -co COMPRESS=NONE
+
 # gdal_grid's average once more on one thread, beside kagrid's single-threaded run.
 GDAL_NUM_THREADS=1 run gdal_average_1th gdal_grid -a average:radius1=0.02:radius2=0.02:min_points=1:nodata=-9999 \
   "${gdal[@]}" "$work/points.vrt" "$work/g_mean1.tif"
@@ -121,6 +127,7 @@ report "kagrid moving-average" kagrid_mean_2 gdal_average
 echo "single-threaded kagrid against gdal_grid with 2 threads, and with 1:"
 report "kagrid moving-average, 1 th." kagrid_mean_1 gdal_average
 report "kagrid moving-average, 1 th." kagrid_mean_1 gdal_average_1th
+report "  the same, uncompressed output" kagrid_mean_1_raw gdal_average_1th
 echo "kagrid from 1 to 2 threads (the grids are identical):"
 speedup "inverse-distance" kagrid_idw_1 kagrid_idw_2
 speedup "nearest-neighbor" kagrid_near_1 kagrid_near_2

@@ -666,10 +666,13 @@ KaRingValues KaRingSearchValues(const KaSearchGrid& grid, const KaEstGridSearche
                 const double* from = runs[i].lines->Values() + runs[i].a;
                 const std::size_t len = runs[i].b - runs[i].a;
                 // Most runs are a few values: one copy of fixed width, no branch on the length.
-                if (len <= KaBucketLines::kValueSlack) [[likely]]
-                    std::memcpy(out + total, from, KaBucketLines::kValueSlack * sizeof(double));
-                else
-                    std::memcpy(out + total, from, len * sizeof(double));
+                std::memcpy(out + total, from, 4 * sizeof(double));
+                if (len > 4) [[unlikely]] {
+                    if (len <= KaBucketLines::kValueSlack)
+                        std::memcpy(out + total + 4, from + 4, 4 * sizeof(double));
+                    else
+                        std::memcpy(out + total + 4, from + 4, (len - 4) * sizeof(double));
+                }
                 total += len;
             }
         } else {  // a ring reaching the rim or an edge line: each sample's distance decides
