@@ -592,18 +592,31 @@ KaRingValues KaRingSearchValues(const KaSearchGrid& grid, const KaEstGridSearche
     // samples beyond the grid.
     const int64_t interior = std::min({cx, cols - 1 - cx, cy, rows - 1 - cy});
 
-    // No sample within this band of the node's row: none lies within the
-    // tolerance of the node, and none is at the angle just below the row to
-    // the left where one sector's index reaches 1 (|dy| below about 2e-8 of
-    // the distance), so every sample inside the circle is taken, in sector 0,
-    // and the ellipse angle cannot move an index out of (-1, 1).
-    const double band = std::fabs(p.tolerance) + 1e-6 * r;
-    if (!std::isfinite(band)) return Undecided;
-    if (ws.rowSerial != grid.Serial() || ws.rowY != y || ws.rowBand != band) {
-        ws.rowClear = grid.NoSampleWithin(y - band, y + band);
-        ws.rowSerial = grid.Serial(), ws.rowY = y, ws.rowBand = band;
+    // Samples near the node's row decide how much must be tested. None
+    // within 1e-6 r of it: none lies at the angle just below the row to the
+    // left where one sector's index reaches 1 (|dy| below about 2e-8 of the
+    // distance), so every sample inside the circle is taken, in sector 0, and
+    // the ellipse angle cannot move an index out of (-1, 1). None within the
+    // tolerance either: none lies on the node. Otherwise the rings that could
+    // hold a sample within the tolerance are tested sample by sample.
+    const double tol = std::fabs(p.tolerance), angleBand = 1e-6 * r;
+    if (!std::isfinite(tol)) return Undecided;
+    if (ws.rowSerial != grid.Serial() || ws.rowY != y || ws.rowTolerance != tol || ws.rowRadius != r) {
+        const double band = std::max(tol, angleBand);
+        ws.rowMode = grid.NoSampleWithin(y - band, y + band)                 ? KaSearchWorkspace::kRowClear
+                     : grid.NoSampleWithin(y - angleBand, y + angleBand) ? KaSearchWorkspace::kRowNearRings
+                                                                             : KaSearchWorkspace::kRowUndecided;
+        ws.rowSerial = grid.Serial(), ws.rowY = y, ws.rowTolerance = tol, ws.rowRadius = r;
     }
-    if (!ws.rowClear) return Undecided;
+    if (ws.rowMode == KaSearchWorkspace::kRowUndecided) return Undecided;
+    // A sample k rings away lies more than k - 2 node cells away on one axis
+    // (sample cells are no narrower than the node's and drift from them by at
+    // most one over the grid), so only the rings up to `near` can hold one on
+    // the node.
+    const int64_t near = ws.rowMode == KaSearchWorkspace::kRowClear
+                             ? -1
+                             : static_cast<int64_t>(std::min(std::floor(tol / g.cellSize), 1e15)) + 3;
+    const double onNode = p.tolerance * p.tolerance * (1 + 1e-9);
 
     const double rimIn2 = r * r * (1 - 2e-9), rimOut2 = r * r * (1 + 3e-9);
     const double takeBelow = rimIn2 * (1 - 1e-12), dropAbove = rimOut2 * (1 + 1e-12);
@@ -661,7 +674,7 @@ KaRingValues KaRingSearchValues(const KaSearchGrid& grid, const KaEstGridSearche
         const std::size_t need = total + offered + KaBucketLines::kValueSlack;
         if (buf.size() < need) buf.resize(std::max(need, 2 * buf.size()));
         double* out = buf.data();
-        if (k <= whole && k < interior) {
+        if (k > near && k <= whole && k < interior) {
             for (int i = 0; i < n; ++i) {
                 const double* from = runs[i].lines->Values() + runs[i].a;
                 const std::size_t len = runs[i].b - runs[i].a;
@@ -675,14 +688,15 @@ KaRingValues KaRingSearchValues(const KaSearchGrid& grid, const KaEstGridSearche
                 }
                 total += len;
             }
-        } else {  // a ring reaching the rim or an edge line: each sample's distance decides
+        } else {  // a ring near the node, at the rim or on an edge line: each sample's distance decides
             for (int i = 0; i < n; ++i)
                 for (uint32_t j = runs[i].a; j < runs[i].b; ++j) {
                     const Ka3DPoint& s = runs[i].lines->Samples()[j];
                     const double dx = s.x - x, dy = s.y - y;
                     const double dist2 = dx * dx + dy * dy;
                     if (dist2 > dropAbove) continue;
-                    if (!(dist2 < takeBelow)) return Undecided;  // at the rim: the exact test
+                    // At the rim or on the node: only the walk's own tests can tell.
+                    if (!(dist2 < takeBelow) || dist2 <= onNode) return Undecided;
                     out[total++] = s.z;
                 }
         }

@@ -234,12 +234,13 @@ private:
 struct KaSearchWorkspace {
     std::vector<std::vector<Ka3DPoint>> sectors;
     KaNearestSearch::Workspace nearest;
-    // KaRingSearchValues: the values found, and whether the node row y of the
-    // last call was clear of samples (nodes come row by row).
+    // KaRingSearchValues: the values found, and what the samples near the
+    // node row y of the last call allow (nodes come row by row).
     std::vector<double> values;
+    enum RowMode { kRowClear, kRowNearRings, kRowUndecided };
     uint64_t rowSerial = 0;
-    double rowY = 0.0, rowBand = -1.0;
-    bool rowClear = false;
+    double rowY = 0.0, rowTolerance = 0.0, rowRadius = 0.0;
+    RowMode rowMode = kRowUndecided;
     // ... and its rings for the last radius: how many, and the last wholly inside.
     uint64_t ringSerial = 0;
     double ringRadius = 0.0;

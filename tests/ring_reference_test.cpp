@@ -193,6 +193,9 @@ TEST(RingSearchReference, SameSamplesInTheSameOrder)
                 double x = u(rng), y = u(rng);
                 if (n % 10 == 0) x = pts[n].x, y = pts[n].y;
                 if (n % 10 == 1) x = q.xMin + q.GetDx() * (n % 49), y = q.yMin + q.GetDy() * (n % 31);
+                // Within the tolerance of a sample's row only, and of the sample itself.
+                if (n % 10 == 2) y = pts[n].y + 0.5 * q.tolerance;
+                if (n % 10 == 3) x = pts[n].x + 0.3 * q.tolerance, y = pts[n].y - 0.3 * q.tolerance;
                 for (bool stop : {true, false}) {
                     KaNeighbours want, got;
                     bool wantOk = false, wantThrow = false;
