@@ -1,11 +1,13 @@
 // Fuzz target: a whole small gridding job. Byte 0 picks the method, bytes 1
 // and 2 the grid's columns and rows (1 to 8); then x y z text, and after a
 // line "---" a JSON parameter object applied before the counts are clamped.
-// Methods that form a kriging standard deviation form it as well.
+// Methods that form a kriging standard deviation form it as well. The values a
+// searching method takes without the ring walk are compared with the walk's.
 
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <sstream>
 #include <string>
 
@@ -18,6 +20,49 @@
 #include "methods/KaMethodRegistry.h"
 #include "platform/kadata/KaEventsLog.h"
 #include "search/KaEstGridSearcher.h"
+
+namespace {
+
+// Where the values of the ring walk are decided without it, they must be the
+// z of the walk's own neighbours, and the walk must not fail there.
+void CompareRingValues(const KaMethodInfo& method, std::unique_ptr<KaEstimatorGridParam> record,
+                       KaScatteredPoints& points, const KaEstimatorGridParam& p)
+{
+    std::unique_ptr<KaEstimatorGrid> estimator = method.makeEstimator();
+    auto* searcher = dynamic_cast<KaEstGridSearcher*>(estimator.get());
+    KaSampleList* raw = nullptr;
+    if (!searcher || !record || !BuildSampleList(raw, &points)) return;
+    const std::unique_ptr<KaSampleList> samples(raw);
+    searcher->SetParam(std::move(record));
+    try {
+        searcher->SetSampleList(samples.get());
+    } catch (const KaSearchError&) {  // no search grid for this geometry: the job reports it
+        return;
+    }
+    std::vector<std::pair<double, double>> nodes;
+    for (uint64_t r = 0; r < p.rowCount; ++r)
+        for (uint64_t c = 0; c < p.columnCount; ++c)
+            nodes.emplace_back(p.xMin + p.GetDx() * static_cast<double>(c), p.yMin + p.GetDy() * static_cast<double>(r));
+    for (const KaSample& s : *samples) nodes.emplace_back(s.point.x, s.point.y + 0.5 * p.tolerance);
+    for (const auto& [x, y] : nodes) {
+        std::span<const double> values;
+        const KaRingValues v = searcher->SearchValues(x, y, values);
+        if (v == KaRingValues::Undecided) continue;
+        const std::vector<double> got(values.begin(), values.end());
+        KaNeighbours want;
+        bool found = false;
+        try {
+            found = searcher->Search(x, y, want, true);
+        } catch (const KaSearchError&) {
+            __builtin_trap();
+        }
+        if (found != (v == KaRingValues::Enough) || got.size() != want.size()) __builtin_trap();
+        for (std::size_t i = 0; i < got.size(); ++i)
+            if (std::memcmp(&got[i], &want[i].z, sizeof(double)) != 0) __builtin_trap();
+    }
+}
+
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
 {
@@ -39,18 +84,22 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
         return 0;
     }
     points->SetName("fuzz");
-    std::unique_ptr<KaEstimatorGridParam> record = method.makeParam();
-    if (FillRecordFromObject(record.get(), points.get(), method.suffix) == KaFillResult::Failed) return 0;
-    if (cut != std::string::npos) {
-        try {
-            ApplyJson(*record, ParseParamJson(text.substr(cut + 5), "fuzz.json"), "fuzz.json");
-        } catch (const KaParamError&) {
-            return 0;
+    auto makeRecord = [&]() -> std::unique_ptr<KaEstimatorGridParam> {
+        std::unique_ptr<KaEstimatorGridParam> r = method.makeParam();
+        if (FillRecordFromObject(r.get(), points.get(), method.suffix) == KaFillResult::Failed) return nullptr;
+        if (cut != std::string::npos) {
+            try {
+                ApplyJson(*r, ParseParamJson(text.substr(cut + 5), "fuzz.json"), "fuzz.json");
+            } catch (const KaParamError&) {
+                return nullptr;
+            }
         }
-    }
-    record->columnCount = std::min(record->columnCount, cols);
-    record->rowCount = std::min(record->rowCount, rows);
-    if (!ValidateForRun(*record).empty()) return 0;
+        r->columnCount = std::min(r->columnCount, cols);
+        r->rowCount = std::min(r->rowCount, rows);
+        return r;
+    };
+    std::unique_ptr<KaEstimatorGridParam> record = makeRecord();
+    if (!record || !ValidateForRun(*record).empty()) return 0;
     // The search's buckets are squares of the finer node spacing, so their
     // number grows with the ratio of the spacings (up to 2^30, gigabytes, by
     // design): a fuzzer's memory limit is not a finding there.
@@ -60,6 +109,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
 
     KaSampleList* raw = nullptr;
     if (!BuildSampleList(raw, points.get())) return 0;
+    CompareRingValues(method, makeRecord(), *points, *record);
     std::unique_ptr<KaGridJob> job = MakeJob(method, nullptr);
     job->SetSampleList(std::unique_ptr<KaSampleList>(raw));
     std::unique_ptr<KaEstimatorGrid> estimator = method.makeEstimator();
