@@ -465,7 +465,7 @@ bool KaRingSearch(const KaSearchGrid& grid, const KaEstGridSearcherParam& p, KaS
     for (auto& s : sectors) s.clear();
 
     const int64_t cols = g.columnCount, rows = g.rowCount;
-    int64_t prevC0 = -1, prevC1 = -1, prevR0 = -1, prevR1 = -1;  // scalars: an array here stalls the loop
+    int64_t prevC0 = -1, prevC1 = -1, prevR0 = -1, prevR1 = -1;  // scalars, kept in registers
     std::size_t prevTotal = 0;
     // Rings before this one visit only cells at Chebyshev distance k from the
     // node's cell, and cells of clamped edge lines that hold no samples. For a
@@ -647,7 +647,7 @@ KaRingValues KaRingSearchValues(const KaSearchGrid& grid, const KaEstGridSearche
     const std::size_t cap = static_cast<std::size_t>(std::max<int64_t>(p.maxFromEach, 0));
     std::vector<double>& buf = ws.values;
     std::size_t total = 0, prevTotal = 0;
-    int64_t prevC0 = -1, prevC1 = -1, prevR0 = -1, prevR1 = -1;  // scalars: an array here stalls the loop
+    int64_t prevC0 = -1, prevC1 = -1, prevR0 = -1, prevR1 = -1;  // scalars, kept in registers
     int emptyRings = 0;
     for (int64_t k = 0; k < rings; ++k) {
         // The ring's runs in visiting order, clamped to the grid as the walk
@@ -678,7 +678,8 @@ KaRingValues KaRingSearchValues(const KaSearchGrid& grid, const KaEstGridSearche
             for (int i = 0; i < n; ++i) {
                 const double* from = runs[i].lines->Values() + runs[i].a;
                 const std::size_t len = runs[i].b - runs[i].a;
-                // Most runs are a few values: one copy of fixed width, no branch on the length.
+                // Most runs hold fewer than four values: four are copied, four
+                // more only for a longer run.
                 std::memcpy(out + total, from, 4 * sizeof(double));
                 if (len > 4) [[unlikely]] {
                     if (len <= KaBucketLines::kValueSlack)
@@ -694,9 +695,11 @@ KaRingValues KaRingSearchValues(const KaSearchGrid& grid, const KaEstGridSearche
                     const Ka3DPoint& s = runs[i].lines->Samples()[j];
                     const double dx = s.x - x, dy = s.y - y;
                     const double dist2 = dx * dx + dy * dy;
+                    // On the node (even beyond the radius, with a wide tolerance)
+                    // or at the rim: only the walk's own tests can tell.
+                    if (dist2 <= onNode) return Undecided;
                     if (dist2 > dropAbove) continue;
-                    // At the rim or on the node: only the walk's own tests can tell.
-                    if (!(dist2 < takeBelow) || dist2 <= onNode) return Undecided;
+                    if (!(dist2 < takeBelow)) return Undecided;
                     out[total++] = s.z;
                 }
         }

@@ -136,6 +136,7 @@ struct Setting {
     int32_t sectors;
     double radius1, radius2, angle;
     int64_t minInAll, maxFromAll, maxFromEach, blankSectors;
+    double tolerance = 1e-4;
 };
 
 }  // namespace
@@ -153,6 +154,7 @@ TEST(RingSearchReference, SameSamplesInTheSameOrder)
         {2, 0.2, 0.2, 0, 1000, 1000, 1000, 1},  // rings reach past the edges
         {1, 0.06, 0.06, 90, 10, 1000, 7, 1},     // capped below the minimum: never enough
         {1, 0.3, 0.3, 359.5, 60, 100000, 100000, 1},
+        {1, 0.03, 0.03, 0, 5, 100, 100, 1, 0.05},  // samples on the node beyond the radius
     };
     // The values of the walk for one sector (KaRingSearchValues) must be the z
     // of the same list wherever they are decided, and never where it fails.
@@ -166,11 +168,11 @@ TEST(RingSearchReference, SameSamplesInTheSameOrder)
             p->sectorCount = s.sectors, p->radius1 = s.radius1, p->radius2 = s.radius2;
             p->ellipseAngle = s.angle, p->minInAll = s.minInAll, p->maxFromAll = s.maxFromAll;
             p->maxFromEach = s.maxFromEach, p->blankSectors = s.blankSectors;
-            p->tolerance = 1e-4;
+            p->tolerance = s.tolerance;
             const KaEstGridSearcherParam& q = *p;
             KaEstGridSearcher searcher;
             searcher.SetParam(std::move(p));
-            std::vector<Ka3DPoint> pts = Cloud(clustered, blanks, 7 + s.sectors, 1500);
+            std::vector<Ka3DPoint> pts = Cloud(clustered, blanks, 7 + s.sectors, 4000);
             // Samples on and just below node rows, where one sector's index
             // can reach 1 to the left of the node.
             for (int j = 3; j < 31; j += 9)
@@ -196,6 +198,11 @@ TEST(RingSearchReference, SameSamplesInTheSameOrder)
                 // Within the tolerance of a sample's row only, and of the sample itself.
                 if (n % 10 == 2) y = pts[n].y + 0.5 * q.tolerance;
                 if (n % 10 == 3) x = pts[n].x + 0.3 * q.tolerance, y = pts[n].y - 0.3 * q.tolerance;
+                // On a row of the samples placed on and just below node rows, right of them.
+                if (n % 10 == 4) {
+                    const int j = 3 + 9 * (n / 10 % 4);
+                    x = 0.1 + 0.02 * j + 0.01 * (n % 7), y = q.yMin + q.GetDy() * j;
+                }
                 for (bool stop : {true, false}) {
                     KaNeighbours want, got;
                     bool wantOk = false, wantThrow = false;
@@ -212,6 +219,11 @@ TEST(RingSearchReference, SameSamplesInTheSameOrder)
                     }
                     ++searches;
                     ASSERT_EQ(gotThrow, wantThrow) << "node " << x << ", " << y;
+                    std::span<const double> values;
+                    const KaRingValues v =
+                        stop ? KaRingSearchValues(*valueGrid, q, ws, x, y, {}, values) : KaRingValues::Undecided;
+                    decided += v != KaRingValues::Undecided;
+                    ASSERT_TRUE(v == KaRingValues::Undecided || !wantThrow) << "node " << x << ", " << y;
                     if (wantThrow) {
                         ++thrown;
                         continue;
@@ -219,11 +231,7 @@ TEST(RingSearchReference, SameSamplesInTheSameOrder)
                     ASSERT_EQ(gotOk, wantOk) << "node " << x << ", " << y;
                     ASSERT_EQ(got, want) << "node " << x << ", " << y << " sectors " << s.sectors
                                          << (clustered ? " clustered" : " uniform");
-                    if (!stop) continue;
-                    std::span<const double> values;
-                    const KaRingValues v = KaRingSearchValues(*valueGrid, q, ws, x, y, {}, values);
                     if (v == KaRingValues::Undecided) continue;
-                    ++decided;
                     std::vector<double> wantZ;
                     for (const Ka3DPoint& w : want) wantZ.push_back(w.z);
                     ASSERT_EQ(v == KaRingValues::Enough, wantOk) << "node " << x << ", " << y;

@@ -270,3 +270,39 @@ TEST(Search, NoSectorsWithoutValidationFailTheSearchNotTheProcess)
         EXPECT_THROW(g.Find(0, 0, false), KaSearchError);  // a coincident one too
     }
 }
+
+TEST(Search, RingValuesLeaveSamplesAtTheRimToTheWalk)
+{
+    // Samples at the radius from a node, by 3-4-5 offsets: the walk's exact
+    // test takes some and drops others by rounding, so the values taken run by
+    // run must leave those nodes to it (or agree with it).
+    Rig g(0, 1, 0, 1, 101, 101);
+    g.Ellipse(1, 30, 0.05, 0.05, 1);
+    g.p->tolerance = 1e-9;
+    std::vector<Ka3DPoint> pts = katest::RandomPoints(3000, 4);
+    std::vector<std::pair<double, double>> nodes;
+    for (int i = 0; i < 8; ++i)
+        for (int j = 0; j < 8; ++j) {
+            const double x = 0.13 + 0.1 * i, y = 0.17 + 0.1 * j;
+            nodes.emplace_back(x, y);
+            for (const auto& [a, b] : {std::pair{3, 4}, {-4, 3}, {4, -3}, {-3, -4}})
+                pts.push_back({x + 0.01 * a, y + 0.01 * b, 100.0 + i + 8 * j});
+        }
+    g.Build(pts);
+    const auto grid = KaSearchGrid::Build(*g.p, *g.samples, 1, true);
+    KaSearchWorkspace ws;
+    int rimTaken = 0;
+    for (const auto& [x, y] : nodes) {
+        bool ok = false;
+        const KaNeighbours want = g.Find(x, y, true, &ok);
+        rimTaken += std::any_of(want.begin(), want.end(), [](const Ka3DPoint& s) { return s.z >= 100; });
+        std::span<const double> values;
+        const KaRingValues v = KaRingSearchValues(*grid, *g.p, ws, x, y, {}, values);
+        if (v == KaRingValues::Undecided) continue;
+        std::vector<double> wantZ;
+        for (const Ka3DPoint& s : want) wantZ.push_back(s.z);
+        EXPECT_EQ(v == KaRingValues::Enough, ok);
+        EXPECT_EQ(std::vector<double>(values.begin(), values.end()), wantZ) << "node " << x << ", " << y;
+    }
+    EXPECT_GT(rimTaken, 0);
+}
