@@ -578,8 +578,13 @@ KaRingValues KaRingSearchValues(const KaSearchGrid& grid, const KaEstGridSearche
     const double r = p.radius1;
     // The circle and its rim as KaRingSearch has them.
     const bool circle = p.radius1 == p.radius2 && r > 1e-100 && r < 1e100;
-    if (!circle || p.sectorCount != 1 || !(p.ellipseAngle >= 0 && p.ellipseAngle < 360) || skip.row ||
-        skip.column || !grid.KeepsValuesFor(p.originalInvalidValue) || grid.BucketCount() == 0 || !g.IsValid())
+    // More sectors: each sample's sector from the table, which leaves anything
+    // near a step or out of range to the walk.
+    const int32_t sectors = p.sectorCount;
+    const KaSectorTable* table = sectors > 1 ? grid.SectorTable(sectors, p.ellipseAngle) : nullptr;
+    if (!circle || sectors < 1 || (sectors == 1 && !(p.ellipseAngle >= 0 && p.ellipseAngle < 360)) ||
+        (sectors > 1 && !table) || skip.row || skip.column || !grid.KeepsValuesFor(p.originalInvalidValue) ||
+        grid.BucketCount() == 0 || !g.IsValid())
         return Undecided;
     const int64_t cols = g.columnCount, rows = g.rowCount;
     const double fx = std::trunc((x - g.xMin) / g.cellSize);
@@ -601,7 +606,10 @@ KaRingValues KaRingSearchValues(const KaSearchGrid& grid, const KaEstGridSearche
     // hold a sample within the tolerance are tested sample by sample.
     const double tol = std::fabs(p.tolerance), angleBand = 1e-6 * r;
     if (!std::isfinite(tol)) return Undecided;
-    if (ws.rowSerial != grid.Serial() || ws.rowY != y || ws.rowTolerance != tol || ws.rowRadius != r) {
+    if (sectors > 1) {  // every sample is tested: nothing to know of the row
+        ws.rowMode = KaSearchWorkspace::kRowNearRings;
+        ws.rowSerial = 0;
+    } else if (ws.rowSerial != grid.Serial() || ws.rowY != y || ws.rowTolerance != tol || ws.rowRadius != r) {
         const double band = std::max(tol, angleBand);
         ws.rowMode = grid.NoSampleWithin(y - band, y + band)                 ? KaSearchWorkspace::kRowClear
                      : grid.NoSampleWithin(y - angleBand, y + angleBand) ? KaSearchWorkspace::kRowNearRings
@@ -616,7 +624,8 @@ KaRingValues KaRingSearchValues(const KaSearchGrid& grid, const KaEstGridSearche
     const int64_t near = ws.rowMode == KaSearchWorkspace::kRowClear
                              ? -1
                              : static_cast<int64_t>(std::min(std::floor(tol / g.cellSize), 1e15)) + 3;
-    const double onNode = p.tolerance * p.tolerance * (1 + 1e-9);
+    // (and, with a sector table, never looked up so close to the node)
+    const double onNode = std::max(p.tolerance * p.tolerance * (1 + 1e-9), sectors > 1 ? 1e-200 : 0.0);
 
     const double rimIn2 = r * r * (1 - 2e-9), rimOut2 = r * r * (1 + 3e-9);
     const double takeBelow = rimIn2 * (1 - 1e-12), dropAbove = rimOut2 * (1 + 1e-12);
@@ -646,6 +655,11 @@ KaRingValues KaRingSearchValues(const KaSearchGrid& grid, const KaEstGridSearche
     const KaBucketLines& byColumn = grid.Columns();
     const std::size_t cap = static_cast<std::size_t>(std::max<int64_t>(p.maxFromEach, 0));
     std::vector<double>& buf = ws.values;
+    auto& lists = ws.sectorValues;
+    if (sectors > 1) {
+        lists.resize(static_cast<std::size_t>(sectors));
+        for (auto& list : lists) list.clear();
+    }
     std::size_t total = 0, prevTotal = 0;
     int64_t prevC0 = -1, prevC1 = -1, prevR0 = -1, prevR1 = -1;  // scalars, kept in registers
     int emptyRings = 0;
@@ -674,7 +688,7 @@ KaRingValues KaRingSearchValues(const KaSearchGrid& grid, const KaEstGridSearche
         const std::size_t need = total + offered + KaBucketLines::kValueSlack;
         if (buf.size() < need) buf.resize(std::max(need, 2 * buf.size()));
         double* out = buf.data();
-        if (k > near && k <= whole && k < interior) {
+        if (sectors == 1 && k > near && k <= whole && k < interior) {
             for (int i = 0; i < n; ++i) {
                 const double* from = runs[i].lines->Values() + runs[i].a;
                 const std::size_t len = runs[i].b - runs[i].a;
@@ -689,7 +703,7 @@ KaRingValues KaRingSearchValues(const KaSearchGrid& grid, const KaEstGridSearche
                 }
                 total += len;
             }
-        } else {  // a ring near the node, at the rim or on an edge line: each sample's distance decides
+        } else {  // a ring of sectors, near the node, at the rim or on an edge line: sample by sample
             for (int i = 0; i < n; ++i)
                 for (uint32_t j = runs[i].a; j < runs[i].b; ++j) {
                     const Ka3DPoint& s = runs[i].lines->Samples()[j];
@@ -700,11 +714,29 @@ KaRingValues KaRingSearchValues(const KaSearchGrid& grid, const KaEstGridSearche
                     if (dist2 <= onNode) return Undecided;
                     if (dist2 > dropAbove) continue;
                     if (!(dist2 < takeBelow)) return Undecided;
-                    out[total++] = s.z;
+                    if (sectors == 1) {
+                        out[total++] = s.z;
+                        continue;
+                    }
+                    const int64_t sector = table->Lookup(dx, dist2, dy < 0);
+                    if (sector < 0) return Undecided;
+                    std::vector<double>& list = lists[static_cast<std::size_t>(sector)];
+                    if (list.size() < cap) list.push_back(s.z);
                 }
         }
-        total = std::min(total, cap);  // the list keeps its first maxFromEach
-        const int64_t found = static_cast<int64_t>(total), empty = total == 0 ? 1 : 0;
+        // Each list keeps its first maxFromEach.
+        int64_t empty = 0;
+        if (sectors == 1) {
+            total = std::min(total, cap);
+            empty = total == 0 ? 1 : 0;
+        } else {
+            total = 0;
+            for (const auto& list : lists) {
+                total += list.size();
+                empty += list.empty() ? 1 : 0;
+            }
+        }
+        const int64_t found = static_cast<int64_t>(total);
         if (found >= p.maxFromAll || (empty < p.blankSectors && found >= p.minInAll)) break;
         // Clamped on every side, a ring that added nothing repeats itself.
         if (c0 == prevC0 && c1 == prevC1 && r0 == prevR0 && r1 == prevR1 && total == prevTotal) break;
@@ -718,6 +750,14 @@ KaRingValues KaRingSearchValues(const KaSearchGrid& grid, const KaEstGridSearche
         if (emptyRings >= 8 && k + 2 < interior) [[unlikely]] {
             const int64_t next = grid.NextOccupiedRing(cx, cy, k, interior, 32);
             if (next > k + 1) k = next - 1;
+        }
+    }
+    if (sectors > 1) {  // sector by sector, as the walk returns them
+        if (buf.size() < total) buf.resize(total);
+        std::size_t at = 0;
+        for (const auto& list : lists) {
+            std::copy(list.begin(), list.end(), buf.begin() + static_cast<std::ptrdiff_t>(at));
+            at += list.size();
         }
     }
     values = {buf.data(), total};

@@ -63,7 +63,7 @@ public:
     }
     // Place in the line order of the first sample at or after cell (line, pos);
     // pos <= lineLength.
-    uint32_t Start(int64_t line, int64_t pos) const
+    [[gnu::always_inline]] uint32_t Start(int64_t line, int64_t pos) const
     {
         if (dense_) {
             const uint64_t key = static_cast<uint64_t>(line) * static_cast<uint64_t>(lineLength_) +
@@ -237,6 +237,7 @@ struct KaSearchWorkspace {
     // KaRingSearchValues: the values found, and what the samples near the
     // node row y of the last call allow (nodes come row by row).
     std::vector<double> values;
+    std::vector<std::vector<double>> sectorValues;
     enum RowMode { kRowClear, kRowNearRings, kRowUndecided };
     uint64_t rowSerial = 0;
     double rowY = 0.0, rowTolerance = 0.0, rowRadius = 0.0;
@@ -256,12 +257,14 @@ bool KaRingSearch(const KaSearchGrid& grid, const KaEstGridSearcherParam& p, KaS
                   double y, KaNeighbours& result, bool stopAtCoincident, const KaSampleSkip& skip = {});
 
 // The z values of the neighbours KaRingSearch would return, in its order, for
-// the searches where every cell of the rings it walks is taken whole: one
-// sector, a circle, no invalid values, no left-out sample, and no sample near
-// the node's row (so none on the node, and none at the angle where one sector
-// overflows). Rings well inside the circle are then copied run by run, without
-// a test per sample. Undecided whenever only KaRingSearch can tell; `values`
-// lives in the workspace until its next search.
+// a circle with no invalid values and no left-out sample. With one sector and
+// no sample near the node's row (so none on the node, and none at the angle
+// where one sector overflows), every sample of a ring well inside the circle
+// is taken, and such rings are copied run by run without a test per sample;
+// other rings, and every ring of more sectors (by the sector table), are taken
+// sample by sample. Undecided whenever only KaRingSearch can tell: a sample on
+// the node, at the rim or near a sector step. `values` lives in the workspace
+// until its next search.
 enum class KaRingValues { Enough, TooFew, Undecided };
 KaRingValues KaRingSearchValues(const KaSearchGrid& grid, const KaEstGridSearcherParam& p, KaSearchWorkspace& ws,
                                 double x, double y, const KaSampleSkip& skip, std::span<const double>& values);
