@@ -306,3 +306,25 @@ TEST(Search, RingValuesLeaveSamplesAtTheRimToTheWalk)
     }
     EXPECT_GT(rimTaken, 0);
 }
+
+TEST(Search, RingValuesTakeWholeOnlyRingsInsideTheCircle)
+{
+    // Few buckets, so a sample's bucket is 1/20 wider than the node's and
+    // drifts by most of a bucket towards the far edge: (14.9, 13.85) lies in
+    // the third ring around the node (10, 10), 6.23 away, outside a radius of
+    // 6 that three rings of the node's own buckets would fit inside.
+    Rig g(0, 10, 0, 10, 11, 11);
+    g.Ellipse(1, 50, 6, 6, 1);
+    g.p->tolerance = 1e-9;
+    g.Build({{14.9, 13.85, 1}, {11.5, 10.5, 2}, {9.2, 12.9, 3}, {13.1, 7.7, 4}});
+    const auto grid = KaSearchGrid::Build(*g.p, *g.samples, 1, true);
+    KaSearchWorkspace ws;
+    std::span<const double> values;
+    ASSERT_EQ(KaRingSearchValues(*grid, *g.p, ws, 10, 10, {}, values), KaRingValues::TooFew);
+    bool ok = true;
+    std::vector<double> want;
+    for (const Ka3DPoint& s : g.Find(10, 10, true, &ok)) want.push_back(s.z);
+    EXPECT_FALSE(ok);
+    EXPECT_EQ(std::vector<double>(values.begin(), values.end()), want);
+    EXPECT_EQ(want, (std::vector<double>{2, 3, 4}));
+}
