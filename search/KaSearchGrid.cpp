@@ -582,6 +582,7 @@ KaRingValues KaRingSearchValues(const KaSearchGrid& grid, const KaEstGridSearche
     // near a step or out of range to the walk.
     const int32_t sectors = p.sectorCount;
     const KaSectorTable* table = sectors > 1 ? grid.SectorTable(sectors, p.ellipseAngle) : nullptr;
+    const bool quadrants = sectors == 4 && p.ellipseAngle == 0;
     if (!circle || sectors < 1 || (sectors == 1 && !(p.ellipseAngle >= 0 && p.ellipseAngle < 360)) ||
         (sectors > 1 && !table) || skip.row || skip.column || !grid.KeepsValuesFor(p.originalInvalidValue) ||
         grid.BucketCount() == 0 || !g.IsValid())
@@ -718,7 +719,12 @@ KaRingValues KaRingSearchValues(const KaSearchGrid& grid, const KaEstGridSearche
                         out[total++] = s.z;
                         continue;
                     }
-                    const int64_t sector = table->Lookup(dx, dist2, dy < 0);
+                    // Four sectors at angle 0 are the quadrants wherever the sample
+                    // is clear of the axes (by 1e-7 of its distance; the steps lie
+                    // within 2e-9 of them); elsewhere the table decides.
+                    const bool clear = dx * dx > 1e-14 * dist2 && dy * dy > 1e-14 * dist2;
+                    const int64_t sector = quadrants && clear ? (dy < 0 ? 2 : 0) + (dx < 0 ? 1 : 0)
+                                                              : table->Lookup(dx, dist2, dy < 0);
                     if (sector < 0) return Undecided;
                     std::vector<double>& list = lists[static_cast<std::size_t>(sector)];
                     if (list.size() < cap) list.push_back(s.z);

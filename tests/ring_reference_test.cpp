@@ -155,6 +155,7 @@ TEST(RingSearchReference, SameSamplesInTheSameOrder)
         {1, 0.06, 0.06, 90, 10, 1000, 7, 1},     // capped below the minimum: never enough
         {1, 0.3, 0.3, 359.5, 60, 100000, 100000, 1},
         {1, 0.03, 0.03, 0, 5, 100, 100, 1, 0.05},  // samples on the node beyond the radius
+        {4, 0.08, 0.08, 45, 10, 100, 100, 2},      // quadrants turned off the axes
     };
     // The values of the walk for one sector (KaRingSearchValues) must be the z
     // of the same list wherever they are decided, and never where it fails.
@@ -178,6 +179,9 @@ TEST(RingSearchReference, SameSamplesInTheSameOrder)
             for (int j = 3; j < 31; j += 9)
                 for (double dy : {0.0, -1e-12})
                     pts.push_back({0.1 + 0.02 * j, q.yMin + q.GetDy() * j + dy, 0.25 * j});
+            // Samples on node columns, straight above and below nodes.
+            for (int i = 5; i < 49; i += 15)
+                for (double y : {0.13, 0.41, 0.77}) pts.push_back({q.xMin + q.GetDx() * i, y, 0.5 * i});
             // Samples far beyond the grid, kept in its edge buckets.
             for (double t : {0.15, 0.4, 0.55, 0.8})
                 for (const Ka3DPoint& far : {Ka3DPoint{-3, t, 1}, Ka3DPoint{t, 4, 2}, Ka3DPoint{5, t, 3}, Ka3DPoint{t, -2, 4}})
@@ -203,6 +207,7 @@ TEST(RingSearchReference, SameSamplesInTheSameOrder)
                     const int j = 3 + 9 * (n / 10 % 4);
                     x = 0.1 + 0.02 * j + 0.01 * (n % 7), y = q.yMin + q.GetDy() * j;
                 }
+                if (n % 10 == 5) x = q.xMin + q.GetDx() * (5 + 15 * (n / 10 % 3));
                 for (bool stop : {true, false}) {
                     KaNeighbours want, got;
                     bool wantOk = false, wantThrow = false;
