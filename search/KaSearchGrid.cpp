@@ -320,6 +320,7 @@ struct Context {
     double out2;                   // above this, outside a circle and off the node
     const KaSectorTable* lookup;   // the table when the shortcut applies (a circle)
     std::size_t cap;               // maxFromEach as a size
+    bool quadrants;                // four sectors at angle 0 (see KaQuadrant)
 };
 
 enum class Visit { Continue, Finished };
@@ -385,6 +386,7 @@ enum class Test { Reject, Accept, Coincident };
     const double nx = ctx.x, ny = ctx.y, invalid = ctx.invalid;
     const double lo2 = ctx.lo2, hi2 = ctx.rimIn2, out2 = ctx.out2;
     const KaSectorTable* table = ctx.lookup;
+    const bool quadrants = ctx.quadrants;
     const std::size_t cap = ctx.cap;
     const Ka3DPoint* const skipRow = ctx.skip.row;
     const Ka3DPoint* const skipColumn = ctx.skip.column;
@@ -401,7 +403,8 @@ enum class Test { Reject, Accept, Coincident };
         const double dist2 = dx * dx + dy * dy;  // (x - sx)^2 + (y - sy)^2 to the last bit
         if (dist2 > out2) continue;
         int64_t sector = -1;
-        if (table && dist2 > lo2 && dist2 < hi2) sector = table->Lookup(dx, dist2, dy < 0);
+        if (table && dist2 > lo2 && dist2 < hi2)
+            sector = quadrants && KaClearOfAxes(dx, dy, dist2) ? KaQuadrant(dx, dy) : table->Lookup(dx, dist2, dy < 0);
         if (sector < 0) {
             const Test t = FullTest(s, dx, dy, dist2, ctx, sector);
             if (t == Test::Reject) continue;
@@ -440,12 +443,13 @@ bool KaRingSearch(const KaSearchGrid& grid, const KaEstGridSearcherParam& p, KaS
                       p.maxFromEach, stopAtCoincident, skip,
                       circle, p.radius1 * p.radius1 * (1 - 2e-9), p.radius1 * p.radius1 * (1 + 3e-9),
                       grid.SectorTable(p.sectorCount, p.ellipseAngle),
-                      0, 0, nullptr, 0};
+                      0, 0, nullptr, 0, false};
     ctx.lo2 = std::max(ctx.tol2, 1e-200);
     // Beyond the rim of a circle and off the node: rejected without more ado.
     ctx.out2 = circle ? std::max(ctx.tol2, ctx.rimOut2) : std::numeric_limits<double>::infinity();
     ctx.lookup = circle ? ctx.table : nullptr;
     ctx.cap = static_cast<std::size_t>(std::max<int64_t>(p.maxFromEach, 0));
+    ctx.quadrants = p.sectorCount == 4 && p.ellipseAngle == 0;
 
     // kept: the node cell is found by plain division, not by the formula that
     // placed the samples
@@ -719,12 +723,8 @@ KaRingValues KaRingSearchValues(const KaSearchGrid& grid, const KaEstGridSearche
                         out[total++] = s.z;
                         continue;
                     }
-                    // Four sectors at angle 0 are the quadrants wherever the sample
-                    // is clear of the axes (by 1e-7 of its distance; the steps lie
-                    // within 2e-9 of them); elsewhere the table decides.
-                    const bool clear = dx * dx > 1e-14 * dist2 && dy * dy > 1e-14 * dist2;
-                    const int64_t sector = quadrants && clear ? (dy < 0 ? 2 : 0) + (dx < 0 ? 1 : 0)
-                                                              : table->Lookup(dx, dist2, dy < 0);
+                    const int64_t sector = quadrants && KaClearOfAxes(dx, dy, dist2) ? KaQuadrant(dx, dy)
+                                                                                     : table->Lookup(dx, dist2, dy < 0);
                     if (sector < 0) return Undecided;
                     std::vector<double>& list = lists[static_cast<std::size_t>(sector)];
                     if (list.size() < cap) list.push_back(s.z);

@@ -16,6 +16,17 @@ double KaSectorIndex(double dx, double dy, double dist, int32_t sectorCount, dou
 // its c. Samples within 1e-9 of a step (far wider than any rounding of the
 // exact formula) are left to the exact computation, so the lookup never
 // disagrees with it.
+// Four sectors at angle 0 are the quadrants (upper right 0, upper left 1, lower
+// right 2, lower left 3) for a sample clear of the axes by 1e-7 of its
+// distance: the index's steps lie within 2e-9 of the axes (the angle's 180 /
+// 3.14159265), and the overflow of the lower half next to the negative x axis
+// is nearer still. Nearer the axes the table or the exact computation decides.
+inline bool KaClearOfAxes(double dx, double dy, double dist2)
+{
+    return dx * dx > 1e-14 * dist2 && dy * dy > 1e-14 * dist2;
+}
+inline int64_t KaQuadrant(double dx, double dy) { return (dy < 0 ? 2 : 0) + (dx < 0 ? 1 : 0); }
+
 class KaSectorTable {
 public:
     // Returns true when the table can serve these settings (few enough steps).
