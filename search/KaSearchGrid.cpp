@@ -145,9 +145,9 @@ void KaBucketLines::KeepValues(double startLimit)
 
 std::size_t KaBucketLines::MemoryBytes() const
 {
-    return values_.capacity() * 8 + starts_.capacity() * 4 + occupied_.capacity() * 8 + blockCells_.capacity() * 4 + lineStart_.capacity() * 4 + cellPos_.capacity() * 4 +
-           lines_.capacity() * 4 + linesCell_.capacity() * 4 + cellStart_.capacity() * 4 + slotOf_.capacity() * 4 +
-           samples_.capacity() * sizeof(Ka3DPoint);
+    return values_.capacity() * 8 + starts_.capacity() * 4 + occupied_.capacity() * 8 + blockCells_.capacity() * 4 +
+           lineStart_.capacity() * 4 + cellPos_.capacity() * 4 + lines_.capacity() * 4 + linesCell_.capacity() * 4 +
+           cellStart_.capacity() * 4 + slotOf_.capacity() * 4 + samples_.capacity() * sizeof(Ka3DPoint);
 }
 
 int64_t KaBucketLines::NextDistance(int64_t line, int64_t pos, int64_t k, int64_t limit, int budget) const
@@ -269,7 +269,6 @@ std::shared_ptr<const KaSearchGrid> KaSearchGrid::Build(const KaEstGridSearcherP
         const double startLimit = 4.0 * static_cast<double>(n) + (1 << 20);
         grid->byRow_.KeepValues(startLimit);
         grid->byColumn_.KeepValues(startLimit);
-        grid->valuesKept_ = true;
         grid->valuesInvalid_ = p.originalInvalidValue;
         // The walk's own test, so that the answer is the walk's.
         grid->anyInvalid_ = std::any_of(points.begin(), points.end(), [&](const Ka3DPoint& s) {
@@ -320,7 +319,6 @@ struct Context {
     double out2;                   // above this, outside a circle and off the node
     const KaSectorTable* lookup;   // the table when the shortcut applies (a circle)
     std::size_t cap;               // maxFromEach as a size
-    bool quadrants;                // four sectors at angle 0 (see KaQuadrant)
 };
 
 enum class Visit { Continue, Finished };
@@ -350,7 +348,7 @@ enum class Test { Reject, Accept, Coincident };
         // The ellipse radius of a circle is its radius to a few ulps: only
         // samples right at the rim need the exact test.
         if (dist2 > ctx.rimOut2) return Test::Reject;
-        if (dist2 < ctx.rimIn2 && dist2 > 1e-200 && ctx.table) sector = ctx.table->Lookup(dx, dist2, dy < 0);
+        if (dist2 < ctx.rimIn2 && dist2 > 1e-200 && ctx.table) sector = ctx.table->Sector(dx, dy, dist2);
         if (sector >= 0) return Test::Accept;
     }
     const double dist = std::sqrt(dist2);
@@ -386,7 +384,6 @@ enum class Test { Reject, Accept, Coincident };
     const double nx = ctx.x, ny = ctx.y, invalid = ctx.invalid;
     const double lo2 = ctx.lo2, hi2 = ctx.rimIn2, out2 = ctx.out2;
     const KaSectorTable* table = ctx.lookup;
-    const bool quadrants = ctx.quadrants;
     const std::size_t cap = ctx.cap;
     const Ka3DPoint* const skipRow = ctx.skip.row;
     const Ka3DPoint* const skipColumn = ctx.skip.column;
@@ -403,8 +400,7 @@ enum class Test { Reject, Accept, Coincident };
         const double dist2 = dx * dx + dy * dy;  // (x - sx)^2 + (y - sy)^2 to the last bit
         if (dist2 > out2) continue;
         int64_t sector = -1;
-        if (table && dist2 > lo2 && dist2 < hi2)
-            sector = quadrants && KaClearOfAxes(dx, dy, dist2) ? KaQuadrant(dx, dy) : table->Lookup(dx, dist2, dy < 0);
+        if (table && dist2 > lo2 && dist2 < hi2) sector = table->Sector(dx, dy, dist2);
         if (sector < 0) {
             const Test t = FullTest(s, dx, dy, dist2, ctx, sector);
             if (t == Test::Reject) continue;
@@ -443,13 +439,12 @@ bool KaRingSearch(const KaSearchGrid& grid, const KaEstGridSearcherParam& p, KaS
                       p.maxFromEach, stopAtCoincident, skip,
                       circle, p.radius1 * p.radius1 * (1 - 2e-9), p.radius1 * p.radius1 * (1 + 3e-9),
                       grid.SectorTable(p.sectorCount, p.ellipseAngle),
-                      0, 0, nullptr, 0, false};
+                      0, 0, nullptr, 0};
     ctx.lo2 = std::max(ctx.tol2, 1e-200);
     // Beyond the rim of a circle and off the node: rejected without more ado.
     ctx.out2 = circle ? std::max(ctx.tol2, ctx.rimOut2) : std::numeric_limits<double>::infinity();
     ctx.lookup = circle ? ctx.table : nullptr;
     ctx.cap = static_cast<std::size_t>(std::max<int64_t>(p.maxFromEach, 0));
-    ctx.quadrants = p.sectorCount == 4 && p.ellipseAngle == 0;
 
     // kept: the node cell is found by plain division, not by the formula that
     // placed the samples
@@ -586,7 +581,6 @@ KaRingValues KaRingSearchValues(const KaSearchGrid& grid, const KaEstGridSearche
     // near a step or out of range to the walk.
     const int32_t sectors = p.sectorCount;
     const KaSectorTable* table = sectors > 1 ? grid.SectorTable(sectors, p.ellipseAngle) : nullptr;
-    const bool quadrants = sectors == 4 && p.ellipseAngle == 0;
     if (!circle || sectors < 1 || (sectors == 1 && !(p.ellipseAngle >= 0 && p.ellipseAngle < 360)) ||
         (sectors > 1 && !table) || skip.row || skip.column || !grid.KeepsValuesFor(p.originalInvalidValue) ||
         grid.BucketCount() == 0 || !g.IsValid())
@@ -690,9 +684,12 @@ KaRingValues KaRingSearchValues(const KaSearchGrid& grid, const KaEstGridSearche
         }
         std::size_t offered = 0;
         for (int i = 0; i < n; ++i) offered += runs[i].b - runs[i].a;
-        const std::size_t need = total + offered + KaBucketLines::kValueSlack;
-        if (buf.size() < need) buf.resize(std::max(need, 2 * buf.size()));
-        double* out = buf.data();
+        double* out = nullptr;  // one sector: the list itself, filled in place
+        if (sectors == 1) {
+            const std::size_t need = total + offered + KaBucketLines::kValueSlack;
+            if (buf.size() < need) buf.resize(std::max(need, 2 * buf.size()));
+            out = buf.data();
+        }
         if (sectors == 1 && k > near && k <= whole && k < interior) {
             for (int i = 0; i < n; ++i) {
                 const double* from = runs[i].lines->Values() + runs[i].a;
@@ -723,8 +720,7 @@ KaRingValues KaRingSearchValues(const KaSearchGrid& grid, const KaEstGridSearche
                         out[total++] = s.z;
                         continue;
                     }
-                    const int64_t sector = quadrants && KaClearOfAxes(dx, dy, dist2) ? KaQuadrant(dx, dy)
-                                                                                     : table->Lookup(dx, dist2, dy < 0);
+                    const int64_t sector = table->Sector(dx, dy, dist2);
                     if (sector < 0) return Undecided;
                     std::vector<double>& list = lists[static_cast<std::size_t>(sector)];
                     if (list.size() < cap) list.push_back(s.z);

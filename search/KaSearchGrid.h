@@ -80,6 +80,7 @@ public:
     // also each cell's first sample (4 bytes a cell, one load a lookup).
     void KeepValues(double startLimit);
     const double* Values() const { return values_.data(); }
+    bool KeepsValues() const { return !values_.empty(); }
     std::size_t MemoryBytes() const;
     // Where sample i of the list given to Build sits in the line order.
     const Ka3DPoint* SampleAt(std::size_t i) const { return samples_.data() + slotOf_[i]; }
@@ -207,7 +208,10 @@ public:
     const KaBucketLines& Columns() const { return byColumn_; }
     // Whether the z values were kept and no sample holds `invalid` (the walk
     // never skips one then).
-    bool KeepsValuesFor(double invalid) const { return valuesKept_ && invalid == valuesInvalid_ && !anyInvalid_; }
+    bool KeepsValuesFor(double invalid) const
+    {
+        return byRow_.KeepsValues() && invalid == valuesInvalid_ && !anyInvalid_;
+    }
     // Whether no sample has y in [lo, hi]; false also when answering would
     // mean reading more than a few bucket rows.
     bool NoSampleWithin(double lo, double hi) const;
@@ -223,7 +227,6 @@ private:
     bool tableReady_ = false;
     int32_t tableSectors_ = 0;
     double tableAngle_ = 0.0;
-    bool valuesKept_ = false;
     bool anyInvalid_ = false;
     double valuesInvalid_ = 0.0;
     uint64_t serial_ = 0;

@@ -19,6 +19,7 @@ bool KaSectorTable::Prepare(int32_t sectorCount, double ellipseAngle)
     sectorCount_ = sectorCount;
     ellipseAngle_ = ellipseAngle;
     usable_ = false;
+    quadrants_ = false;
     if (sectorCount < 1 || sectorCount > 720 || !std::isfinite(ellipseAngle) ||
         std::fabs(ellipseAngle) > 1e6)
         return false;
@@ -68,6 +69,7 @@ bool KaSectorTable::Prepare(int32_t sectorCount, double ellipseAngle)
             half.below2.push_back((-2.0 - kMargin) * (-2.0 - kMargin));
             half.sectors.push_back(-1);
         }
+    quadrants_ = sectorCount == 4 && ellipseAngle == 0;
     usable_ = true;
     return true;
 }

@@ -16,21 +16,22 @@ double KaSectorIndex(double dx, double dy, double dist, int32_t sectorCount, dou
 // its c. Samples within 1e-9 of a step (far wider than any rounding of the
 // exact formula) are left to the exact computation, so the lookup never
 // disagrees with it.
-// Four sectors at angle 0 are the quadrants (upper right 0, upper left 1, lower
-// right 2, lower left 3) for a sample clear of the axes by 1e-7 of its
-// distance: the index's steps lie within 2e-9 of the axes (the angle's 180 /
-// 3.14159265), and the overflow of the lower half next to the negative x axis
-// is nearer still. Nearer the axes the table or the exact computation decides.
-inline bool KaClearOfAxes(double dx, double dy, double dist2)
-{
-    return dx * dx > 1e-14 * dist2 && dy * dy > 1e-14 * dist2;
-}
-inline int64_t KaQuadrant(double dx, double dy) { return (dy < 0 ? 2 : 0) + (dx < 0 ? 1 : 0); }
-
 class KaSectorTable {
 public:
     // Returns true when the table can serve these settings (few enough steps).
     bool Prepare(int32_t sectorCount, double ellipseAngle);
+    // The sector of a sample at (dx, dy) from the node, dist^2 > 0; -1 as for
+    // Lookup. Four sectors at angle 0 are the quadrants (upper right 0, upper
+    // left 1, lower right 2, lower left 3) for a sample clear of the axes by
+    // 1e-7 of its distance: their steps lie within 2e-9 of the axes (the
+    // angle's 180 / 3.14159265), and the lower half's overflow next to the
+    // negative x axis nearer still. Other samples and settings take the cuts.
+    int64_t Sector(double dx, double dy, double dist2) const
+    {
+        if (quadrants_ && dx * dx > 1e-14 * dist2 && dy * dy > 1e-14 * dist2)
+            return (dy < 0 ? 2 : 0) + (dx < 0 ? 1 : 0);
+        return Lookup(dx, dist2, dy < 0);
+    }
     // The sector for c = dx / dist, given dx and dist^2 > 0 (no square root or
     // division needed), in the lower (dy < 0) or upper half-plane; -1 when
     // only the exact computation can tell (near a step, or an index out of
@@ -70,4 +71,5 @@ private:
     int32_t sectorCount_ = -1;
     double ellipseAngle_ = 0;
     bool usable_ = false;
+    bool quadrants_ = false;  // four sectors at angle 0
 };

@@ -240,12 +240,13 @@ TEST(SectorTable, LookupAgreesWithTheExactIndexEverywhere)
                 if (i % 997 == 0) c = -1.0;
                 c = std::clamp(c, -1.0, 1.0);
                 for (int lower = 0; lower < 2; ++lower) {
-                    // a sample at distance 3 whose cosine is c
+                    // a sample at distance 3 whose cosine is c (just below the
+                    // node's row when c is +-1 in the lower half)
                     const double dx = 3 * c, dist2 = 9.0;
-                    const int64_t got = t.Lookup(dx, dist2, lower != 0);
+                    const double dy = lower ? -std::max(std::sqrt(9 - dx * dx), 1e-300) : std::sqrt(9 - dx * dx);
+                    const int64_t got = t.Sector(dx, dy, dist2);
                     if (got < 0) continue;  // left to the exact formula
                     ++decided;
-                    const double dy = lower ? -1 : 1;
                     const double idx = KaSectorIndex(dx, dy, 3.0, s, e);
                     ASSERT_TRUE(idx > -1 && idx < s) << s << " " << e << " " << c;
                     ASSERT_EQ(got, static_cast<int64_t>(idx)) << s << " " << e << " " << c;
