@@ -46,6 +46,24 @@ struct Rig {
     }
 };
 
+// The moving average's values taken without the walk (from a grid that keeps
+// them), checked against the walk's own list `want` wherever they are decided.
+KaRingValues ValuesAgainstWalk(Rig& g, double x, double y, KaNeighbours& want)
+{
+    const auto grid = KaSearchGrid::Build(*g.p, *g.samples, 1, true);
+    KaSearchWorkspace ws;
+    bool ok = false;
+    want = g.Find(x, y, true, &ok);
+    std::span<const double> values;
+    const KaRingValues v = KaRingSearchValues(*grid, *g.p, ws, x, y, {}, values);
+    if (v == KaRingValues::Undecided) return v;
+    std::vector<double> wantZ;
+    for (const Ka3DPoint& s : want) wantZ.push_back(s.z);
+    EXPECT_EQ(v == KaRingValues::Enough, ok);
+    EXPECT_EQ(std::vector<double>(values.begin(), values.end()), wantZ) << "node " << x << ", " << y;
+    return v;
+}
+
 bool Less(const Ka3DPoint& a, const Ka3DPoint& b)
 {
     return std::tie(a.x, a.y, a.z) < std::tie(b.x, b.y, b.z);
@@ -290,20 +308,11 @@ TEST(Search, RingValuesLeaveSamplesAtTheRimToTheWalk)
                 pts.push_back({x + 0.01 * a, y + 0.01 * b, 100.0 + i + 8 * j});
         }
     g.Build(pts);
-    const auto grid = KaSearchGrid::Build(*g.p, *g.samples, 1, true);
-    KaSearchWorkspace ws;
     int rimTaken = 0;
     for (const auto& [x, y] : nodes) {
-        bool ok = false;
-        const KaNeighbours want = g.Find(x, y, true, &ok);
+        KaNeighbours want;
+        ValuesAgainstWalk(g, x, y, want);
         rimTaken += std::any_of(want.begin(), want.end(), [](const Ka3DPoint& s) { return s.z >= 100; });
-        std::span<const double> values;
-        const KaRingValues v = KaRingSearchValues(*grid, *g.p, ws, x, y, {}, values);
-        if (v == KaRingValues::Undecided) continue;
-        std::vector<double> wantZ;
-        for (const Ka3DPoint& s : want) wantZ.push_back(s.z);
-        EXPECT_EQ(v == KaRingValues::Enough, ok);
-        EXPECT_EQ(std::vector<double>(values.begin(), values.end()), wantZ) << "node " << x << ", " << y;
     }
     EXPECT_GT(rimTaken, 0);
 }
@@ -318,14 +327,9 @@ TEST(Search, RingValuesTakeWholeOnlyRingsInsideTheCircle)
     g.Ellipse(1, 50, 6, 6, 1);
     g.p->tolerance = 1e-9;
     g.Build({{14.9, 13.85, 1}, {11.5, 10.5, 2}, {9.2, 12.9, 3}, {13.1, 7.7, 4}});
-    const auto grid = KaSearchGrid::Build(*g.p, *g.samples, 1, true);
-    KaSearchWorkspace ws;
-    std::span<const double> values;
-    ASSERT_EQ(KaRingSearchValues(*grid, *g.p, ws, 10, 10, {}, values), KaRingValues::TooFew);
-    bool ok = true;
+    KaNeighbours walk;
+    ASSERT_EQ(ValuesAgainstWalk(g, 10, 10, walk), KaRingValues::TooFew);
     std::vector<double> want;
-    for (const Ka3DPoint& s : g.Find(10, 10, true, &ok)) want.push_back(s.z);
-    EXPECT_FALSE(ok);
-    EXPECT_EQ(std::vector<double>(values.begin(), values.end()), want);
+    for (const Ka3DPoint& s : walk) want.push_back(s.z);
     EXPECT_EQ(want, (std::vector<double>{2, 3, 4}));
 }
