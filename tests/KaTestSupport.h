@@ -19,8 +19,8 @@
 #include <string>
 #include <vector>
 
-#include "apps/kagrid/io/KaParamJson.h"
-#include "apps/kagrid/io/KaRasterIo.h"
+#include "io/KaParamJson.h"
+#include "io/KaRasterIo.h"
 #include "core/KaEstimatorSample.h"
 #include "core/KaGridJob.h"
 #include "methods/KaMethodRegistry.h"

@@ -7,8 +7,8 @@
 #include <nlohmann/json.hpp>
 
 #include "KaTestSupport.h"
-#include "apps/kagrid/io/KaNumericJson.h"
-#include "apps/kagrid/io/KaRasterIo.h"
+#include "io/KaNumericJson.h"
+#include "io/KaRasterIo.h"
 #include "methods/KaEstKrig.h"
 #include "methods/KaEstKriging.h"
 #include "methods/numeric/KaVariogramFit.h"

@@ -16,12 +16,12 @@
 #include <thread>
 
 #include "KaTestSupport.h"
-#include "apps/kagrid/io/KaIoError.h"
-#include "apps/kagrid/io/KaIoSupport.h"
-#include "apps/kagrid/io/KaOutputFiles.h"
-#include "apps/kagrid/io/KaPointReader.h"
-#include "apps/kagrid/io/KaPointTableWriter.h"
-#include "apps/kagrid/io/KaRasterIo.h"
+#include "io/KaIoError.h"
+#include "io/KaIoSupport.h"
+#include "io/KaOutputFiles.h"
+#include "io/KaPointReader.h"
+#include "io/KaPointTableWriter.h"
+#include "io/KaRasterIo.h"
 
 namespace fs = std::filesystem;
 using katest::Kagrid;

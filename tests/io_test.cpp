@@ -10,10 +10,10 @@
 #include <gdal_priv.h>
 
 #include "KaTestSupport.h"
-#include "apps/kagrid/io/KaIoError.h"
-#include "apps/kagrid/io/KaPointReader.h"
-#include "apps/kagrid/io/KaPreview.h"
-#include "apps/kagrid/io/KaRasterIo.h"
+#include "io/KaIoError.h"
+#include "io/KaPointReader.h"
+#include "io/KaPreview.h"
+#include "io/KaRasterIo.h"
 
 namespace fs = std::filesystem;
 using katest::TempDir;

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "KaTestSupport.h"
-#include "apps/kagrid/io/KaNumericJson.h"
+#include "io/KaNumericJson.h"
 #include "methods/KaEstKrig.h"
 #include "methods/KaEstKriging.h"
 #include "methods/KaEstRadialBasis.h"

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "KaTestSupport.h"
-#include "apps/kagrid/io/KaParamJson.h"
+#include "io/KaParamJson.h"
 #include "methods/KaEstInverseDistance.h"
 #include "methods/numeric/KaVario.h"
 #include "search/KaAnisotropy.h"

@@ -16,7 +16,7 @@
 #include <ogrsf_frmts.h>
 
 #include "KaTestSupport.h"
-#include "apps/kagrid/io/KaRasterIo.h"
+#include "io/KaRasterIo.h"
 
 namespace fs = std::filesystem;
 using katest::Kagrid;

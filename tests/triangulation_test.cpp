@@ -9,7 +9,7 @@
 #include <ogrsf_frmts.h>
 
 #include "KaTestSupport.h"
-#include "apps/kagrid/io/KaMeshWriter.h"
+#include "io/KaMeshWriter.h"
 #include "methods/KaEstLinearTriangulation.h"
 #include "methods/KaEstMinCurvature.h"
 #include "methods/KaMethodRegistry.h"

@@ -7,8 +7,8 @@
 #include <nlohmann/json.hpp>
 
 #include "KaTestSupport.h"
-#include "apps/kagrid/io/KaParamJson.h"
-#include "apps/kagrid/tune/KaTune.h"
+#include "io/KaParamJson.h"
+#include "tune/KaTune.h"
 #include "methods/KaEstLocalPolynomial.h"
 #include "methods/KaEstRadialBasis.h"
 

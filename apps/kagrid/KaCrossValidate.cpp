@@ -9,11 +9,11 @@
 #include "apps/kagrid/KaProgress.h"
 #include "apps/kagrid/KaRunSetup.h"
 #include "apps/kagrid/KaSubcommands.h"
-#include "apps/kagrid/io/KaIoError.h"
-#include "apps/kagrid/io/KaOutputFiles.h"
-#include "apps/kagrid/io/KaParamJson.h"
-#include "apps/kagrid/io/KaPointTableWriter.h"
-#include "apps/kagrid/tune/KaLeaveOneOut.h"
+#include "io/KaIoError.h"
+#include "io/KaOutputFiles.h"
+#include "io/KaParamJson.h"
+#include "io/KaPointTableWriter.h"
+#include "tune/KaLeaveOneOut.h"
 #include "search/KaEstGridSearcher.h"
 
 namespace {

@@ -7,8 +7,8 @@
 #include <cstdlib>
 #include <vector>
 
-#include "apps/kagrid/io/KaParamJson.h"
-#include "apps/kagrid/io/KaRasterIo.h"
+#include "io/KaParamJson.h"
+#include "io/KaRasterIo.h"
 #include "core/KaEstimatorGridParam.h"
 
 namespace {

@@ -4,10 +4,10 @@
 #include <filesystem>
 #include <set>
 
-#include "apps/kagrid/io/KaIoError.h"
-#include "apps/kagrid/io/KaOutputFiles.h"
-#include "apps/kagrid/io/KaParamJson.h"
-#include "apps/kagrid/io/KaRasterIo.h"
+#include "io/KaIoError.h"
+#include "io/KaOutputFiles.h"
+#include "io/KaParamJson.h"
+#include "io/KaRasterIo.h"
 #include "core/KaRecordFill.h"
 
 KaRunSetup PrepareRun(const KaMethodInfo& method, const std::string& inputPath, KaPointColumns columns,

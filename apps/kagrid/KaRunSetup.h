@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "apps/kagrid/io/KaPointReader.h"
+#include "io/KaPointReader.h"
 #include "core/KaEstimatorSample.h"
 #include "methods/KaMethodRegistry.h"
 

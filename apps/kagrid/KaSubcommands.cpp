@@ -7,10 +7,10 @@
 #include <stdexcept>
 
 #include "apps/kagrid/KaRunSetup.h"
-#include "apps/kagrid/io/KaIoError.h"
-#include "apps/kagrid/io/KaOutputFiles.h"
-#include "apps/kagrid/io/KaRasterIo.h"
-#include "apps/kagrid/tune/KaLeaveOneOut.h"
+#include "io/KaIoError.h"
+#include "io/KaOutputFiles.h"
+#include "io/KaRasterIo.h"
+#include "tune/KaLeaveOneOut.h"
 #include "platform/kadata/KaEventsLog.h"
 
 namespace {

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "apps/kagrid/io/KaPointReader.h"
+#include "io/KaPointReader.h"
 #include "methods/KaMethodRegistry.h"
 
 // kagrid's commands besides gridding: cross-validate, variogram and tune.

@@ -9,10 +9,10 @@
 
 #include "apps/kagrid/KaProgress.h"
 #include "apps/kagrid/KaSubcommands.h"
-#include "apps/kagrid/io/KaIoError.h"
-#include "apps/kagrid/io/KaOutputFiles.h"
-#include "apps/kagrid/io/KaParamJson.h"
-#include "apps/kagrid/tune/KaTune.h"
+#include "io/KaIoError.h"
+#include "io/KaOutputFiles.h"
+#include "io/KaParamJson.h"
+#include "tune/KaTune.h"
 #include "core/KaGridJob.h"
 #include "search/KaEstGridSearcher.h"
 

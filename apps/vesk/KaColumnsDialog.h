@@ -2,7 +2,7 @@
 
 #include <QDialog>
 
-#include "apps/kagrid/io/KaPointReader.h"
+#include "io/KaPointReader.h"
 
 class QComboBox;
 

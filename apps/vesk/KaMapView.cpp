@@ -7,7 +7,7 @@
 #include <array>
 #include <cmath>
 
-#include "apps/kagrid/io/KaColourMap.h"
+#include "io/KaColourMap.h"
 #include "platform/kadata/KaDataObject.h"
 #include "platform/kadata/KaDelaunayTriangle.h"
 

@@ -23,9 +23,9 @@
 #include <algorithm>
 #include <cmath>
 
-#include "apps/kagrid/io/KaIoError.h"
-#include "apps/kagrid/io/KaOutputFiles.h"
-#include "apps/kagrid/io/KaRasterIo.h"
+#include "io/KaIoError.h"
+#include "io/KaOutputFiles.h"
+#include "io/KaRasterIo.h"
 #include "apps/vesk/KaColumnsDialog.h"
 #include "apps/vesk/KaJobsPanel.h"
 #include "apps/vesk/KaMapView.h"

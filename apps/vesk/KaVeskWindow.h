@@ -5,7 +5,7 @@
 #include <memory>
 #include <vector>
 
-#include "apps/kagrid/io/KaPointReader.h"
+#include "io/KaPointReader.h"
 
 class KaDataObject;
 class KaEmbeddedNode;

@@ -11,10 +11,10 @@
 #include <sstream>
 #include <string>
 
-#include "apps/kagrid/io/KaIoError.h"
-#include "apps/kagrid/io/KaOutputFiles.h"
-#include "apps/kagrid/io/KaParamJson.h"
-#include "apps/kagrid/io/KaPointReader.h"
+#include "io/KaIoError.h"
+#include "io/KaOutputFiles.h"
+#include "io/KaParamJson.h"
+#include "io/KaPointReader.h"
 #include "core/KaEstimatorSample.h"
 #include "core/KaRecordFill.h"
 #include "methods/KaMethodRegistry.h"

@@ -6,7 +6,7 @@
 #include <sstream>
 #include <string>
 
-#include "apps/kagrid/io/KaParamJson.h"
+#include "io/KaParamJson.h"
 #include "core/KaEstimatorGridParam.h"
 #include "methods/KaMethodRegistry.h"
 

@@ -6,8 +6,8 @@
 #include <sstream>
 #include <string>
 
-#include "apps/kagrid/io/KaIoError.h"
-#include "apps/kagrid/io/KaPointReader.h"
+#include "io/KaIoError.h"
+#include "io/KaPointReader.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
 {

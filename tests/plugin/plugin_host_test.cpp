@@ -20,7 +20,7 @@
 #include <memory>
 #include <random>
 
-#include "apps/kagrid/io/KaRasterIo.h"
+#include "io/KaRasterIo.h"
 #include "core/KaGridJob.h"
 #include "core/KaRecordFill.h"
 #include "methods/KaMethodRegistry.h"

@@ -12,7 +12,7 @@
 
 #include "tests/plugin/KaQtTestSupport.h"
 #include "tests/KaTestSupport.h"
-#include "apps/kagrid/io/KaRasterIo.h"
+#include "io/KaRasterIo.h"
 #include "host/KaMethodDialogs.h"
 #include "host/KaSheetEstimator2DBase.h"
 #include "methods/KaMethodRegistry.h"

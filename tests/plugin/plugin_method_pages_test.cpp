@@ -18,7 +18,7 @@
 #include <cmath>
 
 #include "tests/plugin/KaQtTestSupport.h"
-#include "apps/kagrid/io/KaParamJson.h"
+#include "io/KaParamJson.h"
 #include "methods/KaEstDataMetrics.h"
 #include "methods/KaEstInverseDistance.h"
 #include "methods/KaEstKrig.h"

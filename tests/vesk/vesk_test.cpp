@@ -20,8 +20,8 @@
 #include <filesystem>
 #include <fstream>
 
-#include "apps/kagrid/io/KaColourMap.h"
-#include "apps/kagrid/io/KaRasterIo.h"
+#include "io/KaColourMap.h"
+#include "io/KaRasterIo.h"
 #include "apps/vesk/KaColumnsDialog.h"
 #include "apps/vesk/KaJobsPanel.h"
 #include "apps/vesk/KaMapView.h"

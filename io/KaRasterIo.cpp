@@ -1,4 +1,4 @@
-#include "apps/kagrid/io/KaRasterIo.h"
+#include "io/KaRasterIo.h"
 
 #include <algorithm>
 #include <climits>
@@ -10,8 +10,8 @@
 
 #include <ogr_spatialref.h>
 
-#include "apps/kagrid/io/KaIoError.h"
-#include "apps/kagrid/io/KaIoSupport.h"
+#include "io/KaIoError.h"
+#include "io/KaIoSupport.h"
 
 namespace fs = std::filesystem;
 using kaio::GdalDatasetPtr;

@@ -1,4 +1,4 @@
-#include "apps/kagrid/io/KaMeshWriter.h"
+#include "io/KaMeshWriter.h"
 
 #include <unistd.h>
 
@@ -14,7 +14,7 @@
 #include <ogr_spatialref.h>
 #include <ogrsf_frmts.h>
 
-#include "apps/kagrid/io/KaIoSupport.h"
+#include "io/KaIoSupport.h"
 #include "platform/kadata/KaDelaunayTriangle.h"
 
 namespace fs = std::filesystem;

@@ -1,4 +1,4 @@
-#include "apps/kagrid/io/KaCrs.h"
+#include "io/KaCrs.h"
 
 #include <filesystem>
 #include <fstream>
@@ -9,10 +9,10 @@
 #include <ogr_spatialref.h>
 #include <ogrsf_frmts.h>
 
-#include "apps/kagrid/io/KaIoError.h"
-#include "apps/kagrid/io/KaIoSupport.h"
-#include "apps/kagrid/io/KaPointReader.h"
-#include "apps/kagrid/io/KaRasterIo.h"
+#include "io/KaIoError.h"
+#include "io/KaIoSupport.h"
+#include "io/KaPointReader.h"
+#include "io/KaRasterIo.h"
 
 namespace fs = std::filesystem;
 

@@ -1,11 +1,11 @@
-#include "apps/kagrid/io/KaNumericJson.h"
+#include "io/KaNumericJson.h"
 
 #include <cctype>
 #include <cmath>
 #include <initializer_list>
 #include <stdexcept>
 
-#include "apps/kagrid/io/KaIoSupport.h"
+#include "io/KaIoSupport.h"
 #include "methods/numeric/KaVario.h"
 #include "search/KaAnisotropy.h"
 

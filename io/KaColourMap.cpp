@@ -1,4 +1,4 @@
-#include "apps/kagrid/io/KaColourMap.h"
+#include "io/KaColourMap.h"
 
 #include <algorithm>
 #include <cmath>

@@ -1,4 +1,4 @@
-#include "apps/kagrid/io/KaParamJson.h"
+#include "io/KaParamJson.h"
 
 #include <cerrno>
 #include <climits>
@@ -13,8 +13,8 @@
 #include <unordered_set>
 #include <vector>
 
-#include "apps/kagrid/io/KaIoSupport.h"
-#include "apps/kagrid/io/KaNumericJson.h"
+#include "io/KaIoSupport.h"
+#include "io/KaNumericJson.h"
 #include "core/KaEstimatorGridParam.h"
 #include "core/KaFieldVisitor.h"
 #include "methods/numeric/KaVario.h"

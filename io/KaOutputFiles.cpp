@@ -1,4 +1,4 @@
-#include "apps/kagrid/io/KaOutputFiles.h"
+#include "io/KaOutputFiles.h"
 
 #include <signal.h>
 #include <unistd.h>
@@ -11,8 +11,8 @@
 #include <filesystem>
 #include <fstream>
 
-#include "apps/kagrid/io/KaIoError.h"
-#include "apps/kagrid/io/KaIoSupport.h"
+#include "io/KaIoError.h"
+#include "io/KaIoSupport.h"
 #include "platform/kadata/KaDataObject.h"
 
 namespace fs = std::filesystem;

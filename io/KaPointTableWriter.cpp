@@ -1,4 +1,4 @@
-#include "apps/kagrid/io/KaPointTableWriter.h"
+#include "io/KaPointTableWriter.h"
 
 #include <cmath>
 #include <cstdio>
@@ -6,10 +6,10 @@
 
 #include <ogrsf_frmts.h>
 
-#include "apps/kagrid/io/KaIoError.h"
-#include "apps/kagrid/io/KaIoSupport.h"
-#include "apps/kagrid/io/KaOutputFiles.h"
-#include "apps/kagrid/io/KaRasterIo.h"
+#include "io/KaIoError.h"
+#include "io/KaIoSupport.h"
+#include "io/KaOutputFiles.h"
+#include "io/KaRasterIo.h"
 
 namespace fs = std::filesystem;
 

@@ -9,7 +9,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "apps/kagrid/tune/KaLeaveOneOut.h"
+#include "tune/KaLeaveOneOut.h"
 
 // Choosing a method's settings by leave-one-out cross-validation.
 //

@@ -1,4 +1,4 @@
-#include "apps/kagrid/io/KaPointReader.h"
+#include "io/KaPointReader.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -15,9 +15,9 @@
 
 #include <ogrsf_frmts.h>
 
-#include "apps/kagrid/io/KaIoError.h"
-#include "apps/kagrid/io/KaIoSupport.h"
-#include "apps/kagrid/io/KaRasterIo.h"
+#include "io/KaIoError.h"
+#include "io/KaIoSupport.h"
+#include "io/KaRasterIo.h"
 
 namespace fs = std::filesystem;
 using kaio::Lower;

@@ -12,9 +12,9 @@
 #include <mutex>
 #include <random>
 
-#include "apps/kagrid/io/KaIoError.h"
-#include "apps/kagrid/io/KaIoSupport.h"
-#include "apps/kagrid/io/KaRasterIo.h"
+#include "io/KaIoError.h"
+#include "io/KaIoSupport.h"
+#include "io/KaRasterIo.h"
 
 namespace fs = std::filesystem;
 

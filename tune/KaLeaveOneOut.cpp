@@ -1,4 +1,4 @@
-#include "apps/kagrid/tune/KaLeaveOneOut.h"
+#include "tune/KaLeaveOneOut.h"
 
 #include <atomic>
 #include <chrono>
@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "apps/kagrid/io/KaParamJson.h"
+#include "io/KaParamJson.h"
 #include "core/KaGridJob.h"
 #include "search/KaEstGridSearcher.h"
 

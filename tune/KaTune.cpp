@@ -1,12 +1,12 @@
-#include "apps/kagrid/tune/KaTune.h"
+#include "tune/KaTune.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <map>
 
-#include "apps/kagrid/io/KaNumericJson.h"
-#include "apps/kagrid/io/KaParamJson.h"
+#include "io/KaNumericJson.h"
+#include "io/KaParamJson.h"
 #include "methods/KaEstKrig.h"
 #include "methods/KaEstRadialBasis.h"
 #include "methods/numeric/KaVariogramFit.h"

@@ -1,4 +1,4 @@
-#include "apps/kagrid/io/KaPreview.h"
+#include "io/KaPreview.h"
 
 #include <algorithm>
 #include <cmath>
@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
-#include "apps/kagrid/io/KaColourMap.h"
-#include "apps/kagrid/io/KaIoError.h"
-#include "apps/kagrid/io/KaIoSupport.h"
-#include "apps/kagrid/io/KaRasterIo.h"
+#include "io/KaColourMap.h"
+#include "io/KaIoError.h"
+#include "io/KaIoSupport.h"
+#include "io/KaRasterIo.h"
 
 namespace {
 

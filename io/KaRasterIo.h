@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "apps/kagrid/io/KaPointReader.h"
+#include "io/KaPointReader.h"
 #include "platform/kadata/KaDataObject.h"
 
 // Registers GDAL's drivers and silences GDAL's own messages (failures come
