@@ -2,14 +2,14 @@
 
 #include <memory>
 
+#include "pages/KaPageEstimatorBase.h"
 #include "platform/kabaseui/KaBaseDialog.h"
 
 class KaEstimatorGridParam;
-class KaPageEstimatorBase;
 
 // The tabbed dialog of one gridding method. It keeps the method's record;
 // its pages are filled from it when it is set and write into it on OK.
-class KaSheetEstimator2DBase : public KaSheetDialogBase {
+class KaSheetEstimator2DBase : public KaSheetDialogBase, public KaPageRecordHolder {
     Q_OBJECT
 public:
     using RecordCopier = std::unique_ptr<KaEstimatorGridParam> (*)(const KaEstimatorGridParam&);
@@ -27,7 +27,7 @@ public:
     // The page at `index` writes into `record`.
     virtual bool GatherPageParameter(KaEstimatorGridParam* record, int index);
 
-    KaEstimatorGridParam* GetParameter() const { return record_.get(); }
+    KaEstimatorGridParam* GetParameter() const override { return record_.get(); }
     // A copy of the record for one job, so that the dialog can be accepted
     // again; null without a record or a copier.
     std::unique_ptr<KaEstimatorGridParam> CopyParameter() const;

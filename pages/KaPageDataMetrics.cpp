@@ -8,7 +8,7 @@
 #include "methods/KaEstDataMetrics.h"
 #include "pages/KaPageFields.h"
 
-KaPageDataMetrics::KaPageDataMetrics(KaSheetEstimator2DBase* dialog, QWidget* parent)
+KaPageDataMetrics::KaPageDataMetrics(KaPageRecordHolder* dialog, QWidget* parent)
     : KaPageEstimatorBase(dialog, parent)
 {
     auto* group = new QGroupBox(tr("Metric"), this);

@@ -9,7 +9,7 @@ class QListWidget;
 class KaPageDataMetrics : public KaPageEstimatorBase {
     Q_OBJECT
 public:
-    explicit KaPageDataMetrics(KaSheetEstimator2DBase* dialog, QWidget* parent = nullptr);
+    explicit KaPageDataMetrics(KaPageRecordHolder* dialog, QWidget* parent = nullptr);
 
     // A metric must be chosen.
     bool CheckPage() override;

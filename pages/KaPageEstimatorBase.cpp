@@ -1,9 +1,8 @@
 #include "pages/KaPageEstimatorBase.h"
 
 #include "core/KaEstimatorGridParam.h"
-#include "host/KaSheetEstimator2DBase.h"
 
-KaPageEstimatorBase::KaPageEstimatorBase(KaSheetEstimator2DBase* dialog, QWidget* parent)
+KaPageEstimatorBase::KaPageEstimatorBase(KaPageRecordHolder* dialog, QWidget* parent)
     : QWidget(parent), dialog_(dialog)
 {
 }

@@ -3,7 +3,17 @@
 #include <QWidget>
 
 class KaEstimatorGridParam;
-class KaSheetEstimator2DBase;
+
+// What a page sees of the dialog that shows it: the record being edited
+// (the dialog may replace it after the pages were built, so it is asked
+// each time). Pages know no more of the dialog than this.
+class KaPageRecordHolder {
+public:
+    virtual KaEstimatorGridParam* GetParameter() const = 0;
+
+protected:
+    ~KaPageRecordHolder() = default;
+};
 
 // A tab of a method dialog. The dialog checks every page, then has each one
 // copy its widgets into the record (GatherParameter); when it opens, each page
@@ -11,9 +21,9 @@ class KaSheetEstimator2DBase;
 class KaPageEstimatorBase : public QWidget {
     Q_OBJECT
 public:
-    explicit KaPageEstimatorBase(KaSheetEstimator2DBase* dialog, QWidget* parent = nullptr);
+    explicit KaPageEstimatorBase(KaPageRecordHolder* dialog, QWidget* parent = nullptr);
 
-    KaSheetEstimator2DBase* GetDialog() const { return dialog_; }
+    KaPageRecordHolder* GetDialog() const { return dialog_; }
 
     // Base: the dialog's record has a name, ordered bounds and non-zero counts.
     virtual bool CheckPage();
@@ -23,5 +33,5 @@ public:
     virtual bool LoadParameter(KaEstimatorGridParam* record);
 
 private:
-    KaSheetEstimator2DBase* dialog_;
+    KaPageRecordHolder* dialog_;
 };

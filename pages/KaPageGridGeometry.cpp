@@ -41,7 +41,7 @@ bool Fail(QWidget* w)
 
 }  // namespace
 
-KaPageGridGeometry::KaPageGridGeometry(KaSheetEstimator2DBase* dialog, QWidget* parent)
+KaPageGridGeometry::KaPageGridGeometry(KaPageRecordHolder* dialog, QWidget* parent)
     : KaPageEstimatorBase(dialog, parent)
 {
     txtObjName_ = MakeEdit("TxtObjName", this);

@@ -18,7 +18,7 @@ class KaPreciseSpinBox;
 class KaPageGridGeometry : public KaPageEstimatorBase {
     Q_OBJECT
 public:
-    explicit KaPageGridGeometry(KaSheetEstimator2DBase* dialog, QWidget* parent = nullptr);
+    explicit KaPageGridGeometry(KaPageRecordHolder* dialog, QWidget* parent = nullptr);
 
     // Moves the focus to the first offending field: an empty name, a bound that
     // is not a number, a maximum below its minimum, a negative tolerance,

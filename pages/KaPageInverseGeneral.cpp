@@ -7,7 +7,7 @@
 #include "methods/KaEstInverseDistance.h"
 #include "pages/KaPreciseSpinBox.h"
 
-KaPageInverseGeneral::KaPageInverseGeneral(KaSheetEstimator2DBase* dialog, QWidget* parent)
+KaPageInverseGeneral::KaPageInverseGeneral(KaPageRecordHolder* dialog, QWidget* parent)
     : KaPageEstimatorBase(dialog, parent)
 {
     auto* general = new QGroupBox(tr("General"), this);

@@ -9,7 +9,7 @@
 class KaPageInverseGeneral : public KaPageEstimatorBase {
     Q_OBJECT
 public:
-    explicit KaPageInverseGeneral(KaSheetEstimator2DBase* dialog, QWidget* parent = nullptr);
+    explicit KaPageInverseGeneral(KaPageRecordHolder* dialog, QWidget* parent = nullptr);
 
     // The ratio must be above 0.
     bool CheckPage() override;

@@ -99,7 +99,7 @@ QString Number(double v) { return QString::number(v, 'g', 12); }
 
 }  // namespace
 
-KaPageKriging::KaPageKriging(KaSheetEstimator2DBase* dialog, QWidget* parent)
+KaPageKriging::KaPageKriging(KaPageRecordHolder* dialog, QWidget* parent)
     : KaPageEstimatorBase(dialog, parent), model_(std::make_unique<KaVarioVector>())
 {
     krigType_ = new QComboBox(this);

@@ -39,7 +39,7 @@ public:
 class KaPageKriging : public KaPageEstimatorBase {
     Q_OBJECT
 public:
-    explicit KaPageKriging(KaSheetEstimator2DBase* dialog, QWidget* parent = nullptr);
+    explicit KaPageKriging(KaPageRecordHolder* dialog, QWidget* parent = nullptr);
     ~KaPageKriging() override;
 
     // A component at least, a valid model, and a grid name when one is asked

@@ -10,7 +10,7 @@
 #include "methods/KaEstLinearTriangulation.h"
 #include "pages/KaPreciseSpinBox.h"
 
-KaPageLinearTriangulation::KaPageLinearTriangulation(KaSheetEstimator2DBase* dialog, QWidget* parent)
+KaPageLinearTriangulation::KaPageLinearTriangulation(KaPageRecordHolder* dialog, QWidget* parent)
     : KaPageEstimatorBase(dialog, parent)
 {
     QGroupBox* anisotropy = anisotropy_.Create(this, 6);

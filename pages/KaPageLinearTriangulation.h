@@ -13,7 +13,7 @@ class QLineEdit;
 class KaPageLinearTriangulation : public KaPageEstimatorBase {
     Q_OBJECT
 public:
-    explicit KaPageLinearTriangulation(KaSheetEstimator2DBase* dialog, QWidget* parent = nullptr);
+    explicit KaPageLinearTriangulation(KaPageRecordHolder* dialog, QWidget* parent = nullptr);
 
     // Ratio within 0..8388608, then angle within -360..360.
     bool CheckPage() override;

@@ -12,7 +12,7 @@
 #include "pages/KaPageFields.h"
 #include "pages/KaPreciseSpinBox.h"
 
-KaPageLocalPolynomial::KaPageLocalPolynomial(KaSheetEstimator2DBase* dialog, QWidget* parent)
+KaPageLocalPolynomial::KaPageLocalPolynomial(KaPageRecordHolder* dialog, QWidget* parent)
     : KaPageEstimatorBase(dialog, parent)
 {
     power_ = MakePageSpin("SpinPower", 0, 20, 2, this);

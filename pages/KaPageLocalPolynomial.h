@@ -10,7 +10,7 @@ class QSpinBox;
 class KaPageLocalPolynomial : public KaPageEstimatorBase {
     Q_OBJECT
 public:
-    explicit KaPageLocalPolynomial(KaSheetEstimator2DBase* dialog, QWidget* parent = nullptr);
+    explicit KaPageLocalPolynomial(KaPageRecordHolder* dialog, QWidget* parent = nullptr);
 
     // The power within 0..20.
     bool CheckPage() override;

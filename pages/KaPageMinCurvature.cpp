@@ -10,7 +10,7 @@
 #include "pages/KaPageFields.h"
 #include "pages/KaPreciseSpinBox.h"
 
-KaPageMinCurvature::KaPageMinCurvature(KaSheetEstimator2DBase* dialog, QWidget* parent)
+KaPageMinCurvature::KaPageMinCurvature(KaPageRecordHolder* dialog, QWidget* parent)
     : KaPageEstimatorBase(dialog, parent)
 {
     auto* general = new QGroupBox(tr("General"), this);

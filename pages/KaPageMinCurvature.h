@@ -8,7 +8,7 @@
 class KaPageMinCurvature : public KaPageEstimatorBase {
     Q_OBJECT
 public:
-    explicit KaPageMinCurvature(KaSheetEstimator2DBase* dialog, QWidget* parent = nullptr);
+    explicit KaPageMinCurvature(KaPageRecordHolder* dialog, QWidget* parent = nullptr);
 
     bool CheckPage() override { return true; }
     bool GatherParameter(KaEstimatorGridParam* record) override;

@@ -17,7 +17,7 @@ int ToSpin(uint32_t n) { return static_cast<int>(std::min<uint32_t>(n, INT_MAX))
 
 }  // namespace
 
-KaPageModifiedShepardMethod::KaPageModifiedShepardMethod(KaSheetEstimator2DBase* dialog, QWidget* parent)
+KaPageModifiedShepardMethod::KaPageModifiedShepardMethod(KaPageRecordHolder* dialog, QWidget* parent)
     : KaPageEstimatorBase(dialog, parent)
 {
     auto* general = new QGroupBox(tr("General"), this);

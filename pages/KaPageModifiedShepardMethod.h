@@ -11,7 +11,7 @@ class QSpinBox;
 class KaPageModifiedShepardMethod : public KaPageEstimatorBase {
     Q_OBJECT
 public:
-    explicit KaPageModifiedShepardMethod(KaSheetEstimator2DBase* dialog, QWidget* parent = nullptr);
+    explicit KaPageModifiedShepardMethod(KaPageRecordHolder* dialog, QWidget* parent = nullptr);
 
     // Both neighbour counts at least 3, then radii above 0.
     bool CheckPage() override;

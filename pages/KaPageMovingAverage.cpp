@@ -16,7 +16,7 @@ int ToSpin(int64_t n) { return static_cast<int>(std::clamp<int64_t>(n, 1, INT_MA
 
 }  // namespace
 
-KaPageMovingAverage::KaPageMovingAverage(KaSheetEstimator2DBase* dialog, QWidget* parent)
+KaPageMovingAverage::KaPageMovingAverage(KaPageRecordHolder* dialog, QWidget* parent)
     : KaPageEstimatorBase(dialog, parent)
 {
     auto* counts = new QGroupBox(tr("Data Count"), this);

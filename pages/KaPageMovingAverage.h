@@ -11,7 +11,7 @@ class QSpinBox;
 class KaPageMovingAverage : public KaPageEstimatorBase {
     Q_OBJECT
 public:
-    explicit KaPageMovingAverage(KaSheetEstimator2DBase* dialog, QWidget* parent = nullptr);
+    explicit KaPageMovingAverage(KaPageRecordHolder* dialog, QWidget* parent = nullptr);
 
     // The minimum not above the maximum, then radii above 0.
     bool CheckPage() override;

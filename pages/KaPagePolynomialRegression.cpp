@@ -26,7 +26,7 @@ QString TermText(int i, int j)
 
 }  // namespace
 
-KaPagePolynomialRegression::KaPagePolynomialRegression(KaSheetEstimator2DBase* dialog, QWidget* parent)
+KaPagePolynomialRegression::KaPagePolynomialRegression(KaPageRecordHolder* dialog, QWidget* parent)
     : KaPageEstimatorBase(dialog, parent)
 {
     // kept: "Defination" is the group's title as users know it

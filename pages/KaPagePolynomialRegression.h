@@ -12,7 +12,7 @@ class QTextEdit;
 class KaPagePolynomialRegression : public KaPageEstimatorBase {
     Q_OBJECT
 public:
-    explicit KaPagePolynomialRegression(KaSheetEstimator2DBase* dialog, QWidget* parent = nullptr);
+    explicit KaPagePolynomialRegression(KaPageRecordHolder* dialog, QWidget* parent = nullptr);
 
     // The total order at least the x and y orders, then within 1..10; the
     // reason is shown in `TxtFunction` and the focus goes to the total order.

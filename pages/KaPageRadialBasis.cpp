@@ -9,7 +9,7 @@
 
 #include "methods/KaEstRadialBasis.h"
 
-KaPageRadialBasis::KaPageRadialBasis(KaSheetEstimator2DBase* dialog, QWidget* parent)
+KaPageRadialBasis::KaPageRadialBasis(KaPageRecordHolder* dialog, QWidget* parent)
     : KaPageEstimatorBase(dialog, parent)
 {
     auto* general = new QGroupBox(tr("General"), this);

@@ -14,7 +14,7 @@ class QLineEdit;
 class KaPageRadialBasis : public KaPageEstimatorBase {
     Q_OBJECT
 public:
-    explicit KaPageRadialBasis(KaSheetEstimator2DBase* dialog, QWidget* parent = nullptr);
+    explicit KaPageRadialBasis(KaPageRecordHolder* dialog, QWidget* parent = nullptr);
 
     // L^2 / (25 n) into `TxtR2Param` for n >= 1 and L >= 0; otherwise the
     // field is left as it is. The dialog calls it with the number of data

@@ -62,7 +62,7 @@ void KaSearchEllipseBox::Gather(KaEstGridSearcherParam& record) const
     record.ellipseAngle = angle->ExactValue();
 }
 
-KaPageSearch::KaPageSearch(KaSheetEstimator2DBase* dialog, QWidget* parent)
+KaPageSearch::KaPageSearch(KaPageRecordHolder* dialog, QWidget* parent)
     : KaPageEstimatorBase(dialog, parent), ellipse_(this)
 {
     chkNoSearch_ = new QCheckBox("&No Search(use all of the data)", this);
@@ -148,7 +148,7 @@ bool KaPageSearch::GatherParameter(KaEstimatorGridParam* record)
     return true;
 }
 
-KaPageSearchEllipse::KaPageSearchEllipse(KaSheetEstimator2DBase* dialog, QWidget* parent)
+KaPageSearchEllipse::KaPageSearchEllipse(KaPageRecordHolder* dialog, QWidget* parent)
     : KaPageEstimatorBase(dialog, parent), ellipse_(this)
 {
     auto* layout = new QVBoxLayout(this);

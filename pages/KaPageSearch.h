@@ -34,7 +34,7 @@ private:
 class KaPageSearch : public KaPageEstimatorBase {
     Q_OBJECT
 public:
-    explicit KaPageSearch(KaSheetEstimator2DBase* dialog, QWidget* parent = nullptr);
+    explicit KaPageSearch(KaPageRecordHolder* dialog, QWidget* parent = nullptr);
 
     // The counts lie in 1 .. countLimit (the record's maxFromAll when the page
     // was filled), the blank-sector count at most the sector count; the focus
@@ -66,7 +66,7 @@ private:
 class KaPageSearchEllipse : public KaPageEstimatorBase {
     Q_OBJECT
 public:
-    explicit KaPageSearchEllipse(KaSheetEstimator2DBase* dialog, QWidget* parent = nullptr);
+    explicit KaPageSearchEllipse(KaPageRecordHolder* dialog, QWidget* parent = nullptr);
 
     bool CheckPage() override { return true; }
     bool GatherParameter(KaEstimatorGridParam* record) override;
