@@ -24,9 +24,49 @@ void KaEstimatorGridParam::VisitFields(KaFieldVisitor& v)
     v.Field("yMin", yMin, "y of the first grid row");
     v.Field("xMax", xMax, "x of the last grid column");
     v.Field("yMax", yMax, "y of the last grid row");
-    v.Field("columnCount", columnCount, "nodes along x");
-    v.Field("rowCount", rowCount, "nodes along y");
-    v.Field("tolerance", tolerance, "samples closer than this are regarded as the same point");
+    // A raster side is an int; the grid's counts go no further.
+    v.Field("columnCount", columnCount, KaField("nodes along x").Between(1, kKaMaxGridSide));
+    v.Field("rowCount", rowCount, KaField("nodes along y").Between(1, kKaMaxGridSide));
+    v.Field("tolerance", tolerance,
+            KaField("samples closer than this are regarded as the same point").AtLeast(0).Dialog(0, 1e9));
+}
+
+namespace {
+
+// Finds one field's declaration.
+class FindInfo : public KaFieldVisitor {
+public:
+    explicit FindInfo(const char* key) : key_(key) {}
+    KaFieldInfo info;
+
+    void Field(const char* k, double&, const KaFieldInfo& i) override { Take(k, i); }
+    void Field(const char* k, int32_t&, const KaFieldInfo& i) override { Take(k, i); }
+    void Field(const char* k, int64_t&, const KaFieldInfo& i) override { Take(k, i); }
+    void Field(const char* k, uint32_t&, const KaFieldInfo& i) override { Take(k, i); }
+    void Field(const char* k, uint64_t&, const KaFieldInfo& i) override { Take(k, i); }
+    void Field(const char* k, bool&, const KaFieldInfo& i) override { Take(k, i); }
+    void Field(const char* k, std::string&, const KaFieldInfo& i) override { Take(k, i); }
+    void Choice(const char* k, int32_t&, std::span<const char* const>, const KaFieldInfo& i) override { Take(k, i); }
+    void Field(const char* k, KaAnisotropy&, const KaFieldInfo& i) override { Take(k, i); }
+    void Field(const char* k, KaVarioVector*&, const KaFieldInfo& i) override { Take(k, i); }
+
+private:
+    void Take(const char* k, const KaFieldInfo& i)
+    {
+        if (key_ == k) info = i;
+    }
+    std::string key_;
+};
+
+}  // namespace
+
+KaFieldInfo KaFindFieldInfo(const KaEstimatorGridParam& record, const char* key)
+{
+    FindInfo f(key);
+    // The visit only reads: the fields are handed out by reference for the
+    // visitors that set them.
+    const_cast<KaEstimatorGridParam&>(record).VisitFields(f);
+    return f.info;
 }
 
 void KaEstimatorGridParam::ApplySearchDefaults(uint64_t, double) {}

@@ -9,6 +9,8 @@ class KaFieldVisitor;
 
 inline constexpr double kKaDefaultBlank = 1.70141e38;
 inline constexpr double kKaMaxDouble = 1.7976931348623157e308;
+// The most nodes along one side of a grid (a raster side is an int).
+inline constexpr uint64_t kKaMaxGridSide = 2147483647;
 
 
 // Base parameter record: output name, blank values, grid geometry, tolerance.

@@ -5,21 +5,12 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
+#include <string_view>
+#include <vector>
 
 #include "core/KaRecordFill.h"
 #include "host/KaSheetEstimator2DBase.h"
-#include "methods/KaEstDataMetrics.h"
-#include "methods/KaEstInverseDistance.h"
-#include "methods/KaEstKrig.h"
-#include "methods/KaEstKriging.h"
-#include "methods/KaEstLinearTriangulation.h"
-#include "methods/KaEstLocalPolynomial.h"
-#include "methods/KaEstMinCurvature.h"
-#include "methods/KaEstModifiedShepard.h"
-#include "methods/KaEstMovingAverage.h"
-#include "methods/KaEstNearestNeighbor.h"
-#include "methods/KaEstPolynomialRegression.h"
-#include "methods/KaEstRadialBasis.h"
 #include "methods/KaMethodRegistry.h"
 #include "pages/KaPageDataMetrics.h"
 #include "pages/KaPageEstimatorBase.h"
@@ -42,13 +33,6 @@ namespace {
 template <typename T>
 KaPageEstimatorBase* Page(KaSheetEstimator2DBase* dialog) { return new T(dialog); }
 
-template <typename T>
-std::unique_ptr<KaEstimatorGridParam> Copy(const KaEstimatorGridParam& r)
-{
-    const auto* t = dynamic_cast<const T*>(&r);
-    return t ? std::make_unique<T>(*t) : nullptr;
-}
-
 // Tab names, marked for translation in the dialogs' context.
 #define KA_TAB(text) QT_TRANSLATE_NOOP("KaSheetEstimator2DBase", text)
 const KaPageRow kGeometry{KA_TAB("Geometry"), Page<KaPageGridGeometry>};
@@ -59,45 +43,46 @@ const KaPageRow kSearch{KA_TAB("Search"), Page<KaPageSearch>};
 #define KA_GENERAL(page) KaPageRow{KA_TAB("General"), page}
 
 using Id = KaMethodId;
-const KaMethodDialogRow kRows[] = {
+// The host's texts and pages of each method, by registry key.
+const KaMethodDialogRow kHostRows[] = {
     {Id::Krig, "kriging", "Gridding - Krig",
-     {kGeometry, KA_GENERAL(Page<KaPageKriging>), kSearch}, Copy<KaEstKrigParam>,
-     KA_JOB("Kriging"), KA_JOB("Griding data using Kriging Method."), false},
+     {kGeometry, KA_GENERAL(Page<KaPageKriging>), kSearch},
+     KA_JOB("Kriging"), KA_JOB("Griding data using Kriging Method.")},
     // Deliberately without a "General" page.
-    {Id::KrigingEstimator, "linear-kriging", "Gridding - Kriging", {kGeometry, kSearch}, Copy<KaEstKrigingParam>,
-     KA_JOB("Kriging"), KA_JOB("Griding data using Kriging Method."), false},
+    {Id::KrigingEstimator, "linear-kriging", "Gridding - Kriging", {kGeometry, kSearch},
+     KA_JOB("Kriging"), KA_JOB("Griding data using Kriging Method.")},
     {Id::InverseDistance, "inverse-distance", "Gridding - Inverse Distance to a power",
-     {kGeometry, KA_GENERAL(Page<KaPageInverseGeneral>), kSearch}, Copy<KaEstInverseDistanceParam>,
-     KA_JOB("Inverse Distance"), KA_JOB("Griding data using Inverse Distance Method."), false},
+     {kGeometry, KA_GENERAL(Page<KaPageInverseGeneral>), kSearch},
+     KA_JOB("Inverse Distance"), KA_JOB("Griding data using Inverse Distance Method.")},
     // Deliberately the search ellipse under the name "General".
     {Id::NearestNeighbor, "nearest-neighbor", "Gridding - Nearest Neighbor",
-     {kGeometry, KA_GENERAL(Page<KaPageSearchEllipse>)}, Copy<KaEstNearestNeighborParam>,
-     KA_JOB("Nearset Neighbor"), KA_JOB("Griding data using Nearset Neighbor Method."), false},
+     {kGeometry, KA_GENERAL(Page<KaPageSearchEllipse>)},
+     KA_JOB("Nearset Neighbor"), KA_JOB("Griding data using Nearset Neighbor Method.")},
     {Id::ArithmeticMean, "moving-average", "Gridding - Arithmetic Mean",
-     {kGeometry, KA_GENERAL(Page<KaPageMovingAverage>)}, Copy<KaEstMovingAverageParam>,
-     KA_JOB("Arithmetic Mean"), KA_JOB("Griding data using Arithmetic Mean Method."), false},
+     {kGeometry, KA_GENERAL(Page<KaPageMovingAverage>)},
+     KA_JOB("Arithmetic Mean"), KA_JOB("Griding data using Arithmetic Mean Method.")},
     {Id::ModifiedShepard, "modified-shepard", "Gridding - Modified Shepard's Method",
-     {kGeometry, KA_GENERAL(Page<KaPageModifiedShepardMethod>)}, Copy<KaEstModifiedShepardParam>,
-     KA_JOB("Modified Shepard's Method"), KA_JOB("Griding data using Modified Shepard's Method."), false},
+     {kGeometry, KA_GENERAL(Page<KaPageModifiedShepardMethod>)},
+     KA_JOB("Modified Shepard's Method"), KA_JOB("Griding data using Modified Shepard's Method.")},
     {Id::DataMetrics, "data-metrics", "Gridding - Data Metrics",
-     {kGeometry, KA_GENERAL(Page<KaPageDataMetrics>), kSearch}, Copy<KaEstDataMetricsParam>,
-     KA_JOB("Data Metrics"), KA_JOB("Griding data using Data Metrics Method."), false},
+     {kGeometry, KA_GENERAL(Page<KaPageDataMetrics>), kSearch},
+     KA_JOB("Data Metrics"), KA_JOB("Griding data using Data Metrics Method.")},
     {Id::RadialBasis, "radial-basis", "Gridding - Radial Basis Function",
-     {kGeometry, KA_GENERAL(Page<KaPageRadialBasis>), kSearch}, Copy<KaEstRadialBasisParam>,
-     KA_JOB("Radial Basis Function"), KA_JOB("Griding data using Radial Basis Function Method."), false},
+     {kGeometry, KA_GENERAL(Page<KaPageRadialBasis>), kSearch},
+     KA_JOB("Radial Basis Function"), KA_JOB("Griding data using Radial Basis Function Method.")},
     {Id::PolynomialRegression, "polynomial-regression", "Gridding - Polynomial Regression",
-     {kGeometry, KA_GENERAL(Page<KaPagePolynomialRegression>)}, Copy<KaEstPolynomialRegressionParam>,
-     KA_JOB("Polynomial Regression"), KA_JOB("Griding data using Polynomial Regression Method."), false},
+     {kGeometry, KA_GENERAL(Page<KaPagePolynomialRegression>)},
+     KA_JOB("Polynomial Regression"), KA_JOB("Griding data using Polynomial Regression Method.")},
     {Id::LocalPolynomial, "local-polynomial", "Gridding - Local Polynomial",
-     {kGeometry, KA_GENERAL(Page<KaPageLocalPolynomial>), kSearch}, Copy<KaEstLocalPolynomialParam>,
-     KA_JOB("Local Polynomial"), KA_JOB("Griding data using Local Polynomial Method."), false},
+     {kGeometry, KA_GENERAL(Page<KaPageLocalPolynomial>), kSearch},
+     KA_JOB("Local Polynomial"), KA_JOB("Griding data using Local Polynomial Method.")},
     {Id::MinCurvature, "minimum-curvature", "Gridding - Minimum Curvature",
-     {kGeometry, KA_GENERAL(Page<KaPageMinCurvature>)}, Copy<KaEstMinCurvatureParam>,
-     KA_JOB("Minimum Curvature"), KA_JOB("Griding data using Minimum Curvature Method."), false},
+     {kGeometry, KA_GENERAL(Page<KaPageMinCurvature>)},
+     KA_JOB("Minimum Curvature"), KA_JOB("Griding data using Minimum Curvature Method.")},
     {Id::LinearTriangulation, "triangulation", "Gridding - Triangulation with Linear Interpolation",
-     {kGeometry, KA_GENERAL(Page<KaPageLinearTriangulation>)}, Copy<KaEstLinearTriangulationParam>,
+     {kGeometry, KA_GENERAL(Page<KaPageLinearTriangulation>)},
      KA_JOB("Triangulation with Linear Interpolation"),
-     KA_JOB("Gridding data using Triangulation with Linear Interpolation Method."), true},
+     KA_JOB("Gridding data using Triangulation with Linear Interpolation Method.")},
 };
 
 // The radial basis page proposes its R2 parameter from the data: the number
@@ -115,13 +100,37 @@ void SuggestRadialBasisR2(KaSheetEstimator2DBase* dialog, const KaDataObject* ob
             page->SuggestR2(n, static_cast<int64_t>(diagonal));
 }
 
+// The rows in the registry's order, each completed from its registry entry.
+std::vector<KaMethodDialogRow> DeriveRows()
+{
+    std::vector<KaMethodDialogRow> rows;
+    for (const KaMethodInfo& method : KaMethods())
+        for (const KaMethodDialogRow& host : kHostRows)
+            if (std::string_view(host.methodKey) == method.key) {
+                KaMethodDialogRow row = host;
+                row.copyRecord = method.cloneParam;
+                row.triangulationThread = method.can.mesh;
+                rows.push_back(row);
+            }
+    return rows;
+}
+
 }  // namespace
 
 const KaMethodInfo& KaMethodDialogRow::Method() const { return *FindMethod(methodKey); }
 
-std::span<const KaMethodDialogRow> KaMethodDialogRows() { return kRows; }
+std::span<const KaMethodDialogRow> KaMethodDialogRows()
+{
+    static const std::vector<KaMethodDialogRow> rows = DeriveRows();
+    return rows;
+}
 
-const KaMethodDialogRow& KaMethodDialog(KaMethodId id) { return kRows[static_cast<int>(id)]; }
+const KaMethodDialogRow& KaMethodDialog(KaMethodId id)
+{
+    for (const KaMethodDialogRow& row : KaMethodDialogRows())
+        if (row.id == id) return row;
+    std::abort();  // every slot's method has its row
+}
 
 KaSheetEstimator2DBase* CreateMethodDialog(const KaMethodDialogRow& row, const KaDataObject* object,
                                            QWidget* parent)

@@ -34,22 +34,26 @@ struct KaPageRow {
     KaPageEstimatorBase* (*make)(KaSheetEstimator2DBase* dialog);
 };
 
-// Everything that differs between the methods' dialogs and jobs. The record,
-// the estimator and the output suffix come from the engine's method registry
-// (`methodKey`), so the dialogs and kagrid agree.
+// Everything that differs between the methods' dialogs and jobs. The host's
+// own texts and pages are written per method; the record, its copy, the
+// estimator, the output suffix and the kind of thread come from the engine's
+// method registry (`methodKey`), so the dialogs and kagrid agree.
 struct KaMethodDialogRow {
     KaMethodId id;
     const char* methodKey;
     const char* title;  // dialog title, untranslated
     KaPageRow pages[3];  // in tab order; unused rows have a null tab
-    std::unique_ptr<KaEstimatorGridParam> (*copyRecord)(const KaEstimatorGridParam&);
     const char* threadTitle;        // translated
     const char* threadDescription;  // translated
-    bool triangulationThread;
+    // From the registry:
+    std::unique_ptr<KaEstimatorGridParam> (*copyRecord)(const KaEstimatorGridParam&) = nullptr;
+    bool triangulationThread = false;  // the method hands over a mesh: KaThreadTriangulation
 
     const KaMethodInfo& Method() const;
 };
 
+// Every method of the registry that has a dialog, in the registry's order
+// (the menu agency's slots).
 std::span<const KaMethodDialogRow> KaMethodDialogRows();
 const KaMethodDialogRow& KaMethodDialog(KaMethodId id);
 

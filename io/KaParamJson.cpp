@@ -19,7 +19,6 @@
 #include "core/KaFieldVisitor.h"
 #include "methods/numeric/KaVario.h"
 #include "search/KaAnisotropy.h"
-#include "search/KaEstGridSearcherParam.h"
 
 using nlohmann::json;
 using nlohmann::ordered_json;
@@ -71,28 +70,51 @@ const char* TypeName()
     else return "whole number";
 }
 
+// A bound as a user types it: whole numbers without a fraction.
+std::string Bound(double v, bool whole)
+{
+    char buf[40];
+    if (whole || (v == std::trunc(v) && std::fabs(v) < 1e15)) std::snprintf(buf, sizeof buf, "%.0f", v);
+    else std::snprintf(buf, sizeof buf, "%.10g", v);
+    return buf;
+}
+
+}  // namespace
+
+std::string RangeText(const KaFieldRange& r, bool whole)
+{
+    if (!r.Bounded()) return {};
+    if (r.HasMin() && r.HasMax() && !r.minOpen && !r.maxOpen) return Bound(r.min, whole) + " to " + Bound(r.max, whole);
+    std::string text;
+    if (r.HasMin()) text = (r.minOpen ? "above " : "at least ") + Bound(r.min, whole);
+    if (r.HasMax()) text += (text.empty() ? "" : ", ") + std::string(r.maxOpen ? "below " : "at most ") + Bound(r.max, whole);
+    return text;
+}
+
+namespace {
+
 // Record -> JSON.
 class ToJson : public KaFieldVisitor {
 public:
     ordered_json out = ordered_json::object();
 
-    void Field(const char* k, double& v, const char*) override { out[k] = v; }
-    void Field(const char* k, int32_t& v, const char*) override { out[k] = v; }
-    void Field(const char* k, int64_t& v, const char*) override { out[k] = v; }
-    void Field(const char* k, uint32_t& v, const char*) override { out[k] = v; }
-    void Field(const char* k, uint64_t& v, const char*) override { out[k] = v; }
-    void Field(const char* k, bool& v, const char*) override { out[k] = v; }
-    void Field(const char* k, std::string& v, const char*) override { out[k] = v; }
-    void Choice(const char* k, int32_t& v, std::span<const char* const> names, const char*) override
+    void Field(const char* k, double& v, const KaFieldInfo&) override { out[k] = v; }
+    void Field(const char* k, int32_t& v, const KaFieldInfo&) override { out[k] = v; }
+    void Field(const char* k, int64_t& v, const KaFieldInfo&) override { out[k] = v; }
+    void Field(const char* k, uint32_t& v, const KaFieldInfo&) override { out[k] = v; }
+    void Field(const char* k, uint64_t& v, const KaFieldInfo&) override { out[k] = v; }
+    void Field(const char* k, bool& v, const KaFieldInfo&) override { out[k] = v; }
+    void Field(const char* k, std::string& v, const KaFieldInfo&) override { out[k] = v; }
+    void Choice(const char* k, int32_t& v, std::span<const char* const> names, const KaFieldInfo&) override
     {
         if (v >= 0 && static_cast<std::size_t>(v) < names.size()) out[k] = names[v];
         else out[k] = v;
     }
-    void Field(const char* k, KaAnisotropy& v, const char*) override
+    void Field(const char* k, KaAnisotropy& v, const KaFieldInfo&) override
     {
         out[k] = ordered_json::parse(AnisotropyToJson(v).dump());
     }
-    void Field(const char* k, KaVarioVector*& v, const char*) override
+    void Field(const char* k, KaVarioVector*& v, const KaFieldInfo&) override
     {
         out[k] = v ? ordered_json::parse(VariogramToJson(*v).dump()) : ordered_json();
     }
@@ -105,7 +127,7 @@ public:
         : key_(key), value_(value), origin_(origin) {}
     bool found = false;
 
-    void Field(const char* k, double& v, const char*) override
+    void Field(const char* k, double& v, const KaFieldInfo&) override
     {
         if (!Match(k)) return;
         if (!value_.is_number()) Fail("a number");
@@ -113,25 +135,25 @@ public:
         if (!std::isfinite(d)) throw KaParamError(Where() + "expected a finite number");
         v = d;
     }
-    void Field(const char* k, int32_t& v, const char*) override { Integer(k, v); }
-    void Field(const char* k, int64_t& v, const char*) override { Integer(k, v); }
-    void Field(const char* k, uint32_t& v, const char*) override { Integer(k, v); }
-    void Field(const char* k, uint64_t& v, const char*) override { Integer(k, v); }
-    void Field(const char* k, bool& v, const char*) override
+    void Field(const char* k, int32_t& v, const KaFieldInfo&) override { Integer(k, v); }
+    void Field(const char* k, int64_t& v, const KaFieldInfo&) override { Integer(k, v); }
+    void Field(const char* k, uint32_t& v, const KaFieldInfo&) override { Integer(k, v); }
+    void Field(const char* k, uint64_t& v, const KaFieldInfo&) override { Integer(k, v); }
+    void Field(const char* k, bool& v, const KaFieldInfo&) override
     {
         if (!Match(k)) return;
         if (value_.is_boolean()) v = value_.get<bool>();
         else if (value_.is_number_integer() && (value_ == 0 || value_ == 1)) v = value_.get<int>() != 0;
         else Fail("true or false");
     }
-    void Field(const char* k, std::string& v, const char*) override
+    void Field(const char* k, std::string& v, const KaFieldInfo&) override
     {
         if (!Match(k)) return;
         if (!value_.is_string()) Fail("text");
         if (!IsUtf8(value_.get_ref<const std::string&>())) throw KaParamError(Where() + "not valid UTF-8 text");
         v = value_.get<std::string>();
     }
-    void Choice(const char* k, int32_t& v, std::span<const char* const> names, const char*) override
+    void Choice(const char* k, int32_t& v, std::span<const char* const> names, const KaFieldInfo&) override
     {
         if (!Match(k)) return;
         if (value_.is_number_integer()) {
@@ -149,12 +171,12 @@ public:
         for (const char* n : names) list += std::string(list.empty() ? "" : ", ") + "\"" + n + "\"";
         throw KaParamError(Where() + "unknown name \"" + kaio::Echo(s) + "\" (one of " + list + ")");
     }
-    void Field(const char* k, KaAnisotropy& v, const char*) override
+    void Field(const char* k, KaAnisotropy& v, const KaFieldInfo&) override
     {
         if (!Match(k)) return;
         Nested([&] { AnisotropyFromJson(value_, v, key_); });
     }
-    void Field(const char* k, KaVarioVector*& v, const char*) override
+    void Field(const char* k, KaVarioVector*& v, const KaFieldInfo&) override
     {
         if (!Match(k)) return;
         Nested([&] {
@@ -235,23 +257,23 @@ public:
     bool found = false;
     json value;
 
-    void Field(const char* k, double& v, const char*) override { Number(k, v); }
-    void Field(const char* k, int32_t& v, const char*) override { Number(k, v); }
-    void Field(const char* k, int64_t& v, const char*) override { Number(k, v); }
-    void Field(const char* k, uint32_t& v, const char*) override { Number(k, v); }
-    void Field(const char* k, uint64_t& v, const char*) override { Number(k, v); }
-    void Field(const char* k, bool&, const char*) override
+    void Field(const char* k, double& v, const KaFieldInfo&) override { Number(k, v); }
+    void Field(const char* k, int32_t& v, const KaFieldInfo&) override { Number(k, v); }
+    void Field(const char* k, int64_t& v, const KaFieldInfo&) override { Number(k, v); }
+    void Field(const char* k, uint32_t& v, const KaFieldInfo&) override { Number(k, v); }
+    void Field(const char* k, uint64_t& v, const KaFieldInfo&) override { Number(k, v); }
+    void Field(const char* k, bool&, const KaFieldInfo&) override
     {
         if (!Match(k)) return;
         if (text_ == "true" || text_ == "1" || text_ == "yes" || text_ == "on") value = true;
         else if (text_ == "false" || text_ == "0" || text_ == "no" || text_ == "off") value = false;
         else Fail("true or false");
     }
-    void Field(const char* k, std::string&, const char*) override
+    void Field(const char* k, std::string&, const KaFieldInfo&) override
     {
         if (Match(k)) value = text_;
     }
-    void Choice(const char* k, int32_t&, std::span<const char* const>, const char*) override
+    void Choice(const char* k, int32_t&, std::span<const char* const>, const KaFieldInfo&) override
     {
         if (!Match(k)) return;
         char* end = nullptr;
@@ -260,8 +282,8 @@ public:
         if (!text_.empty() && *end == '\0' && errno == 0) value = i;
         else value = text_;
     }
-    void Field(const char* k, KaAnisotropy&, const char*) override { Json(k); }
-    void Field(const char* k, KaVarioVector*&, const char*) override { Json(k); }
+    void Field(const char* k, KaAnisotropy&, const KaFieldInfo&) override { Json(k); }
+    void Field(const char* k, KaVarioVector*&, const KaFieldInfo&) override { Json(k); }
 
 private:
     bool Match(const char* k)
@@ -315,31 +337,90 @@ public:
     std::vector<KaFieldDescription> rows;
 
     template <typename T>
-    void Add(const char* k, const T& v, const char* help)
+    void Add(const char* k, const T& v, const KaFieldInfo& info)
     {
-        rows.push_back({k, TypeName<T>(), json(v).dump(), help, {}});
+        Push(Row(k, TypeName<T>(), json(v).dump(), info.help), info, std::is_integral_v<T>);
     }
-    void Field(const char* k, double& v, const char* h) override { Add(k, v, h); }
-    void Field(const char* k, int32_t& v, const char* h) override { Add(k, v, h); }
-    void Field(const char* k, int64_t& v, const char* h) override { Add(k, v, h); }
-    void Field(const char* k, uint32_t& v, const char* h) override { Add(k, v, h); }
-    void Field(const char* k, uint64_t& v, const char* h) override { Add(k, v, h); }
-    void Field(const char* k, bool& v, const char* h) override { Add(k, v, h); }
-    void Field(const char* k, std::string& v, const char* h) override { Add(k, v, h); }
-    void Choice(const char* k, int32_t& v, std::span<const char* const> names, const char* h) override
+    void Field(const char* k, double& v, const KaFieldInfo& h) override { Add(k, v, h); }
+    void Field(const char* k, int32_t& v, const KaFieldInfo& h) override { Add(k, v, h); }
+    void Field(const char* k, int64_t& v, const KaFieldInfo& h) override { Add(k, v, h); }
+    void Field(const char* k, uint32_t& v, const KaFieldInfo& h) override { Add(k, v, h); }
+    void Field(const char* k, uint64_t& v, const KaFieldInfo& h) override { Add(k, v, h); }
+    void Field(const char* k, bool& v, const KaFieldInfo& h) override { Add(k, v, h); }
+    void Field(const char* k, std::string& v, const KaFieldInfo& h) override { Add(k, v, h); }
+    void Choice(const char* k, int32_t& v, std::span<const char* const> names, const KaFieldInfo& h) override
     {
         std::string list;
         for (const char* n : names) list += std::string(list.empty() ? "" : "|") + n;
         const std::string def = v >= 0 && static_cast<std::size_t>(v) < names.size() ? names[v] : std::to_string(v);
-        rows.push_back({k, "name or index: " + list, "\"" + def + "\"", h, {names.begin(), names.end()}});
+        KaFieldDescription d = Row(k, "name or index: " + list, "\"" + def + "\"", h.help);
+        d.choices.assign(names.begin(), names.end());
+        d.choiceHelp.assign(h.choiceHelp.begin(), h.choiceHelp.end());
+        Push(std::move(d), h, true);
     }
-    void Field(const char* k, KaAnisotropy& v, const char* h) override
+    void Field(const char* k, KaAnisotropy& v, const KaFieldInfo& h) override
     {
-        rows.push_back({k, "JSON object", AnisotropyToJson(v).dump(), h, {}});
+        Push(Row(k, "JSON object", AnisotropyToJson(v).dump(), h.help), h, false);
     }
-    void Field(const char* k, KaVarioVector*& v, const char* h) override
+    void Field(const char* k, KaVarioVector*& v, const KaFieldInfo& h) override
     {
-        rows.push_back({k, "JSON object", v ? VariogramToJson(*v).dump() : "null", h, {}});
+        Push(Row(k, "JSON object", v ? VariogramToJson(*v).dump() : "null", h.help), h, false);
+    }
+
+private:
+    static KaFieldDescription Row(const char* key, std::string type, std::string def, const char* help)
+    {
+        KaFieldDescription d;
+        d.key = key;
+        d.type = std::move(type);
+        d.defaultValue = std::move(def);
+        d.help = help;
+        return d;
+    }
+    void Push(KaFieldDescription d, const KaFieldInfo& info, bool whole)
+    {
+        d.range = RangeText(info.range, whole);
+        d.carriedOnly = info.carriedOnly;
+        rows.push_back(std::move(d));
+    }
+};
+
+// Refuses the first number outside its field's declared range, and a choice
+// index that names no choice.
+class CheckRanges : public KaFieldVisitor {
+public:
+    std::string failure;
+
+    void Field(const char* k, double& v, const KaFieldInfo& i) override { Check(k, v, i, Text(v)); }
+    void Field(const char* k, int32_t& v, const KaFieldInfo& i) override { Check(k, v, i, std::to_string(v)); }
+    void Field(const char* k, int64_t& v, const KaFieldInfo& i) override { Check(k, v, i, std::to_string(v)); }
+    void Field(const char* k, uint32_t& v, const KaFieldInfo& i) override { Check(k, v, i, std::to_string(v)); }
+    void Field(const char* k, uint64_t& v, const KaFieldInfo& i) override { Check(k, v, i, std::to_string(v)); }
+    void Field(const char*, bool&, const KaFieldInfo&) override {}
+    void Field(const char*, std::string&, const KaFieldInfo&) override {}
+    void Choice(const char* k, int32_t& v, std::span<const char* const> names, const KaFieldInfo&) override
+    {
+        if (failure.empty() && (v < 0 || static_cast<std::size_t>(v) >= names.size()))
+            failure = std::string(k) + ": must be a name or an index from 0 to " + std::to_string(names.size() - 1) +
+                      ", not " + std::to_string(v);
+    }
+    void Field(const char*, KaAnisotropy&, const KaFieldInfo&) override {}
+    void Field(const char*, KaVarioVector*&, const KaFieldInfo&) override {}
+
+private:
+    static std::string Text(double v) { return std::isfinite(v) ? json(v).dump() : std::to_string(v); }
+    template <typename T>
+    void Check(const char* k, T v, const KaFieldInfo& info, const std::string& text)
+    {
+        const KaFieldRange& r = info.range;
+        if (!failure.empty() || r.Contains(static_cast<double>(v))) return;
+        const bool whole = std::is_integral_v<T>;
+        const bool low = r.HasMin() && !(r.minOpen ? static_cast<double>(v) > r.min : static_cast<double>(v) >= r.min);
+        std::string must;
+        if (low) must = (r.minOpen ? "above " : "at least ") + Bound(r.min, whole);
+        else must = (r.maxOpen ? "below " : "at most ") + Bound(r.max, whole) +
+                    (info.rangeWhy ? std::string(" (") + info.rangeWhy + ")" : "");
+        failure = std::string(k) + ": must be " + must + ", not " + text;
     }
 };
 
@@ -439,13 +520,11 @@ std::vector<KaFieldDescription> DescribeFields(KaEstimatorGridParam& record)
 
 std::string ValidateForRun(const KaEstimatorGridParam& record)
 {
-    constexpr int32_t kMaxSectors = 360;  // sectors of one degree
     std::string invalid = record.Validate();
     if (!invalid.empty()) return invalid;
-    // Also without useSearch: the search runs with the sector count all the same.
-    if (const auto* search = dynamic_cast<const KaEstGridSearcherParam*>(&record);
-        search && search->sectorCount > kMaxSectors)
-        return "sectorCount: must be at most " + std::to_string(kMaxSectors) + " (sectors of one degree), not " +
-               std::to_string(search->sectorCount);
-    return {};
+    // Every declared range, also where the record's own checks skip a field
+    // (the search settings without useSearch: the search uses them all the same).
+    CheckRanges check;
+    const_cast<KaEstimatorGridParam&>(record).VisitFields(check);  // the visit only reads
+    return check.failure;
 }

@@ -7,6 +7,7 @@
 #include <vector>
 
 class KaEstimatorGridParam;
+struct KaFieldRange;
 
 // A parameter that cannot be applied: the message names the key.
 class KaParamError : public std::runtime_error {
@@ -39,15 +40,22 @@ void ApplyJson(KaEstimatorGridParam& record, const nlohmann::json& object, const
 void ApplySetting(KaEstimatorGridParam& record, const std::string& setting,
                   std::set<std::string>* applied = nullptr);
 
-// One line per field for `kagrid methods`: key, type, default and meaning.
+// One line per field for `kagrid methods`: key, type, default, range and meaning.
 struct KaFieldDescription {
     std::string key, type, defaultValue, help;
-    std::vector<std::string> choices;  // the display names of a choice field; empty otherwise
+    std::vector<std::string> choices;     // the display names of a choice field; empty otherwise
+    std::vector<std::string> choiceHelp;  // what each choice means, where the field says
+    std::string range;                    // "1 to 360", "at least 0", ...; empty when unbounded
+    bool carriedOnly = false;             // kept in the record, not used by the estimate
 };
+// A declared range as `kagrid methods` shows it; empty when unbounded.
+std::string RangeText(const KaFieldRange& range, bool wholeNumbers);
 std::vector<KaFieldDescription> DescribeFields(KaEstimatorGridParam& record);
 
-// The record's own Validate(), then what a run refuses besides: more than 360
-// sectors, which the dialogs never give (they stop at 32) and whose per-node
-// sector lists would only exhaust memory and time. Empty when the record may
-// run; otherwise "field: reason".
+// The record's own Validate(), then what a run refuses besides: a value
+// outside its field's declared range (e.g. more than 360 sectors, which the
+// dialogs never give and whose per-node sector lists would only exhaust
+// memory and time; a search setting out of range also without useSearch) and
+// a choice index that names no choice. Empty when the record may run;
+// otherwise "field: reason".
 std::string ValidateForRun(const KaEstimatorGridParam& record);

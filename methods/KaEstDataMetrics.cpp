@@ -103,7 +103,8 @@ std::string KaEstDataMetricsParam::Validate() const
 void KaEstDataMetricsParam::VisitFields(KaFieldVisitor& v)
 {
     KaEstGridSearcherParam::VisitFields(v);
-    v.Choice("metric", metric, KaDataMetricNames(), "the statistic of the neighbours given to each node");
+    v.Choice("metric", metric, KaDataMetricNames(),
+             KaField("the statistic of the neighbours given to each node").Choices(kDescriptions));
 }
 
 double KaEstDataMetrics::EstimateNode(double x, double y)

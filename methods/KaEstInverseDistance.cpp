@@ -7,10 +7,10 @@
 void KaEstInverseDistanceParam::VisitFields(KaFieldVisitor& v)
 {
     KaEstGridSearcherParam::VisitFields(v);
-    v.Field("power", power, "exponent of the inverse distance weight");
-    v.Field("smoothing", smoothing, "added to the distance to the power");
-    v.Field("anisotropyRatio", anisotropyRatio, "carried only: distances are plain Euclidean");
-    v.Field("anisotropyAngle", anisotropyAngle, "carried only: distances are plain Euclidean");
+    v.Field("power", power, KaField("exponent of the inverse distance weight").Dialog(0, 100));
+    v.Field("smoothing", smoothing, KaField("added to the distance to the power").AtLeast(0).Dialog(0, 1e12));
+    v.Field("anisotropyRatio", anisotropyRatio, KaField("distances are plain Euclidean").Carried());
+    v.Field("anisotropyAngle", anisotropyAngle, KaField("distances are plain Euclidean").Carried());
 }
 
 void KaEstInverseDistance::SetParam(std::unique_ptr<KaEstimatorGridParam> param)

@@ -67,7 +67,7 @@ void KaEstKrigParam::VisitFields(KaFieldVisitor& v)
 {
     KaEstGridSearcherParam::VisitFields(v);
     v.Choice("krigType", krigType, kKrigTypes, "Simple (no unbiasedness constraint) or Ordinary");
-    v.Choice("driftType", driftType, kDriftTypes, "carried only: the system has no drift terms");
+    v.Choice("driftType", driftType, kDriftTypes, KaField("the system has no drift terms").Carried());
     v.Field("createStdDev", createStdDev,
             "kagrid: also write the kriging standard deviation, named stdDevName, beside the output");
     v.Field("stdDevName", stdDevName, "name of the standard-deviation surface");

@@ -17,8 +17,9 @@ std::string KaEstLinearTriangulationParam::Validate() const
 void KaEstLinearTriangulationParam::VisitFields(KaFieldVisitor& v)
 {
     KaEstimatorGridParam::VisitFields(v);
-    v.Field("anisotropyRatio", anisotropyRatio, "carried only: the triangulation is isotropic; must be above 0");
-    v.Field("anisotropyAngle", anisotropyAngle, "carried only: the triangulation is isotropic");
+    v.Field("anisotropyRatio", anisotropyRatio,
+            KaField("the triangulation is isotropic").Carried().Above(0).Dialog(0, 8388608));
+    v.Field("anisotropyAngle", anisotropyAngle, KaField("the triangulation is isotropic").Carried().Dialog(-360, 360));
     v.Field("limitEdgeLength", limitEdgeLength, "skip triangles with an edge longer than edgeLengthLimit");
     v.Field("edgeLengthLimit", edgeLengthLimit, "longest edge drawn; only used when above 0");
     v.Field("useXYZLength", useXYZLength, "measure edges in x, y and z instead of in the plane");

@@ -14,6 +14,7 @@ public:
     // Deliberately lighter than its parent's: the grid record's checks only (the
     // search settings are not checked), then orders 0..3.
     std::string Validate() const override;
+    double MaxOrder() const override { return 3; }
 };
 
 // Local polynomial: each node from a polynomial fitted to that node's

@@ -18,9 +18,12 @@ std::string KaEstModifiedShepardParam::Validate() const
 void KaEstModifiedShepardParam::VisitFields(KaFieldVisitor& v)
 {
     KaEstInverseDistanceParam::VisitFields(v);
-    v.Field("smoothingFactor", smoothingFactor, "carried only: not used by the estimate");
-    v.Field("quadraticNeighbors", quadraticNeighbors, "carried only (at least 3): the fit uses every neighbour");
-    v.Field("weightingNeighbors", weightingNeighbors, "carried only (at least 3): not used by the estimate");
+    v.Field("smoothingFactor", smoothingFactor,
+            KaField("not used by the estimate").Carried().AtLeast(0).Dialog(0, 1e12));
+    v.Field("quadraticNeighbors", quadraticNeighbors,
+            KaField("the fit uses every neighbour").Carried().AtLeast(3).Dialog(0, 2147483647));
+    v.Field("weightingNeighbors", weightingNeighbors,
+            KaField("not used by the estimate").Carried().AtLeast(3).Dialog(0, 2147483647));
 }
 
 KaEstModifiedShepard::KaEstModifiedShepard() = default;

@@ -1,6 +1,7 @@
 #include "methods/KaEstPolynomial.h"
 
 #include <cmath>
+#include <limits>
 
 #include "core/KaFieldVisitor.h"
 #include "methods/numeric/KaMatrix.h"
@@ -21,15 +22,21 @@ std::string KaEstPolynomialParam::Validate() const
     return {};
 }
 
+double KaEstPolynomialParam::MaxOrder() const { return std::numeric_limits<double>::infinity(); }
+
 void KaEstPolynomialParam::VisitFields(KaFieldVisitor& v)
 {
     KaEstGridSearcherParam::VisitFields(v);
-    v.Field("totalOrder", totalOrder, "highest total degree of a term");
-    v.Field("xOrder", xOrder, "highest power of x in a term");
-    v.Field("yOrder", yOrder, "highest power of y in a term");
+    // The regression page offers orders to 10 (a total of at least 1); the
+    // local polynomial's checks stop at 3.
+    const double most = MaxOrder();
+    v.Field("totalOrder", totalOrder, KaField("highest total degree of a term").Between(0, most).Dialog(1, 10));
+    v.Field("xOrder", xOrder, KaField("highest power of x in a term").Between(0, most).Dialog(0, 10));
+    v.Field("yOrder", yOrder, KaField("highest power of y in a term").Between(0, most).Dialog(0, 10));
     v.Field("thirdOrder", thirdOrder, "highest power of the third variable (keep 0)");
     v.Field("globalFit", globalFit, "one fit over all samples: no distance weighting, minInAll raised to the term count");
-    v.Field("weightingPower", weightingPower, "exponent p of the weight (1 - d/dmax)^p; no weighting when |p| <= 1e-5");
+    v.Field("weightingPower", weightingPower,
+            KaField("exponent p of the weight (1 - d/dmax)^p; no weighting when |p| <= 1e-5").Dialog(0, 20));
 }
 
 std::vector<KaMonomial> KaPolynomialTerms(int32_t total, int32_t xOrder, int32_t yOrder, int32_t thirdOrder)

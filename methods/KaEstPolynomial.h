@@ -16,6 +16,8 @@ public:
 
     std::string Validate() const override;
     void VisitFields(KaFieldVisitor& v) override;
+    // The highest order the method takes (its fields' declared range).
+    virtual double MaxOrder() const;
 
     int32_t totalOrder = 3;  // highest a + b + c of a term
     int32_t xOrder = 3;      // highest x exponent

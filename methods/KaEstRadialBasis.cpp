@@ -31,7 +31,7 @@ void KaEstRadialBasisParam::VisitFields(KaFieldVisitor& v)
 {
     KaEstGridSearcherParam::VisitFields(v);
     v.Choice("basisFunction", basisFunction, kBasisNames, "radial basis function");
-    v.Field("r2Parameter", r2Parameter, "smoothing length R (enters as R^2); not negative");
+    v.Field("r2Parameter", r2Parameter, KaField("smoothing length R (enters as R^2)").AtLeast(0));
     v.Field("anisotropy", anisotropy,
             "anisotropy of the distances: {\"angle1\": 0, \"angle2\": 0, \"angle3\": 0, "
             "\"ratio1\": 1, \"ratio2\": 1}");

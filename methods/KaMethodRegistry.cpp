@@ -1,5 +1,11 @@
 #include "methods/KaMethodRegistry.h"
 
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <stdexcept>
+#include <typeinfo>
+
 #include "methods/KaEstDataMetrics.h"
 #include "methods/KaEstInverseDistance.h"
 #include "methods/KaEstKrig.h"
@@ -13,42 +19,200 @@
 #include "methods/KaEstPolynomialRegression.h"
 #include "methods/KaEstRadialBasis.h"
 #include "methods/KaTriangulationJob.h"
+#include "methods/numeric/KaVario.h"
+#include "methods/numeric/KaVariogramFit.h"
 
 namespace {
 
 template <typename T>
 std::unique_ptr<KaEstimatorGridParam> Param() { return std::make_unique<T>(); }
 template <typename T>
+std::unique_ptr<KaEstimatorGridParam> Clone(const KaEstimatorGridParam& r)
+{
+    // Exactly this class: a record of a derived method is not one of these.
+    if (typeid(r) != typeid(T)) return nullptr;
+    return std::make_unique<T>(static_cast<const T&>(r));
+}
+template <typename T>
 std::unique_ptr<KaEstimatorGrid> Estimator() { return std::make_unique<T>(); }
 template <typename T>
 std::unique_ptr<KaGridJob> Job(KaJobObserver* observer) { return std::make_unique<T>(observer); }
 
-// In the order of the host menu's slots.
+std::string Compact(double v)
+{
+    char buf[32];
+    std::snprintf(buf, sizeof buf, "%.4g", v);
+    return buf;
+}
+
+// Tuning candidates, each method's own settings in the order that decides ties.
+
+std::vector<KaTuneOption> InverseDistanceCandidates(const KaTuneShape& shape)
+{
+    std::vector<KaTuneOption> out;
+    for (int64_t power : {1, 2, 3})
+        for (bool smooth : {false, true})
+            // Small next to the weight of a sample one spacing away.
+            out.push_back({"", {{"power", power},
+                                {"smoothing", smooth ? std::pow(shape.spacing / 4, static_cast<int>(power)) : 0.0}}});
+    return out;
+}
+
+std::vector<KaTuneOption> ModifiedShepardCandidates(const KaTuneShape&)
+{
+    std::vector<KaTuneOption> out;
+    for (int64_t power : {1, 2, 3}) out.push_back({"", {{"power", power}}});
+    return out;
+}
+
+// The variogram is fitted to at most this many samples (every k-th): the
+// experimental variogram looks at every pair.
+constexpr std::size_t kVariogramSamples = 3000;
+
+std::vector<KaTuneOption> VariogramCandidates(const KaTuneShape& shape)
+{
+    if (shape.given.count("variogram")) return {KaTuneOption{"the given variogram", {}}};
+    std::vector<Ka3DPoint> some;
+    const std::size_t step = (shape.points.size() + kVariogramSamples - 1) / kVariogramSamples;
+    for (std::size_t i = 0; i < shape.points.size(); i += std::max<std::size_t>(step, 1))
+        some.push_back(shape.points[i]);
+    std::vector<KaTuneOption> out;
+    KaVariogramOptions vo;
+    std::vector<KaVariogramLag> lags;
+    try {
+        lags = KaExperimentalVariogram(some, vo);
+    } catch (const std::invalid_argument&) {
+        return {KaTuneOption{"the record's variogram", {}}};
+    }
+    for (uint32_t model : {kKaVarioSpherical, kKaVarioExponential, kKaVarioGaussian}) {
+        try {
+            KaVariogramFitResult fit = KaFitVariogram(lags, {kKaVarioNugget, model});
+            out.push_back({"fitted Nugget+" + KaVario::ModelName(model),
+                           {{"variogram", std::shared_ptr<const KaVarioVector>(std::move(fit.model))}}});
+        } catch (const std::invalid_argument&) {
+            // too few lags for this model
+        }
+    }
+    if (out.empty()) out.push_back(KaTuneOption{"the record's variogram", {}});
+    return out;
+}
+
+std::vector<KaTuneOption> KrigingCandidates(const KaTuneShape& shape)
+{
+    std::vector<KaTuneOption> out;
+    for (const KaTuneOption& v : VariogramCandidates(shape))
+        for (bool textbook : {true, false})
+            for (int64_t type : {1, 0}) {
+                KaTuneOption o = v;
+                o.settings.emplace_back("nuggetOnDiagonal", !textbook);
+                o.settings.emplace_back("krigType", type);
+                if (!shape.given.count("nuggetOnDiagonal"))
+                    o.label += textbook ? ", textbook nugget" : ", nugget on the diagonal";
+                if (!shape.given.count("krigType")) o.label += type == 1 ? ", ordinary" : ", simple";
+                out.push_back(std::move(o));
+            }
+    return out;
+}
+
+// The largest range of the record's variogram, tried as the search radius.
+double KrigingRadius(const KaEstimatorGridParam& record)
+{
+    const auto* krig = dynamic_cast<const KaEstKrigParam*>(&record);
+    if (!krig || !krig->variogram) return 0;
+    double range = 0;
+    for (std::size_t k = 0; k < krig->variogram->size(); ++k) {
+        const KaVario& v = (*krig->variogram)[k];
+        if (v.modelType != kKaVarioNugget && v.modelType != kKaVarioLinear && v.modelType != kKaVarioPower)
+            range = std::max(range, v.range);
+    }
+    return range;
+}
+
+std::vector<KaTuneOption> RadialBasisCandidates(const KaTuneShape& shape)
+{
+    // The radial basis page's suggestion for R2: L^2 / (25 n), L the
+    // diagonal of the data in whole units.
+    const double suggestion = std::trunc(shape.diagonal) * std::trunc(shape.diagonal) / (25.0 * shape.n);
+    std::vector<KaTuneOption> out;
+    for (int64_t basis = 0; basis < 5; ++basis)
+        for (double r2 : {0.0, suggestion / 4, suggestion, suggestion * 4}) {
+            KaTuneOption o{"", {{"basisFunction", basis}, {"r2Parameter", r2}}};
+            if (!shape.given.count("basisFunction")) o.label = KaEstRadialBasisParam::BasisNames()[basis];
+            if (!shape.given.count("r2Parameter")) o.label += (o.label.empty() ? "R2 " : ", R2 ") + Compact(r2);
+            out.push_back(std::move(o));
+        }
+    return out;
+}
+
+std::vector<KaTuneOption> LocalPolynomialCandidates(const KaTuneShape& shape)
+{
+    std::vector<KaTuneOption> out;
+    for (int64_t order : {1, 2, 3})
+        for (int64_t power : {1, 2, 3}) {
+            KaTuneOption o{"", {{"totalOrder", order}, {"xOrder", order}, {"yOrder", order}, {"weightingPower", power}}};
+            if (!shape.given.count("totalOrder")) o.label = "order " + std::to_string(order);
+            if (!shape.given.count("weightingPower"))
+                o.label += (o.label.empty() ? "" : ", ") + std::string("weightingPower ") + std::to_string(power);
+            out.push_back(std::move(o));
+        }
+    return out;
+}
+
+// In the order of the host menu agency's slots. One line (or a few) per method.
 const KaMethodInfo kMethods[] = {
-    {"kriging", "Kriging", "_Krig", Param<KaEstKrigParam>, Estimator<KaEstKrig>},
-    {"linear-kriging", "Kriging", "_Krig", Param<KaEstKrigingParam>, Estimator<KaEstKriging>},
-    {"inverse-distance", "Inverse Distance to a Power", "_Inverse",
-     Param<KaEstInverseDistanceParam>, Estimator<KaEstInverseDistance>},
-    {"nearest-neighbor", "Nearest Neighbor", "_Near",
-     Param<KaEstNearestNeighborParam>, Estimator<KaEstNearestNeighbor>},
-    {"moving-average", "Arithmetic Mean", "_Mean",
-     Param<KaEstMovingAverageParam>, Estimator<KaEstMovingAverage>},
-    {"modified-shepard", "Modified Shepard's Method", "_shepard",
-     Param<KaEstModifiedShepardParam>, Estimator<KaEstModifiedShepard>},
-    {"data-metrics", "Data Metrics", "_Metrics",
-     Param<KaEstDataMetricsParam>, Estimator<KaEstDataMetrics>},
-    {"radial-basis", "Radial Basis Function", "_Radial",
-     Param<KaEstRadialBasisParam>, Estimator<KaEstRadialBasis>},
-    {"polynomial-regression", "Polynomial Regression", "_Poly",
-     Param<KaEstPolynomialRegressionParam>, Estimator<KaEstPolynomialRegression>, nullptr,
-     "a shell in this release: every node of its grid is blank"},
-    {"local-polynomial", "Local Polynomial", "_Poly",
-     Param<KaEstLocalPolynomialParam>, Estimator<KaEstLocalPolynomial>},
-    {"minimum-curvature", "Minimum Curvature", "_Curvature",
-     Param<KaEstMinCurvatureParam>, Estimator<KaEstMinCurvature>, nullptr,
-     "a shell in this release: its gridding job ends without a surface"},
-    {"triangulation", "Triangulation with Linear Interpolation", "_GridTri",
-     Param<KaEstLinearTriangulationParam>, Estimator<KaEstLinearTriangulation>, Job<KaTriangulationJob>},
+    {.key = "kriging", .title = "Kriging", .suffix = "_Krig",
+     .makeParam = Param<KaEstKrigParam>, .cloneParam = Clone<KaEstKrigParam>, .makeEstimator = Estimator<KaEstKrig>,
+     .can = {.stdDev = true},
+     .tune = {.candidates = KrigingCandidates, .radius = KrigingRadius},
+     .review = {.keys = "variogram, driftType", .solvesSystems = true}},
+    {.key = "linear-kriging", .title = "Kriging", .suffix = "_Krig",
+     .makeParam = Param<KaEstKrigingParam>, .cloneParam = Clone<KaEstKrigingParam>,
+     .makeEstimator = Estimator<KaEstKriging>,
+     .can = {.stdDev = true},
+     .review = {.keys = "slope", .solvesSystems = true}},
+    {.key = "inverse-distance", .title = "Inverse Distance to a Power", .suffix = "_Inverse",
+     .makeParam = Param<KaEstInverseDistanceParam>, .cloneParam = Clone<KaEstInverseDistanceParam>,
+     .makeEstimator = Estimator<KaEstInverseDistance>,
+     .tune = {.candidates = InverseDistanceCandidates},
+     .review = {.keys = "power, smoothing"}},
+    {.key = "nearest-neighbor", .title = "Nearest Neighbor", .suffix = "_Near",
+     .makeParam = Param<KaEstNearestNeighborParam>, .cloneParam = Clone<KaEstNearestNeighborParam>,
+     .makeEstimator = Estimator<KaEstNearestNeighbor>},
+    {.key = "moving-average", .title = "Arithmetic Mean", .suffix = "_Mean",
+     .makeParam = Param<KaEstMovingAverageParam>, .cloneParam = Clone<KaEstMovingAverageParam>,
+     .makeEstimator = Estimator<KaEstMovingAverage>},
+    {.key = "modified-shepard", .title = "Modified Shepard's Method", .suffix = "_shepard",
+     .makeParam = Param<KaEstModifiedShepardParam>, .cloneParam = Clone<KaEstModifiedShepardParam>,
+     .makeEstimator = Estimator<KaEstModifiedShepard>,
+     .tune = {.candidates = ModifiedShepardCandidates},
+     .review = {.keys = "quadraticNeighbors, weightingNeighbors, smoothingFactor"}},
+    {.key = "data-metrics", .title = "Data Metrics", .suffix = "_Metrics",
+     .makeParam = Param<KaEstDataMetricsParam>, .cloneParam = Clone<KaEstDataMetricsParam>,
+     .makeEstimator = Estimator<KaEstDataMetrics>,
+     .review = {.zValues = false}},
+    {.key = "radial-basis", .title = "Radial Basis Function", .suffix = "_Radial",
+     .makeParam = Param<KaEstRadialBasisParam>, .cloneParam = Clone<KaEstRadialBasisParam>,
+     .makeEstimator = Estimator<KaEstRadialBasis>,
+     .tune = {.candidates = RadialBasisCandidates},
+     .review = {.keys = "basisFunction, r2Parameter", .solvesSystems = true}},
+    {.key = "polynomial-regression", .title = "Polynomial Regression", .suffix = "_Poly",
+     .makeParam = Param<KaEstPolynomialRegressionParam>, .cloneParam = Clone<KaEstPolynomialRegressionParam>,
+     .makeEstimator = Estimator<KaEstPolynomialRegression>,
+     .note = "a shell in this release: every node of its grid is blank"},
+    {.key = "local-polynomial", .title = "Local Polynomial", .suffix = "_Poly",
+     .makeParam = Param<KaEstLocalPolynomialParam>, .cloneParam = Clone<KaEstLocalPolynomialParam>,
+     .makeEstimator = Estimator<KaEstLocalPolynomial>,
+     .tune = {.candidates = LocalPolynomialCandidates},
+     .review = {.keys = "totalOrder (or xOrder, yOrder), minInAll, maxFromAll", .solvesSystems = true}},
+    {.key = "minimum-curvature", .title = "Minimum Curvature", .suffix = "_Curvature",
+     .makeParam = Param<KaEstMinCurvatureParam>, .cloneParam = Clone<KaEstMinCurvatureParam>,
+     .makeEstimator = Estimator<KaEstMinCurvature>,
+     .note = "a shell in this release: its gridding job ends without a surface",
+     .can = {.searching = false, .pointwise = false}},
+    {.key = "triangulation", .title = "Triangulation with Linear Interpolation", .suffix = "_GridTri",
+     .makeParam = Param<KaEstLinearTriangulationParam>, .cloneParam = Clone<KaEstLinearTriangulationParam>,
+     .makeEstimator = Estimator<KaEstLinearTriangulation>, .makeJob = Job<KaTriangulationJob>,
+     .can = {.mesh = true, .searching = false, .pointwise = false}},
 };
 
 }  // namespace

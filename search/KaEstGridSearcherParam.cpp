@@ -29,15 +29,22 @@ std::string KaEstGridSearcherParam::Validate() const { return ValidateSearch(); 
 void KaEstGridSearcherParam::VisitFields(KaFieldVisitor& v)
 {
     KaEstimatorGridParam::VisitFields(v);
+    // The dialogs' limits are theirs: at most 32 sectors, counts that fit an int.
+    constexpr double kIntMax = 2147483647;
     v.Field("useSearch", useSearch, "when false, the search settings are not validated (the search still uses them)");
-    v.Field("sectorCount", sectorCount, "number of sectors to search (at most 360)");
-    v.Field("maxFromAll", maxFromAll, "maximum number of data to use from all sectors (stops the rings)");
-    v.Field("maxFromEach", maxFromEach, "maximum number of data to use from each sector");
-    v.Field("minInAll", minInAll, "minimum number of data in all sectors (node is blanked if fewer)");
-    v.Field("blankSectors", blankSectors, "rings may stop early only while fewer sectors than this are empty");
-    v.Field("radius1", radius1, "search ellipse semi-axis along the ellipse angle");
-    v.Field("radius2", radius2, "search ellipse semi-axis across the ellipse angle");
-    v.Field("ellipseAngle", ellipseAngle, "search ellipse angle, degrees");
+    v.Field("sectorCount", sectorCount,
+            KaField("number of sectors to search").Between(1, 360, "sectors of one degree").Dialog(1, 32));
+    v.Field("maxFromAll", maxFromAll,
+            KaField("maximum number of data to use from all sectors (stops the rings)").AtLeast(1).Dialog(1, kIntMax));
+    v.Field("maxFromEach", maxFromEach,
+            KaField("maximum number of data to use from each sector").AtLeast(1).Dialog(1, kIntMax));
+    v.Field("minInAll", minInAll,
+            KaField("minimum number of data in all sectors (node is blanked if fewer)").AtLeast(1).Dialog(1, kIntMax));
+    v.Field("blankSectors", blankSectors,
+            KaField("rings may stop early only while fewer sectors than this are empty").AtLeast(1).Dialog(1, kIntMax));
+    v.Field("radius1", radius1, KaField("search ellipse semi-axis along the ellipse angle").AtLeast(0).Dialog(0, 1e12));
+    v.Field("radius2", radius2, KaField("search ellipse semi-axis across the ellipse angle").AtLeast(0).Dialog(0, 1e12));
+    v.Field("ellipseAngle", ellipseAngle, KaField("search ellipse angle, degrees").Dialog(-360, 360));
     v.Choice("searchMode", searchMode, kSearchModes,
              "rings: the ring walk above; nearest: the samples inside a true ellipse, nearest first, "
              "up to maxFromEach per sector and maxFromAll in all");

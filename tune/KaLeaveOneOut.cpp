@@ -164,7 +164,7 @@ std::vector<double> KaLeaveOneOut::Run(KaEstimatorGridParam& record, const std::
 
 void KaRequireLeaveOneOut(const KaMethodInfo& method)
 {
-    if (method.makeJob || !dynamic_cast<KaEstGridSearcher*>(method.makeEstimator().get()))
+    if (!method.can.pointwise || !dynamic_cast<KaEstGridSearcher*>(method.makeEstimator().get()))
         throw KaParamError(std::string(method.key) + " does not estimate node by node from searched samples, "
                            "so it cannot be cross-validated");
 }

@@ -4,21 +4,18 @@
 #include <cmath>
 #include <cstdio>
 #include <map>
+#include <type_traits>
+#include <variant>
 
 #include "io/KaNumericJson.h"
 #include "io/KaParamJson.h"
-#include "methods/KaEstKrig.h"
-#include "methods/KaEstRadialBasis.h"
-#include "methods/numeric/KaVariogramFit.h"
+#include "methods/numeric/KaVario.h"
 #include "search/KaEstGridSearcher.h"
 
 namespace {
 
 constexpr int64_t kCounts[] = {8, 16, 32, 64};
 constexpr int64_t kProbeCount = 32;
-// The variogram is fitted to at most this many samples (every k-th): the
-// experimental variogram looks at every pair.
-constexpr std::size_t kVariogramSamples = 3000;
 
 struct Shape {
     std::size_t n = 0;
@@ -56,93 +53,31 @@ std::string Compact(double v)
     return buf;
 }
 
-std::vector<Option> VariogramOptions(const std::vector<Ka3DPoint>& points, const std::set<std::string>& given)
+// One candidate value as the parameter file holds it.
+nlohmann::ordered_json ToJson(const KaTuneValue& value)
 {
-    if (given.count("variogram")) return {Option{"the given variogram"}};
-    std::vector<Ka3DPoint> some;
-    const std::size_t step = (points.size() + kVariogramSamples - 1) / kVariogramSamples;
-    for (std::size_t i = 0; i < points.size(); i += std::max<std::size_t>(step, 1)) some.push_back(points[i]);
-    std::vector<Option> out;
-    KaVariogramOptions vo;
-    std::vector<KaVariogramLag> lags;
-    try {
-        lags = KaExperimentalVariogram(some, vo);
-    } catch (const std::invalid_argument&) {
-        return {Option{"the record's variogram"}};
-    }
-    for (uint32_t model : {kKaVarioSpherical, kKaVarioExponential, kKaVarioGaussian}) {
-        try {
-            const KaVariogramFitResult fit = KaFitVariogram(lags, {kKaVarioNugget, model});
-            Option o{"fitted Nugget+" + KaVario::ModelName(model)};
-            o.settings["variogram"] = VariogramToJson(*fit.model);
-            out.push_back(std::move(o));
-        } catch (const std::invalid_argument&) {
-            // too few lags for this model
-        }
-    }
-    if (out.empty()) out.push_back(Option{"the record's variogram"});
-    return out;
+    if (const auto* model = std::get_if<std::shared_ptr<const KaVarioVector>>(&value))
+        return *model ? nlohmann::ordered_json(VariogramToJson(**model)) : nlohmann::ordered_json();
+    return std::visit(
+        [](const auto& v) -> nlohmann::ordered_json {
+            if constexpr (std::is_same_v<std::decay_t<decltype(v)>, std::shared_ptr<const KaVarioVector>>) return {};
+            else return v;
+        },
+        value);
 }
 
-// The method's own candidates, in the order that decides ties.
+// The method's own candidates (from its registry entry), in the order that decides ties.
 std::vector<Option> MethodOptions(const KaMethodInfo& method, const std::vector<Ka3DPoint>& points,
                                   const Shape& shape, const std::set<std::string>& given)
 {
-    const std::string key = method.key;
     std::vector<Option> out;
-    if (key == "inverse-distance") {
-        for (int power : {1, 2, 3})
-            for (bool smooth : {false, true}) {
-                Option o;
-                o.settings["power"] = power;
-                // Small next to the weight of a sample one spacing away.
-                o.settings["smoothing"] = smooth ? std::pow(shape.spacing / 4, power) : 0.0;
-                out.push_back(std::move(o));
-            }
-    } else if (key == "modified-shepard") {
-        for (int power : {1, 2, 3}) {
-            Option o;
-            o.settings["power"] = power;
+    if (method.tune.candidates) {
+        const KaTuneShape s{points, shape.n, shape.diagonal, shape.spacing, shape.zRange, given};
+        for (const KaTuneOption& candidate : method.tune.candidates(s)) {
+            Option o{candidate.label};
+            for (const auto& [key, value] : candidate.settings) o.settings[key] = ToJson(value);
             out.push_back(std::move(o));
         }
-    } else if (key == "kriging") {
-        for (const Option& v : VariogramOptions(points, given))
-            for (bool textbook : {true, false})
-                for (int type : {1, 0}) {
-                    Option o = v;
-                    o.settings["nuggetOnDiagonal"] = !textbook;
-                    o.settings["krigType"] = type;
-                    if (!given.count("nuggetOnDiagonal"))
-                        o.label += textbook ? ", textbook nugget" : ", nugget on the diagonal";
-                    if (!given.count("krigType")) o.label += type == 1 ? ", ordinary" : ", simple";
-                    out.push_back(std::move(o));
-                }
-    } else if (key == "radial-basis") {
-        // The radial basis page's suggestion for R2: L^2 / (25 n), L the
-        // diagonal of the data in whole units.
-        const double suggestion = std::trunc(shape.diagonal) * std::trunc(shape.diagonal) / (25.0 * shape.n);
-        for (int basis = 0; basis < 5; ++basis)
-            for (double r2 : {0.0, suggestion / 4, suggestion, suggestion * 4}) {
-                Option o;
-                o.settings["basisFunction"] = basis;
-                o.settings["r2Parameter"] = r2;
-                if (!given.count("basisFunction")) o.label = KaEstRadialBasisParam::BasisNames()[basis];
-                if (!given.count("r2Parameter")) o.label += (o.label.empty() ? "R2 " : ", R2 ") + Compact(r2);
-                out.push_back(std::move(o));
-            }
-    } else if (key == "local-polynomial") {
-        for (int order : {1, 2, 3})
-            for (int power : {1, 2, 3}) {
-                Option o;
-                o.settings["totalOrder"] = order;
-                o.settings["xOrder"] = order;
-                o.settings["yOrder"] = order;
-                o.settings["weightingPower"] = power;
-                if (!given.count("totalOrder")) o.label = "order " + std::to_string(order);
-                if (!given.count("weightingPower"))
-                    o.label += (o.label.empty() ? "" : ", ") + std::string("weightingPower ") + std::to_string(power);
-                out.push_back(std::move(o));
-            }
     }
     if (out.empty()) out.push_back(Option{});
     return out;
@@ -285,24 +220,20 @@ private:
         if (progress_) progress_(100, "");
     }
 
-    // Kriging: the largest range of the chosen variogram as the radius, and
-    // twice that, when below the radius in use.
+    // The radius the method suggests for the chosen settings (kriging: the
+    // variogram's largest range), and twice that, when below the radius in use.
     void RadiusStage()
     {
         if (options_.given.count("radius1") || options_.given.count("radius2")) return;
+        if (!method_.tune.radius) return;
         const KaTuneCandidate best = result_.rows[result_.best].candidate;
         const auto record = Apply(best.settings);
-        const auto* krig = dynamic_cast<const KaEstKrigParam*>(record.get());
-        if (!krig || !krig->variogram) return;
-        double range = 0;
-        for (std::size_t k = 0; k < krig->variogram->size(); ++k) {
-            const KaVario& v = (*krig->variogram)[k];
-            if (v.modelType != kKaVarioNugget && v.modelType != kKaVarioLinear && v.modelType != kKaVarioPower)
-                range = std::max(range, v.range);
-        }
+        const auto* search = dynamic_cast<const KaEstGridSearcherParam*>(record.get());
+        if (!search) return;
+        const double range = method_.tune.radius(*record);
         std::vector<KaTuneCandidate> stage;
         for (double r : {range, 2 * range}) {
-            if (!(r > 0) || !(r < std::min(krig->radius1, krig->radius2))) continue;
+            if (!(r > 0) || !(r < std::min(search->radius1, search->radius2))) continue;
             nlohmann::ordered_json search = best.search;
             search["radius1"] = search["radius2"] = r;
             stage.push_back(Make("search", search, Option{labels_[result_.best], best.method}));

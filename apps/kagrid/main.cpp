@@ -31,7 +31,6 @@
 #include "apps/kagrid/KaSubcommands.h"
 #include "apps/kagrid/KaTuneCommand.h"
 #include "core/KaRecordFill.h"
-#include "methods/KaEstDataMetrics.h"
 #include "methods/KaEstKrig.h"
 #include "methods/KaMethodRegistry.h"
 #include "platform/kadata/KaDelaunayTriangle.h"
@@ -171,12 +170,20 @@ Options ParseArguments(int argc, char** argv)
     return o;
 }
 
+// Each field: key, type, default and range, then its meaning (and what each
+// of its choices means, where it says).
 void PrintFields(const std::vector<KaFieldDescription>& fields, const std::set<std::string>& skip)
 {
-    for (const KaFieldDescription& f : fields)
-        if (!skip.count(f.key))
-            std::printf("    %-22s %s, default %s\n%28s%s\n", f.key.c_str(), f.type.c_str(), f.defaultValue.c_str(), "",
-                        f.help.c_str());
+    for (const KaFieldDescription& f : fields) {
+        if (skip.count(f.key)) continue;
+        std::printf("    %-22s %s, default %s%s\n%28s%s%s\n", f.key.c_str(), f.type.c_str(), f.defaultValue.c_str(),
+                    f.range.empty() ? "" : (", range " + f.range).c_str(), "", f.carriedOnly ? "carried only: " : "",
+                    f.help.c_str());
+        if (f.choiceHelp.empty()) continue;
+        std::printf("    %ss:\n", f.key.c_str());
+        for (std::size_t i = 0; i < f.choices.size() && i < f.choiceHelp.size(); ++i)
+            std::printf("      %-20s %s\n", f.choices[i].c_str(), f.choiceHelp[i].c_str());
+    }
 }
 
 std::set<std::string> Keys(const std::vector<KaFieldDescription>& fields)
@@ -200,12 +207,6 @@ void ListMethod(const KaMethodInfo& m)
     std::printf("%s: %s (output name suffix \"%s\")\n", m.key, m.title, m.suffix);
     if (m.note) std::printf("    (%s)\n", m.note);
     PrintFields(DescribeFields(*record), {});
-    if (std::string_view(m.key) == "data-metrics") {
-        std::printf("    metrics:\n");
-        const auto names = KaDataMetricNames();
-        for (std::size_t i = 0; i < names.size(); ++i)
-            std::printf("      %-20s %s\n", names[i], KaDataMetricDescription(static_cast<int>(i)));
-    }
 }
 
 void ListMethods(const std::string& only)
@@ -230,20 +231,12 @@ void ListMethods(const std::string& only)
     std::printf("\nMethods and their own parameters:\n");
     for (const KaMethodInfo& m : KaMethods()) {
         auto record = m.makeParam();
-        const auto fields = DescribeFields(*record);
-        const std::set<std::string> keys = Keys(fields);
-        const bool searching = std::includes(keys.begin(), keys.end(), searchKeys.begin(), searchKeys.end());
+        const bool searching = m.can.searching;
         std::printf("\n%s: %s (output name suffix \"%s\"%s)\n", m.key, m.title, m.suffix,
                     searching ? ", searching" : "");
         if (m.note) std::printf("    (%s)\n", m.note);
         std::set<std::string> skip = searching ? searchKeys : common;
-        PrintFields(fields, skip);
-        if (std::string_view(m.key) == "data-metrics") {
-            std::printf("    metrics:\n");
-            const auto names = KaDataMetricNames();
-            for (std::size_t i = 0; i < names.size(); ++i)
-                std::printf("      %-20s %s\n", names[i], KaDataMetricDescription(static_cast<int>(i)));
-        }
+        PrintFields(DescribeFields(*record), skip);
     }
     std::printf("\nUse --print-params to see the effective values for an input.\n");
 }
@@ -263,7 +256,7 @@ int Run(const Options& o)
 {
     const KaMethodInfo* method = FindMethod(o.method);
     if (!method) UnknownMethod(o.method);
-    if (!o.mesh.empty() && std::string_view(method->key) != "triangulation") Usage("--mesh: only the triangulation method makes a mesh");
+    if (!o.mesh.empty() && !method->can.mesh) Usage("--mesh: only the triangulation method makes a mesh");
     // Checked before the input is read: a typo here should not wait for a large file.
     const std::string crs = o.crs.empty() ? std::string() : CrsFromDefinition(o.crs);
     auto note = [&](const std::string& text) {
