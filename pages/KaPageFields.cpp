@@ -13,14 +13,19 @@ namespace {
 
 QString Tr(const char* text) { return QCoreApplication::translate("KaPageEstimatorBase", text); }
 
-// Large enough for any radius of projected coordinates.
-constexpr double kMaxLength = 1e12;
-
 }  // namespace
 
 KaPreciseSpinBox* KaNewDoubleSpin(const char* objectName, double min, double max, int decimals, double value)
 {
     auto* spin = new KaPreciseSpinBox(min, max, decimals);
+    spin->setObjectName(QString::fromLatin1(objectName));
+    spin->SetExactValue(value);
+    return spin;
+}
+
+KaPreciseSpinBox* KaNewDoubleSpin(const char* objectName, const KaFieldRange& limits, int decimals, double value)
+{
+    auto* spin = MakePreciseSpin(limits, decimals);
     spin->setObjectName(QString::fromLatin1(objectName));
     spin->SetExactValue(value);
     return spin;
@@ -56,9 +61,9 @@ QGroupBox* KaEllipseFields::Create(QWidget* parent)
 {
     auto* group = new QGroupBox(Tr("Search Ellipse"), parent);
     group->setObjectName("GroupSearchEllipse");
-    radius1 = KaNewDoubleSpin("SpinRadius1", 0.0, kMaxLength, 4, 1.0);
-    radius2 = KaNewDoubleSpin("SpinRadius2", 0.0, kMaxLength, 4, 1.0);
-    angle = KaNewDoubleSpin("SpinAngle", -360.0, 360.0, 4, 0.0);
+    radius1 = KaNewDoubleSpin("SpinRadius1", KaDialogLimits<KaEstGridSearcherParam>("radius1"), 4, 1.0);
+    radius2 = KaNewDoubleSpin("SpinRadius2", KaDialogLimits<KaEstGridSearcherParam>("radius2"), 4, 1.0);
+    angle = KaNewDoubleSpin("SpinAngle", KaDialogLimits<KaEstGridSearcherParam>("ellipseAngle"), 4, 0.0);
     auto* form = new QFormLayout(group);
     form->addRow(Tr("Radius 1"), radius1);
     form->addRow(Tr("Radius 2"), radius2);

@@ -3,6 +3,7 @@
 #include <QString>
 
 class KaEstGridSearcherParam;
+struct KaFieldRange;
 class KaPreciseSpinBox;
 class QGroupBox;
 class QRadioButton;
@@ -14,6 +15,8 @@ class QWidget;
 // A real spin box named `objectName` that hands back the record's exact
 // value until the user changes it.
 KaPreciseSpinBox* KaNewDoubleSpin(const char* objectName, double min, double max, int decimals, double value);
+// The same over the limits a field declares for the dialogs.
+KaPreciseSpinBox* KaNewDoubleSpin(const char* objectName, const KaFieldRange& limits, int decimals, double value);
 
 // A radio button named `objectName` in `group`.
 QRadioButton* KaNewRadio(QWidget* group, const char* objectName, const QString& text);

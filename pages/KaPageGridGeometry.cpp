@@ -53,9 +53,9 @@ KaPageGridGeometry::KaPageGridGeometry(KaPageRecordHolder* dialog, QWidget* pare
     txtHeight_ = MakeEdit("TxtHeight", this, true);
     txtDx_ = MakeEdit("TxtDx", this, true);
     txtDy_ = MakeEdit("TxtDy", this, true);
-    spinXCount_ = MakePageSpin("SpinXCount", 1, std::numeric_limits<int>::max(), 1, this);
-    spinYCount_ = MakePageSpin("SpinYCount", 1, std::numeric_limits<int>::max(), 1, this);
-    spinTolerance_ = new KaPreciseSpinBox(0.0, 1e9, 6, this);
+    spinXCount_ = MakePageSpin("SpinXCount", KaDialogLimits<KaEstimatorGridParam>("columnCount"), 1, this);
+    spinYCount_ = MakePageSpin("SpinYCount", KaDialogLimits<KaEstimatorGridParam>("rowCount"), 1, this);
+    spinTolerance_ = MakePreciseSpin(KaDialogLimits<KaEstimatorGridParam>("tolerance"), 6, this);
     spinTolerance_->setObjectName("SpinTolerance");
     txtOriginalInvalid_ = MakeEdit("TxtOriginalInvalid", this);
     txtGridInvalid_ = MakeEdit("TxtGridInvalid", this);

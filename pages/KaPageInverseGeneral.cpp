@@ -11,8 +11,8 @@ KaPageInverseGeneral::KaPageInverseGeneral(KaPageRecordHolder* dialog, QWidget* 
     : KaPageEstimatorBase(dialog, parent)
 {
     auto* general = new QGroupBox(tr("General"), this);
-    power_ = KaNewDoubleSpin("SpinPower", 0.0, 100.0, 4, 2.0);
-    smoothing_ = KaNewDoubleSpin("SpinSmoothing", 0.0, 1e12, 6, 0.0);
+    power_ = KaNewDoubleSpin("SpinPower", KaDialogLimits<KaEstInverseDistanceParam>("power"), 4, 2.0);
+    smoothing_ = KaNewDoubleSpin("SpinSmoothing", KaDialogLimits<KaEstInverseDistanceParam>("smoothing"), 6, 0.0);
     auto* form = new QFormLayout(general);
     form->addRow(tr("Power"), power_);
     form->addRow(tr("Smoothing"), smoothing_);

@@ -15,7 +15,7 @@
 KaPageLocalPolynomial::KaPageLocalPolynomial(KaPageRecordHolder* dialog, QWidget* parent)
     : KaPageEstimatorBase(dialog, parent)
 {
-    power_ = MakePageSpin("SpinPower", 0, 20, 2, this);
+    power_ = MakePageSpin("SpinPower", KaDialogLimits<KaEstLocalPolynomialParam>("weightingPower"), 2, this);
     power_->setMinimumWidth(80);
     auto* form = new QFormLayout;
     form->setFieldGrowthPolicy(QFormLayout::FieldsStayAtSizeHint);

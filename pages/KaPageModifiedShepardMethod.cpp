@@ -21,10 +21,11 @@ KaPageModifiedShepardMethod::KaPageModifiedShepardMethod(KaPageRecordHolder* dia
     : KaPageEstimatorBase(dialog, parent)
 {
     auto* general = new QGroupBox(tr("General"), this);
-    smoothing_ = KaNewDoubleSpin("SpinSmoothingFactor", 0.0, 1e12, 6, 0.0);
+    using R = KaEstModifiedShepardParam;
+    smoothing_ = KaNewDoubleSpin("SpinSmoothingFactor", KaDialogLimits<R>("smoothingFactor"), 6, 0.0);
     // Below 3 is offered so that a record refused by validation shows as it is.
-    quadratic_ = MakePageSpin("SpinQuadraticNeighbors", 0, INT_MAX, 3, general);
-    weighting_ = MakePageSpin("SpinWeightingNeighbors", 0, INT_MAX, 3, general);
+    quadratic_ = MakePageSpin("SpinQuadraticNeighbors", KaDialogLimits<R>("quadraticNeighbors"), 3, general);
+    weighting_ = MakePageSpin("SpinWeightingNeighbors", KaDialogLimits<R>("weightingNeighbors"), 3, general);
     auto* form = new QFormLayout(general);
     form->addRow(tr("Smoothing Factor"), smoothing_);
     form->addRow(tr("Quadratic Neighbor"), quadratic_);

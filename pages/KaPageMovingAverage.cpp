@@ -20,8 +20,8 @@ KaPageMovingAverage::KaPageMovingAverage(KaPageRecordHolder* dialog, QWidget* pa
     : KaPageEstimatorBase(dialog, parent)
 {
     auto* counts = new QGroupBox(tr("Data Count"), this);
-    minInAll_ = MakePageSpin("SpinMinInAll", 1, INT_MAX, 1, counts);
-    maxFromAll_ = MakePageSpin("SpinMaxFromAll", 1, INT_MAX, 1, counts);
+    minInAll_ = MakePageSpin("SpinMinInAll", KaDialogLimits<KaEstMovingAverageParam>("minInAll"), 1, counts);
+    maxFromAll_ = MakePageSpin("SpinMaxFromAll", KaDialogLimits<KaEstMovingAverageParam>("maxFromAll"), 1, counts);
     auto* form = new QFormLayout(counts);
     form->addRow(tr("Minimum number of data (node is blanked if fewer)"), minInAll_);
     form->addRow(tr("Maximum number of data to use"), maxFromAll_);

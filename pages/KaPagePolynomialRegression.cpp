@@ -44,9 +44,10 @@ KaPagePolynomialRegression::KaPagePolynomialRegression(KaPageRecordHolder* dialo
     }
 
     auto* parameters = new QGroupBox(tr("Parameters"), this);
-    maxX_ = MakePageSpin("SpinMaxOrderX", 0, 10, 1, parameters);
-    maxY_ = MakePageSpin("SpinMaxOrderY", 0, 10, 1, parameters);
-    maxTotal_ = MakePageSpin("SpinMaxOrderTotal", 1, 10, 1, parameters);
+    using R = KaEstPolynomialRegressionParam;
+    maxX_ = MakePageSpin("SpinMaxOrderX", KaDialogLimits<R>("xOrder"), 1, parameters);
+    maxY_ = MakePageSpin("SpinMaxOrderY", KaDialogLimits<R>("yOrder"), 1, parameters);
+    maxTotal_ = MakePageSpin("SpinMaxOrderTotal", KaDialogLimits<R>("totalOrder"), 1, parameters);
     auto* grid = new QGridLayout(parameters);
     int row = 0;
     for (auto [label, spin] : {std::pair{tr("Max X Order"), maxX_}, std::pair{tr("Max Y Order"), maxY_},

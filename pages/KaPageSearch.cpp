@@ -32,11 +32,11 @@ bool Fail(QWidget* w)
 KaSearchEllipseBox::KaSearchEllipseBox(QWidget* page)
 {
     box_ = new QGroupBox("Search Ellipse", page);
-    radius1 = new KaPreciseSpinBox(0.0, 1e12, 3, box_);
+    radius1 = MakePreciseSpin(KaDialogLimits<KaEstGridSearcherParam>("radius1"), 3, box_);
     radius1->setObjectName("SpinRadius1");
-    radius2 = new KaPreciseSpinBox(0.0, 1e12, 3, box_);
+    radius2 = MakePreciseSpin(KaDialogLimits<KaEstGridSearcherParam>("radius2"), 3, box_);
     radius2->setObjectName("SpinRadius2");
-    angle = new KaPreciseSpinBox(-360.0, 360.0, 4, box_);
+    angle = MakePreciseSpin(KaDialogLimits<KaEstGridSearcherParam>("ellipseAngle"), 4, box_);
     angle->setObjectName("SpinAngle");
     auto* form = new QFormLayout(box_);
     form->addRow("Radius 1", radius1);
@@ -67,11 +67,12 @@ KaPageSearch::KaPageSearch(KaPageRecordHolder* dialog, QWidget* parent)
 {
     chkNoSearch_ = new QCheckBox("&No Search(use all of the data)", this);
     chkNoSearch_->setObjectName("ChkNoSearch");
-    spinSectors_ = MakePageSpin("SpinSectorsCount", 1, 32, 1, this);
-    spinMaxFromAll_ = MakePageSpin("SpinMaxFromAll", 1, kIntMax, 1, this);
-    spinMaxFromEach_ = MakePageSpin("SpinMaxFromEach", 1, kIntMax, 1, this);
-    spinMinInAll_ = MakePageSpin("SpinMinInAll", 1, kIntMax, 1, this);
-    spinBlankSectors_ = MakePageSpin("SpinBlankSectors", 1, kIntMax, 1, this);
+    using R = KaEstGridSearcherParam;
+    spinSectors_ = MakePageSpin("SpinSectorsCount", KaDialogLimits<R>("sectorCount"), 1, this);
+    spinMaxFromAll_ = MakePageSpin("SpinMaxFromAll", KaDialogLimits<R>("maxFromAll"), 1, this);
+    spinMaxFromEach_ = MakePageSpin("SpinMaxFromEach", KaDialogLimits<R>("maxFromEach"), 1, this);
+    spinMinInAll_ = MakePageSpin("SpinMinInAll", KaDialogLimits<R>("minInAll"), 1, this);
+    spinBlankSectors_ = MakePageSpin("SpinBlankSectors", KaDialogLimits<R>("blankSectors"), 1, this);
 
     auto* layout = new QVBoxLayout(this);
     layout->addWidget(chkNoSearch_);
