@@ -151,20 +151,6 @@ inline std::map<std::string, std::vector<std::string>> Choices(KaEstimatorGridPa
     return choices;
 }
 
-// The method `key` is registered under `title` and `suffix` and makes a
-// record of class Param and an estimator of class Estimator.
-template <typename Param, typename Estimator>
-void ExpectMethod(const char* key, const char* title, const char* suffix)
-{
-    SCOPED_TRACE(key);
-    const KaMethodInfo* m = FindMethod(key);
-    ASSERT_TRUE(m);
-    EXPECT_STREQ(m->title, title);
-    EXPECT_STREQ(m->suffix, suffix);
-    EXPECT_TRUE(dynamic_cast<Param*>(m->makeParam().get()));
-    EXPECT_TRUE(dynamic_cast<Estimator*>(m->makeEstimator().get()));
-}
-
 // The message of the Error `f` throws, or "" when it throws nothing.
 template <typename Error, typename F>
 std::string ErrorOf(F f)

@@ -132,9 +132,6 @@ TEST(ModifiedShepard, ValidationAndRegistration)
 
     EXPECT_EQ(katest::OwnKeys(p, KaEstInverseDistanceParam()),
               (std::vector<std::string>{"smoothingFactor", "quadraticNeighbors", "weightingNeighbors"}));
-
-    katest::ExpectMethod<KaEstModifiedShepardParam, KaEstModifiedShepard>("modified-shepard",
-                                                                        "Modified Shepard's Method", "_shepard");
 }
 
 TEST(DataMetrics, StatisticsOfAHandCheckedNeighbourhood)
@@ -214,7 +211,6 @@ TEST(DataMetrics, NamesDescriptionsAndRecord)
 
 TEST(DataMetrics, WholeJobThroughTheRegistry)
 {
-    katest::ExpectMethod<KaEstDataMetricsParam, KaEstDataMetrics>("data-metrics", "Data Metrics", "_Metrics");
     const KaMethodInfo* m = FindMethod("data-metrics");
     ASSERT_TRUE(m);
     auto record = m->makeParam();

@@ -278,9 +278,4 @@ TEST(PolynomialRecords, FieldsAndRegistration)
     EXPECT_EQ(katest::OwnKeys(p, KaEstGridSearcherParam()),
               (std::vector<std::string>{"totalOrder", "xOrder", "yOrder", "thirdOrder", "globalFit",
                                         "weightingPower"}));
-
-    katest::ExpectMethod<KaEstLocalPolynomialParam, KaEstLocalPolynomial>("local-polynomial", "Local Polynomial",
-                                                                        "_Poly");
-    katest::ExpectMethod<KaEstPolynomialRegressionParam, KaEstPolynomialRegression>(
-        "polynomial-regression", "Polynomial Regression", "_Poly");
 }
