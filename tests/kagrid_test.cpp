@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <filesystem>
+#include <sstream>
 #include <nlohmann/json.hpp>
 
 #include "KaTestSupport.h"
@@ -202,4 +204,44 @@ TEST(Kagrid, ThreadCountChangesNothingInTheFileAndIsChecked)
         EXPECT_EQ(r.status, 2) << bad;
         EXPECT_NE(r.output.find("--threads"), std::string::npos) << r.output;
     }
+}
+
+// The usage of every command and its parser come from one option table: each
+// option a usage lists is taken by that command, and one that takes a value
+// says so when the value is missing. `kagrid methods` shows the declared ranges.
+TEST(Kagrid, EveryListedOptionIsTakenByItsCommand)
+{
+    for (const std::string command : {"", "cross-validate ", "variogram ", "tune "}) {
+        const auto help = Kagrid(command + "--help");
+        ASSERT_EQ(help.status, 0) << command;
+        std::string all;                  // every listed option with a value where it takes one
+        std::vector<std::string> valued;  // the options that take a value
+        std::istringstream lines(help.output);
+        for (std::string line; std::getline(lines, line);) {
+            if (line.rfind("  -", 0) != 0) continue;
+            std::istringstream words(line);
+            std::vector<std::string> label;
+            for (std::string w; words >> w && (label.empty() || w[0] == '-' || std::isupper(static_cast<unsigned char>(w[0])));)
+                label.push_back(w);
+            for (std::size_t i = 0; i < label.size(); ++i) {
+                std::string option = label[i];
+                if (option[0] != '-' || option == "-h," || option == "--help" || option == "--version") continue;
+                if (option.back() == ',') option.pop_back();
+                const bool takesValue = i + 1 < label.size() && label[i + 1][0] != '-';
+                all += option + (takesValue ? " 1 " : " ");
+                if (takesValue) valued.push_back(option);
+            }
+        }
+        SCOPED_TRACE(command + all);
+        ASSERT_GE(valued.size(), 4u);
+        const auto r = Kagrid(command + all);
+        EXPECT_EQ(r.output.find("unknown option"), std::string::npos) << r.output;
+        for (const std::string& option : {valued.front(), valued.back()}) {
+            const auto missing = Kagrid(command + option);
+            EXPECT_EQ(missing.status, 2);
+            EXPECT_NE(missing.output.find(option + " needs "), std::string::npos) << missing.output;
+        }
+    }
+    EXPECT_NE(Kagrid("methods").output.find("sectorCount            whole number, default 4, range 1 to 360"),
+              std::string::npos);
 }

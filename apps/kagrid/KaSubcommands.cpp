@@ -17,54 +17,32 @@ namespace {
 
 struct Command {
     const char* name;
-    const char* usage;
-    std::vector<std::string> valueOptions;  // own options that take a value
+    KaCommand id;
+    const char* head;  // the usage before the options
     int (*run)(const KaSubOptions&);
+
+    std::string Usage() const { return head + KaOptionsUsage(id); }
 };
 
 const Command kCommands[] = {
-    {"cross-validate",
+    {"cross-validate", kKaCrossValidate,
      "usage: kagrid cross-validate METHOD INPUT [options]\n"
      "  Estimates every sample from all the others with the method's parameters and prints\n"
      "  count, estimated count, mean error, mean absolute error, RMSE and the correlation of\n"
-     "  observed and estimated (errors are observed - estimated).\n"
-     "options:\n"
-     "  --set KEY=VALUE, --params FILE, --x/--y/--z COL   as for gridding\n"
-     "  --report FILE.json   the statistics as {\"count\", \"estimated\", \"me\", \"mae\", \"rmse\", \"r\"}\n"
-     "  --residuals FILE     x, y, observed, estimated, residual per sample (.csv, .gpkg,\n"
-     "                       .geojson or .fgb)\n"
-     "  --threads N          worker threads (default: every core)\n"
-     "  -q, --quiet          no progress output\n",
-     {"--report", "--residuals", "--threads"}, RunCrossValidate},
-    {"variogram",
+     "  observed and estimated (errors are observed - estimated).\n",
+     RunCrossValidate},
+    {"variogram", kKaVariogram,
      "usage: kagrid variogram INPUT [options]\n"
-     "  The experimental semivariogram of the points, optionally with a fitted model.\n"
-     "options:\n"
-     "  --cutoff D           largest separation (default: a third of the bounding-box diagonal)\n"
-     "  --width W            lag width (default: cutoff / 15)\n"
-     "  --direction ANGLE    only pairs along this azimuth, degrees clockwise from north\n"
-     "  --tolerance T        angular tolerance either side of the direction (default 22.5)\n"
-     "  --fit MODEL+MODEL    fit a sum of models by weighted least squares (weights N/h^2),\n"
-     "                       e.g. Nugget+Spherical; names as in the variogram key\n"
-     "  --json FILE          the lags and the fitted model as JSON\n"
-     "  --plot FILE.png      the lags and the fitted curve\n"
-     "  --x/--y/--z COL      input columns as for gridding\n",
-     {"--cutoff", "--width", "--direction", "--tolerance", "--fit", "--json", "--plot"}, RunVariogram},
-    {"tune",
+     "  The experimental semivariogram of the points, optionally with a fitted model.\n",
+     RunVariogram},
+    {"tune", kKaTune,
      "usage: kagrid tune METHOD INPUT [options]\n"
      "  Tries a short list of settings for the method (search counts, sectors and mode, and\n"
      "  the method's own settings; see the README), scores each by leave-one-out\n"
      "  cross-validation, prints them with RMSE, MAE, mean error and the share of samples\n"
      "  not estimable, and marks the best with '*'. Keys given with --set or --params are\n"
-     "  held as given.\n"
-     "options:\n"
-     "  --set KEY=VALUE, --params FILE, --x/--y/--z COL   as for gridding\n"
-     "  --write-params FILE  the best settings as a parameter file for --params\n"
-     "  --max-blank PERCENT  a candidate leaving more samples than this not estimable loses\n"
-     "                       to one that does not (default 1)\n"
-     "  --threads N          worker threads (default: every core)\n"
-     "  -q, --quiet          no progress output\n",
-     {"--write-params", "--max-blank", "--threads"}, RunTune},
+     "  held as given.\n",
+     RunTune},
 };
 
 const Command* Find(const char* word)
@@ -76,28 +54,17 @@ const Command* Find(const char* word)
 
 KaSubOptions Parse(const Command& cmd, int argc, char** argv)
 {
+    const KaParsedOptions p = KaParseOptions(cmd.id, argc, argv, cmd.Usage());
     KaSubOptions o;
-    for (int i = 1; i < argc; ++i) {
-        const std::string a = argv[i];
-        auto value = [&]() -> std::string {
-            if (i + 1 >= argc) throw KaUsageError{a + " needs a value"};
-            return argv[++i];
-        };
-        if (a == "-h" || a == "--help") {
-            std::fputs(cmd.usage, stdout);
-            std::exit(0);
-        } else if (a == "--set") o.settings.push_back(value());
-        else if (a == "--params") o.paramsFile = value();
-        else if (a == "--x") o.columns.x = value(), o.given[0] = true;
-        else if (a == "--y") o.columns.y = value(), o.given[1] = true;
-        else if (a == "--z") o.columns.z = value(), o.given[2] = true;
-        else if (a == "-q" || a == "--quiet") o.quiet = true;
-        else if (std::find(cmd.valueOptions.begin(), cmd.valueOptions.end(), a) != cmd.valueOptions.end())
-            o.values[a] = value();
-        else if (a.size() > 1 && a[0] == '-' && !std::isdigit(static_cast<unsigned char>(a[1])))
-            throw KaUsageError{"unknown option " + a};
-        else o.positional.push_back(a);
-    }
+    o.positional = p.positional;
+    o.settings = p.Values("--set");
+    o.paramsFile = p.Value("--params");
+    const char* const columns[] = {"--x", "--y", "--z"};
+    std::string* targets[] = {&o.columns.x, &o.columns.y, &o.columns.z};
+    for (int k = 0; k < 3; ++k)
+        if (p.Has(columns[k])) *targets[k] = p.Value(columns[k]), o.given[k] = true;
+    o.quiet = p.Has("--quiet");
+    for (const auto& [name, values] : p.values) o.values[name] = values.empty() ? std::string() : values.back();
     return o;
 }
 
@@ -136,7 +103,7 @@ int RunSubcommand(int argc, char** argv)
         if (status == 0) outputs.Commit();
         return status;
     } catch (const KaUsageError& e) {
-        std::fprintf(stderr, "kagrid %s: %s\n%s", cmd.name, e.message.c_str(), cmd.usage);
+        std::fprintf(stderr, "kagrid %s: %s\n%s", cmd.name, e.message.c_str(), cmd.Usage().c_str());
         return 2;
     } catch (const std::bad_alloc&) {
         std::fprintf(stderr, "kagrid %s: out of memory\n", cmd.name);

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "apps/kagrid/KaOptions.h"
 #include "io/KaPointReader.h"
 #include "methods/KaMethodRegistry.h"
 
@@ -12,7 +13,8 @@ bool IsSubcommand(const char* word);
 // argv[0] is the command's name. Returns the exit status (0, 1 failure, 2 usage).
 int RunSubcommand(int argc, char** argv);
 
-// The options a command was given: the shared ones parsed, its own by name.
+// The options a command was given (parsed from kagrid's option table): the
+// shared ones by meaning, every one by name.
 struct KaSubOptions {
     std::vector<std::string> positional;
     std::vector<std::string> settings;
@@ -28,11 +30,6 @@ struct KaSubOptions {
         return it == values.end() ? std::string() : it->second;
     }
     bool Has(const std::string& key) const { return values.count(key) != 0; }
-};
-
-// Thrown for a usage error (exit status 2, with the command's usage text).
-struct KaUsageError {
-    std::string message;
 };
 
 // METHOD INPUT and --threads of the commands that leave samples out in turn;

@@ -17,6 +17,7 @@
 #include <gdal.h>
 
 #include "apps/kagrid/KaGridOptions.h"
+#include "apps/kagrid/KaOptions.h"
 #include "apps/kagrid/KaRunReport.h"
 #include "io/KaCrs.h"
 #include "io/KaIoError.h"
@@ -45,46 +46,24 @@ constexpr int kExitUsage = 2;
 // The size of the grid being made, for an allocation failure's message.
 std::string runGridSize;
 
-const char* kUsage =
-    "usage: kagrid METHOD INPUT OUTPUT [options]\n"
-    "       kagrid methods [METHOD]   list the methods (or one) with every parameter\n"
-    "       kagrid --version\n"
-    "       kagrid cross-validate METHOD INPUT [options]   leave-one-out statistics\n"
-    "       kagrid variogram INPUT [options]               experimental variogram and fit\n"
-    "       kagrid tune METHOD INPUT [options]             settings chosen by cross-validation\n"
-    "\n"
-    "INPUT   points: CSV or whitespace-separated x y z text, or any vector file GDAL reads;\n"
-    "        a raster GDAL reads: its nodes become the samples\n"
-    "OUTPUT  grid written with GDAL; the format from the extension (GeoTIFF without one)\n"
-    "\n"
-    "options:\n"
-    "  --set KEY=VALUE    set one parameter (repeatable; after --params)\n"
-    "  --params FILE      parameters from a JSON object {\"key\": value, ...}\n"
-    "  --print-params     print the effective parameters as JSON and exit\n"
-    "  --tune             first choose the settings as `kagrid tune` does, then grid with them\n"
-    "  --bounds XMIN,YMIN,XMAX,YMAX   the grid's box (first node at XMIN, YMIN)\n"
-    "  --cell DX[,DY]     node spacing; the counts follow from the bounds\n"
-    "  --size COLS,ROWS   node counts; the spacing follows from the bounds\n"
-    "  --like RASTER      the lattice of an existing grid\n"
-    "  --crs DEF          coordinate system of the output (EPSG:28992, WKT, PROJ string);\n"
-    "                     default: the input's (its layer, raster, or a .prj beside a text file)\n"
-    "  -of FORMAT         GDAL driver for OUTPUT (e.g. GTiff, AAIGrid, XYZ)\n"
-    "  -ot TYPE           band type (Float64 by default; Float32, Int16, ...)\n"
-    "  -co NAME=VALUE     creation option for the driver (repeatable)\n"
-    "  --preview FILE.png also write a colour-mapped picture with a legend\n"
-    "  --stddev FILE      kriging: also write the kriging standard deviation there\n"
-    "                     (default: STDDEVNAME beside OUTPUT, when createStdDev)\n"
-    "  --stddev-preview FILE.png   a picture of the standard deviation, as --preview\n"
-    "  --mesh FILE        triangulation: also write the triangle mesh (.gpkg or .shp)\n"
-    "  --x COL --y COL --z COL\n"
-    "                     text input: columns by 1-based number or header name (default: the\n"
-    "                     header's x, y, z (easting, lon, ...) when it has them, else 1 2 3);\n"
-    "                     vector input: --z names the attribute holding z (default: geometry z)\n"
-    "  --threads N        threads that estimate rows, and compress GeoTIFF strips, at once\n"
-    "                     (default: one per core); the grid is the same whatever N\n"
-    "  -q, --quiet        no progress output\n"
-    "  -h, --help         this text\n"
-    "  --version          kagrid's and GDAL's versions\n";
+// The usage: the commands, then the options from kagrid's one table.
+const std::string& Usage()
+{
+    static const std::string text =
+        "usage: kagrid METHOD INPUT OUTPUT [options]\n"
+        "       kagrid methods [METHOD]   list the methods (or one) with every parameter\n"
+        "       kagrid --version\n"
+        "       kagrid cross-validate METHOD INPUT [options]   leave-one-out statistics\n"
+        "       kagrid variogram INPUT [options]               experimental variogram and fit\n"
+        "       kagrid tune METHOD INPUT [options]             settings chosen by cross-validation\n"
+        "\n"
+        "INPUT   points: CSV or whitespace-separated x y z text, or any vector file GDAL reads;\n"
+        "        a raster GDAL reads: its nodes become the samples\n"
+        "OUTPUT  grid written with GDAL; the format from the extension (GeoTIFF without one)\n"
+        "\n" +
+        KaOptionsUsage(kKaGrid);
+    return text;
+}
 
 struct Options {
     std::string method, input, output, format, preview, mesh, paramsFile, stdDev, stdDevPreview;
@@ -103,58 +82,53 @@ struct Options {
 
 [[noreturn]] void Usage(const std::string& message)
 {
-    std::fprintf(stderr, "kagrid: %s\n%s", message.c_str(), kUsage);
+    std::fprintf(stderr, "kagrid: %s\n%s", message.c_str(), Usage().c_str());
     std::exit(kExitUsage);
 }
 
 Options ParseArguments(int argc, char** argv)
 {
-    Options o;
-    std::vector<std::string> positional;
-    for (int i = 1; i < argc; ++i) {
-        const std::string a = argv[i];
-        auto value = [&](const char* what) -> std::string {
-            if (i + 1 >= argc) Usage(a + " needs " + what);
-            return argv[++i];
-        };
-        if (a == "-h" || a == "--help") {
-            std::fputs(kUsage, stdout);
-            std::exit(0);
-        } else if (a == "--version") {
-            std::printf("kagrid %s (GDAL %s)\n", KAGRID_VERSION, GDALVersionInfo("RELEASE_NAME"));
-            std::exit(0);
-        } else if (a == "--set") o.settings.push_back(value("KEY=VALUE"));
-        else if (a == "--params") o.paramsFile = value("a JSON file");
-        else if (a == "--print-params") o.printParams = true;
-        else if (a == "--tune") o.tune = true;
-        else if (a == "-of") o.format = value("a format name");
-        else if (a == "-ot") o.dataType = value("a data type");
-        else if (a == "-co") o.creationOptions.push_back(value("NAME=VALUE"));
-        else if (a == "--crs") o.crs = value("a coordinate system");
-        else if (a == "--bounds") o.grid.bounds = value("XMIN,YMIN,XMAX,YMAX");
-        else if (a == "--cell") o.grid.cell = value("DX[,DY]");
-        else if (a == "--size") o.grid.size = value("COLS,ROWS");
-        else if (a == "--like") o.grid.like = value("a raster");
-        else if (a == "--preview") o.preview = value("a PNG file name");
-        else if (a == "--mesh") o.mesh = value("a file name");
-        else if (a == "--stddev") o.stdDev = value("a file name");
-        else if (a == "--stddev-preview") o.stdDevPreview = value("a PNG file name");
-        else if (a == "--x") { o.columns.x = value("a column"); o.xColumnGiven = true; }
-        else if (a == "--y") { o.columns.y = value("a column"); o.yColumnGiven = true; }
-        else if (a == "--z") { o.columns.z = value("a column or field"); o.zColumnGiven = true; }
-        else if (a == "--threads") {
-            const std::string n = value("a thread count");
-            char* end = nullptr;
-            const unsigned long t = std::strtoul(n.c_str(), &end, 10);
-            if (n.empty() || *end || !std::isdigit(static_cast<unsigned char>(n[0])) || t < 1 || t > 1024)
-                Usage("--threads needs a whole number from 1 to 1024, not '" + n + "'");
-            o.threads = static_cast<unsigned>(t);
-        }
-        else if (a == "-q" || a == "--quiet") o.quiet = true;
-        else if (a.size() > 1 && a[0] == '-' && !std::isdigit(static_cast<unsigned char>(a[1])))
-            Usage("unknown option " + a);
-        else positional.push_back(a);
+    KaParsedOptions p;
+    try {
+        p = KaParseOptions(kKaGrid, argc, argv, Usage());
+    } catch (const KaUsageError& e) {
+        Usage(e.message);
     }
+    if (p.Has("--version")) {
+        std::printf("kagrid %s (GDAL %s)\n", KAGRID_VERSION, GDALVersionInfo("RELEASE_NAME"));
+        std::exit(0);
+    }
+    Options o;
+    o.settings = p.Values("--set");
+    o.paramsFile = p.Value("--params");
+    o.printParams = p.Has("--print-params");
+    o.tune = p.Has("--tune");
+    o.format = p.Value("-of");
+    o.dataType = p.Value("-ot");
+    o.creationOptions = p.Values("-co");
+    o.crs = p.Value("--crs");
+    o.grid.bounds = p.Value("--bounds");
+    o.grid.cell = p.Value("--cell");
+    o.grid.size = p.Value("--size");
+    o.grid.like = p.Value("--like");
+    o.preview = p.Value("--preview");
+    o.mesh = p.Value("--mesh");
+    o.stdDev = p.Value("--stddev");
+    o.stdDevPreview = p.Value("--stddev-preview");
+    o.xColumnGiven = p.Has("--x"), o.yColumnGiven = p.Has("--y"), o.zColumnGiven = p.Has("--z");
+    if (o.xColumnGiven) o.columns.x = p.Value("--x");
+    if (o.yColumnGiven) o.columns.y = p.Value("--y");
+    if (o.zColumnGiven) o.columns.z = p.Value("--z");
+    if (p.Has("--threads")) {
+        const std::string n = p.Value("--threads");
+        char* end = nullptr;
+        const unsigned long t = std::strtoul(n.c_str(), &end, 10);
+        if (n.empty() || *end || !std::isdigit(static_cast<unsigned char>(n[0])) || t < 1 || t > 1024)
+            Usage("--threads needs a whole number from 1 to 1024, not '" + n + "'");
+        o.threads = static_cast<unsigned>(t);
+    }
+    o.quiet = p.Has("--quiet");
+    const std::vector<std::string>& positional = p.positional;
     if (positional.empty()) Usage("no method given");
     o.method = positional[0];
     if (o.method == "methods") {
