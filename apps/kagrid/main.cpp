@@ -32,7 +32,6 @@
 #include "apps/kagrid/KaSubcommands.h"
 #include "apps/kagrid/KaTuneCommand.h"
 #include "core/KaRecordFill.h"
-#include "methods/KaEstKrig.h"
 #include "methods/KaMethodRegistry.h"
 #include "platform/kadata/KaDelaunayTriangle.h"
 #include "platform/kadata/KaEventsLog.h"
@@ -287,12 +286,12 @@ int Run(const Options& o)
     for (const std::string& path : {o.output, o.preview, o.mesh}) CheckWritable(path);
     // The standard deviation: --stddev, or beside the output when the record asks for it.
     std::string stdDevPath = o.stdDev;
-    if (const auto* krig = dynamic_cast<const KaEstKrigParam*>(record.get());
-        stdDevPath.empty() && krig && krig->createStdDev) {
+    if (const nlohmann::ordered_json fields = RecordToJson(*record);
+        stdDevPath.empty() && fields.value("createStdDev", false)) {
         const std::filesystem::path out(o.output);
-        stdDevPath = (out.parent_path() / (krig->stdDevName + out.extension().string())).string();
+        stdDevPath = (out.parent_path() / (fields.value("stdDevName", "") + out.extension().string())).string();
     }
-    if (!stdDevPath.empty() && !method->makeEstimator()->FormsStdDev())
+    if (!stdDevPath.empty() && !method->can.stdDev)
         throw KaParamError(std::string("--stddev: ") + method->key + " forms no kriging variance");
     CheckWritable(stdDevPath);
     CheckWritable(o.stdDevPreview);
