@@ -17,7 +17,10 @@ struct Option {
     const char* label = nullptr;  // the usage's label when not name and argument
     unsigned unlisted = 0;        // commands that take it without listing it
 
-    Option(const char* n, const char* arg, unsigned c, const char* h) : name(n), argument(arg), commands(c), help(h) {}
+    Option(const char* n, const char* arg, unsigned c, const char* h)
+        : name(n), argument(arg), commands(c), help(h)
+    {
+    }
     Option& Needs(const char* v) { needs = v; return *this; }
     Option& Alias(const char* v) { alias = v; return *this; }
     Option& Label(const char* v) { label = v; return *this; }
@@ -30,8 +33,11 @@ constexpr unsigned kRecord = kKaGrid | kLeaveOneOut;  // the commands that build
 // In usage order. An option may appear twice with different commands when
 // its meaning there differs.
 const Option kOptions[] = {
-    Option("--set", "KEY=VALUE", kRecord | kKaVariogram, "set one parameter (repeatable; after --params)").Unlisted(kKaVariogram),
-    Option("--params", "FILE", kRecord | kKaVariogram, "parameters from a JSON object {\"key\": value, ...}").Needs("a JSON file").Unlisted(kKaVariogram),
+    Option("--set", "KEY=VALUE", kRecord | kKaVariogram, "set one parameter (repeatable; after --params)")
+        .Unlisted(kKaVariogram),
+    Option("--params", "FILE", kRecord | kKaVariogram, "parameters from a JSON object {\"key\": value, ...}")
+        .Needs("a JSON file")
+        .Unlisted(kKaVariogram),
     Option("--print-params", nullptr, kKaGrid, "print the effective parameters as JSON and exit"),
     Option("--tune", nullptr, kKaGrid, "first choose the settings as `kagrid tune` does, then grid with them"),
     Option("--bounds", "XMIN,YMIN,XMAX,YMAX", kKaGrid, "the grid's box (first node at XMIN, YMIN)"),
@@ -39,42 +45,47 @@ const Option kOptions[] = {
     Option("--size", "COLS,ROWS", kKaGrid, "node counts; the spacing follows from the bounds"),
     Option("--like", "RASTER", kKaGrid, "the lattice of an existing grid").Needs("a raster"),
     Option("--crs", "DEF", kKaGrid,
-     "coordinate system of the output (EPSG:28992, WKT, PROJ string);\n"
-     "default: the input's (its layer, raster, or a .prj beside a text file)").Needs("a coordinate system"),
+           "coordinate system of the output (EPSG:28992, WKT, PROJ string);\n"
+           "default: the input's (its layer, raster, or a .prj beside a text file)").Needs("a coordinate system"),
     Option("-of", "FORMAT", kKaGrid, "GDAL driver for OUTPUT (e.g. GTiff, AAIGrid, XYZ)").Needs("a format name"),
     Option("-ot", "TYPE", kKaGrid, "band type (Float64 by default; Float32, Int16, ...)").Needs("a data type"),
     Option("-co", "NAME=VALUE", kKaGrid, "creation option for the driver (repeatable)"),
-    Option("--preview", "FILE.png", kKaGrid, "also write a colour-mapped picture with a legend").Needs("a PNG file name"),
+    Option("--preview", "FILE.png", kKaGrid, "also write a colour-mapped picture with a legend")
+        .Needs("a PNG file name"),
     Option("--stddev", "FILE", kKaGrid,
-     "kriging: also write the kriging standard deviation there\n"
-     "(default: STDDEVNAME beside OUTPUT, when createStdDev)").Needs("a file name"),
-    Option("--stddev-preview", "FILE.png", kKaGrid, "a picture of the standard deviation, as --preview").Needs("a PNG file name"),
-    Option("--mesh", "FILE", kKaGrid, "triangulation: also write the triangle mesh (.gpkg or .shp)").Needs("a file name"),
+           "kriging: also write the kriging standard deviation there\n"
+           "(default: STDDEVNAME beside OUTPUT, when createStdDev)").Needs("a file name"),
+    Option("--stddev-preview", "FILE.png", kKaGrid, "a picture of the standard deviation, as --preview")
+        .Needs("a PNG file name"),
+    Option("--mesh", "FILE", kKaGrid, "triangulation: also write the triangle mesh (.gpkg or .shp)")
+        .Needs("a file name"),
     Option("--report", "FILE.json", kKaCrossValidate,
-     "the statistics as {\"count\", \"estimated\", \"me\", \"mae\", \"rmse\", \"r\"}"),
+           "the statistics as {\"count\", \"estimated\", \"me\", \"mae\", \"rmse\", \"r\"}"),
     Option("--residuals", "FILE", kKaCrossValidate,
-     "x, y, observed, estimated, residual per sample (.csv, .gpkg,\n.geojson or .fgb)"),
+           "x, y, observed, estimated, residual per sample (.csv, .gpkg,\n.geojson or .fgb)"),
     Option("--cutoff", "D", kKaVariogram, "largest separation (default: a third of the bounding-box diagonal)"),
     Option("--width", "W", kKaVariogram, "lag width (default: cutoff / 15)"),
     Option("--direction", "ANGLE", kKaVariogram, "only pairs along this azimuth, degrees clockwise from north"),
     Option("--tolerance", "T", kKaVariogram, "angular tolerance either side of the direction (default 22.5)"),
     Option("--fit", "MODEL+MODEL", kKaVariogram,
-     "fit a sum of models by weighted least squares (weights N/h^2),\n"
-     "e.g. Nugget+Spherical; names as in the variogram key"),
+           "fit a sum of models by weighted least squares (weights N/h^2),\n"
+           "e.g. Nugget+Spherical; names as in the variogram key"),
     Option("--json", "FILE", kKaVariogram, "the lags and the fitted model as JSON"),
     Option("--plot", "FILE.png", kKaVariogram, "the lags and the fitted curve"),
     Option("--write-params", "FILE", kKaTune, "the best settings as a parameter file for --params"),
     Option("--max-blank", "PERCENT", kKaTune,
-     "a candidate leaving more samples than this not estimable loses\nto one that does not (default 1)"),
+           "a candidate leaving more samples than this not estimable loses\nto one that does not (default 1)"),
     Option("--x", "COL", kKaAllCommands,
-     "text input: columns by 1-based number or header name (default: the\n"
-     "header's x, y, z (easting, lon, ...) when it has them, else 1 2 3);\n"
-     "vector input: --z names the attribute holding z (default: geometry z)").Needs("a column").Label("--x COL --y COL --z COL"),
+           "text input: columns by 1-based number or header name (default: the\n"
+           "header's x, y, z (easting, lon, ...) when it has them, else 1 2 3);\n"
+           "vector input: --z names the attribute holding z (default: geometry z)")
+        .Needs("a column")
+        .Label("--x COL --y COL --z COL"),
     Option("--y", "COL", kKaAllCommands, nullptr).Needs("a column"),
     Option("--z", "COL", kKaAllCommands, nullptr).Needs("a column or field"),
     Option("--threads", "N", kKaGrid,
-     "threads that estimate rows, and compress GeoTIFF strips, at once\n"
-     "(default: one per core); the grid is the same whatever N").Needs("a thread count"),
+           "threads that estimate rows, and compress GeoTIFF strips, at once\n"
+           "(default: one per core); the grid is the same whatever N").Needs("a thread count"),
     Option("--threads", "N", kLeaveOneOut, "worker threads (default: every core)"),
     Option("--quiet", nullptr, kKaAllCommands, "no progress output").Alias("-q").Unlisted(kKaVariogram),
     Option("--help", nullptr, kKaAllCommands, "this text").Alias("-h"),
