@@ -9,8 +9,8 @@ void KaEstInverseDistanceParam::VisitFields(KaFieldVisitor& v)
     KaEstGridSearcherParam::VisitFields(v);
     v.Field("power", power, KaField("exponent of the inverse distance weight").Dialog(0, 100));
     v.Field("smoothing", smoothing, KaField("added to the distance to the power").AtLeast(0).Dialog(0, 1e12));
-    v.Field("anisotropyRatio", anisotropyRatio, KaField("distances are plain Euclidean").Carried());
-    v.Field("anisotropyAngle", anisotropyAngle, KaField("distances are plain Euclidean").Carried());
+    v.Field("anisotropyRatio", anisotropyRatio, KaField("distances are plain Euclidean").Carried().Dialog(0, 8388608));
+    v.Field("anisotropyAngle", anisotropyAngle, KaField("distances are plain Euclidean").Carried().Dialog(-360, 360));
 }
 
 void KaEstInverseDistance::SetParam(std::unique_ptr<KaEstimatorGridParam> param)

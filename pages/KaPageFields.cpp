@@ -47,10 +47,16 @@ bool KaRefuseField(QWidget* widget, const QString& message)
 
 QGroupBox* KaAnisotropyFields::Create(QWidget* parent, int decimals)
 {
+    return Create(parent, decimals, {0.0, 8388608.0}, {-360.0, 360.0});
+}
+
+QGroupBox* KaAnisotropyFields::Create(QWidget* parent, int decimals, const KaFieldRange& ratioLimits,
+                                      const KaFieldRange& angleLimits)
+{
     auto* group = new QGroupBox(Tr("Anisotropy"), parent);
     group->setObjectName("GroupAnisotropy");
-    ratio = KaNewDoubleSpin("SpinRatio", 0.0, 8388608.0, decimals, 1.0);
-    angle = KaNewDoubleSpin("SpinAngle", -360.0, 360.0, decimals, 0.0);
+    ratio = KaNewDoubleSpin("SpinRatio", ratioLimits, decimals, 1.0);
+    angle = KaNewDoubleSpin("SpinAngle", angleLimits, decimals, 0.0);
     auto* form = new QFormLayout(group);
     form->addRow(Tr("Ratio"), ratio);
     form->addRow(Tr("Angle"), angle);

@@ -25,10 +25,13 @@ QRadioButton* KaNewRadio(QWidget* group, const char* objectName, const QString& 
 // and answers false: how a page refuses a value.
 bool KaRefuseField(QWidget* widget, const QString& message);
 
-// The group "Anisotropy": a ratio spin ("Ratio", `SpinRatio`) and an angle
-// spin ("Angle", `SpinAngle`, -360..360), both with `decimals` decimals.
+// The group "Anisotropy": a ratio spin ("Ratio", `SpinRatio`, 0..8388608
+// unless the record's fields say) and an angle spin ("Angle", `SpinAngle`,
+// -360..360 likewise), both with `decimals` decimals.
 struct KaAnisotropyFields {
     QGroupBox* Create(QWidget* parent, int decimals);
+    // Over the limits the record's anisotropy fields declare for the dialogs.
+    QGroupBox* Create(QWidget* parent, int decimals, const KaFieldRange& ratioLimits, const KaFieldRange& angleLimits);
     KaPreciseSpinBox* ratio = nullptr;
     KaPreciseSpinBox* angle = nullptr;
 };

@@ -19,7 +19,8 @@ KaPageInverseGeneral::KaPageInverseGeneral(KaPageRecordHolder* dialog, QWidget* 
 
     auto* layout = new QVBoxLayout(this);
     layout->addWidget(general);
-    layout->addWidget(anisotropy_.Create(this, 6));
+    layout->addWidget(anisotropy_.Create(this, 6, KaDialogLimits<KaEstInverseDistanceParam>("anisotropyRatio"),
+                                         KaDialogLimits<KaEstInverseDistanceParam>("anisotropyAngle")));
     layout->addStretch();
 }
 

@@ -13,7 +13,8 @@
 KaPageLinearTriangulation::KaPageLinearTriangulation(KaPageRecordHolder* dialog, QWidget* parent)
     : KaPageEstimatorBase(dialog, parent)
 {
-    QGroupBox* anisotropy = anisotropy_.Create(this, 6);
+    QGroupBox* anisotropy = anisotropy_.Create(this, 6, KaDialogLimits<KaEstLinearTriangulationParam>("anisotropyRatio"),
+                                               KaDialogLimits<KaEstLinearTriangulationParam>("anisotropyAngle"));
 
     auto* edges = new QGroupBox(tr("Triangle Edge"), this);
     // kept: the wording users know
