@@ -98,7 +98,7 @@ KaGridRunResult KaRunGrid(const KaMethodInfo& method, std::unique_ptr<KaEstimato
     try {
         out.surface = job->Run();
     } catch (const KaSearchError& e) {
-        throw std::runtime_error(std::string("the search failed: ") + e.what());
+        throw KaSearchError(std::string("the search failed: ") + e.what());
     }
     if (!out.surface) {
         std::string reason = job->FailureReason();
