@@ -17,9 +17,10 @@
 namespace {
 
 // Bytes a search structure keeps per sample (the samples sorted by rows and
-// by columns, their bucket keys and slots) and per grid node (the occupancy
-// maps of a dense bucket lattice), and what it keeps whatever the size.
-constexpr long double kSearchPerSample = 200, kSearchPerNode = 12, kSearchFixed = 8e6;
+// by columns, their bucket keys and slots), per bucket of its lattice (about
+// one per grid node: the occupancy maps of both orders), and per bucket of
+// the start tables (both orders), which stop at 4 keys a sample plus 2^20.
+constexpr long double kSearchPerSample = 200, kSearchPerNode = 2, kSearchPerStart = 8;
 // Each thread's neighbour lists and sector scratch, per neighbour.
 constexpr long double kNeighbourBytes = 64;
 // A per-node fit of a few polynomial terms, per neighbour.
@@ -65,10 +66,11 @@ void AddSearching(std::vector<KaMemoryItem>& items, const KaMethodInfo& method, 
                   uint64_t cap = UINT64_MAX)
 {
     const uint64_t n = samples.size();
-    items.push_back({"the search structures for " + Count(n) + " samples need " +
-                         KaBytesText(kSearchPerSample * n + kSearchPerNode * nodes + kSearchFixed),
-                     "use fewer samples (block-average them first)",
-                     kSearchPerSample * n + kSearchPerNode * nodes + kSearchFixed});
+    const long double starts = std::min<long double>(nodes, 4.0L * n + (1 << 20));
+    const long double search = kSearchPerSample * n + kSearchPerNode * nodes + kSearchPerStart * starts;
+    items.push_back({"the search structures for " + Count(n) + " samples" +
+                         (nodes > 0 ? " on the grid's bucket lattice" : "") + " need " + KaBytesText(search),
+                     "use fewer samples (block-average them first)", search});
     const uint64_t k = std::min(NeighbourCap(q, n), cap);
     const long double kk = static_cast<long double>(k);
     long double perThread = kNeighbourBytes * kk;

@@ -98,7 +98,7 @@ TEST(MemoryGuard, EveryGuardedAllocationIsRefusedNamingItsNeedAndTheMachine)
          {"a 2000 \u00d7 1000 grid and its standard deviation need 32 MB, more than this machine's 20 MB"}},
         {"search structures", "30M",
          [&] { KaCheckMemory(KaGridRunMemory(*FindMethod("nearest-neighbor"), *nearest, *many, 1, 1)); },
-         {"the search structures for 200000 samples need", "this machine's 30 MB", "block-average"}},
+         {"the search structures for 200000 samples on the grid's bucket lattice need", "this machine's 30 MB", "block-average"}},
         // The probe's finding: 20,000 samples at 6 locations; the kriging
         // system over every one of them, not the 200 x 100 grid, is what grows.
         {"kriging system over repeated samples", "2G",
