@@ -178,6 +178,20 @@ TEST(Library, ProgressCallbackCancelsAndMemoryIsCheckedFirst)
         }
         EXPECT_EQ(calls, 3);
     }
+    // A stop at the first report of a large grid on two threads ends it long
+    // before its rows are done: the rows estimated are counted by the
+    // progress reports the job would have sent.
+    {
+        kagrid::Record large = record;
+        large.set("columnCount", "400");
+        large.set("rowCount", "2000");
+        int reports = 0;
+        kagrid::RunOptions run;
+        run.threads = 2;
+        run.progress = [&](int) { return ++reports < 2; };
+        EXPECT_THROW(kagrid::grid(large, points.view(), run), kagrid::Error);
+        EXPECT_EQ(reports, 2);
+    }
     // A machine of 1 MB: a 1000 x 1000 grid (8 MB) is refused before anything runs.
     ::setenv("KAGRID_MACHINE_MEMORY", "1M", 1);
     kagrid::Record big = record;

@@ -164,9 +164,8 @@ struct Grid {
 // larger than the machine's memory: the grid and standard deviation, the
 // search structures, each thread's per-node system (kriging over many samples
 // at few locations), the triangulation; the message names the largest need.
-// The progress callback's false ends the job at its next report; with
-// several threads the other threads first finish the rows left (the row
-// driver has no stop of its own yet).
+// The progress callback's false ends the job at its next report (with
+// several threads, once the rows being estimated are done).
 KAGRID_API Grid grid(const Record& record, PointsView samples, const RunOptions& options = {});
 
 // Estimates at arbitrary positions; a position on a node of the record's
