@@ -170,7 +170,7 @@ std::vector<MethodInfo> methods()
         i.title = m.title;
         i.searching = dynamic_cast<const KaEstGridSearcherParam*>(m.makeParam().get()) != nullptr;
         i.stdDev = FormsStdDev(m);
-        i.pointwise = !m.makeJob;
+        i.pointwise = !m.makeJob && i.searching;  // what predict and cross-validate take
         out.push_back(std::move(i));
     }
     return out;
