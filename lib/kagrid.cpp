@@ -310,6 +310,9 @@ Prediction predict(const Record& record, PointsView samples, std::span<const dou
     return Guarded(Error::Kind::Input, [&] {
         const KaMethodInfo& m = *record.impl().method;
         const KaEstimatorGridParam& r = *record.impl().record;
+        if (!m.makeJob && !dynamic_cast<const KaEstGridSearcherParam*>(&r))
+            throw KaParamError(std::string(m.key) + " does not estimate position by position (" +
+                               (m.note ? m.note : "it has no neighbourhood search") + ")");
         std::unique_ptr<KaSampleList> list = KaSamplesFromColumns(samples.x, samples.y, samples.z, kSamples);
         std::vector<KaMemoryItem> items = KaGridRunMemory(m, r, *list, options.threads, 1, kGridAdvice);
         items.front() = {"estimates at " + std::to_string(x.size()) + " positions need " +

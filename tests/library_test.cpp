@@ -159,6 +159,9 @@ TEST(Library, FailuresCarryTheirKeyAndKind)
     EXPECT_EQ(K::Parameter, kindOf([&] { kagrid::predict(kagrid::Record::make("triangulation", points.view()),
                                                          points.view(), x, y); },
                                    "triangulation"));
+    EXPECT_EQ(K::Parameter, kindOf([&] { kagrid::predict(kagrid::Record::make("minimum-curvature", points.view()),
+                                                         points.view(), x, y); },
+                                   "minimum-curvature does not estimate position by position"));
 }
 
 TEST(Library, ProgressCallbackCancelsAndMemoryIsCheckedFirst)
