@@ -88,9 +88,9 @@ void AddSearching(std::vector<KaMemoryItem>& items, const KaMethodInfo& method, 
     if (machine > 0 && total > machine / 4 && k > 1) {
         const std::size_t places = DistinctLocations(samples);
         if (places * 2 < n)
-            need += "; the " + Count(n) + " samples lie at only " + Count(places) +
-                    " distinct locations, and every sample at a location is a neighbour";
-        if (places * 2 < n) advice += ", or average the samples that share a location first";
+            advice = "the " + Count(n) + " samples lie at only " + Count(places) +
+                     " distinct locations, and every sample at a location is a neighbour: " + advice +
+                     ", or average the samples that share a location first";
     }
     if (threads > 1) advice += ", or use fewer threads";
     items.push_back({need, advice, total});

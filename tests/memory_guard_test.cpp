@@ -158,9 +158,9 @@ TEST(MemoryGuard, KagridRefusesRepeatedSamplesBeforeGridding)
     const std::string runs[][2] = {
         {"kriging " + in + " " + out + " --threads 1",
          "kagrid: kriging takes up to 20000 neighbours per node (maxFromAll 20000), whose linear system needs 3.2 GB "
-         "per thread; the 20000 samples lie at only 6 distinct locations, and every sample at a location is a "
-         "neighbour, more than this machine's 2 GB of memory; lower maxFromAll (and maxFromEach), or average the "
-         "samples that share a location first\n"},
+         "per thread, more than this machine's 2 GB of memory; the 20000 samples lie at only 6 distinct locations, "
+         "and every sample at a location is a neighbour: lower maxFromAll (and maxFromEach), or average the samples "
+         "that share a location first\n"},
         {"cross-validate kriging " + in + " --threads 1", "kriging's leave-one-out takes up to 20000 neighbours"},
     };
     for (const auto& [args, expected] : runs) {
