@@ -162,6 +162,11 @@ TEST(MemoryGuard, KagridRefusesRepeatedSamplesBeforeGridding)
          "and every sample at a location is a neighbour: lower maxFromAll (and maxFromEach), or average the samples "
          "that share a location first\n"},
         {"cross-validate kriging " + in + " --threads 1", "kriging's leave-one-out takes up to 20000 neighbours"},
+        // Tuning takes at most 64 neighbours of its own accord; a given maxFromAll counts.
+        {"tune kriging " + in + " --threads 1 --set maxFromAll=20000",
+         "kriging's leave-one-out takes up to 20000 neighbours"},
+        {"kriging " + in + " " + out + " --threads 1 --tune --set maxFromAll=20000",
+         "kriging's leave-one-out takes up to 20000 neighbours"},
     };
     for (const auto& [args, expected] : runs) {
         SCOPED_TRACE(args);
