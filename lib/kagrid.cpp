@@ -19,6 +19,7 @@
 #include "methods/KaMemoryGuard.h"
 #include "methods/KaMethodRegistry.h"
 #include "methods/KaPredict.h"
+#include "platform/kadata/KaEventsLog.h"
 #include "search/KaEstGridSearcherParam.h"
 #include "search/KaSearchGrid.h"
 #include "tune/KaLeaveOneOut.h"
@@ -43,6 +44,11 @@ const char* const kSamples = "samples";
 template <typename F>
 auto Guarded(Error::Kind ioKind, F&& f) -> decltype(f())
 {
+    // The job's own log lines (an allocation failure) come back as the Error
+    // instead. The library holds its own copy of the log: the caller's
+    // process is not affected.
+    static const bool quiet = (SetEventsLogSink([](int, const std::string&) {}), true);
+    (void)quiet;
     try {
         return f();
     } catch (const Error&) {
