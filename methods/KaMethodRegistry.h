@@ -59,6 +59,7 @@ struct KaReviewHints {
     const char* keys = "the method's own keys";  // the keys that shape the estimate, for the warnings
     bool solvesSystems = false;  // a grid all blank may mean a singular system at every node
     bool zValues = true;         // estimates are z values (data metrics' counts and distances are not)
+    int systemPower = 1;         // per-node scratch grows with the neighbours (1) or with their square (2)
 };
 
 // One gridding method as the dialogs and kagrid offer it: adding a method is

@@ -24,7 +24,7 @@ layer_of() {
     tune/*) echo tune ;;
     host/*) echo host ;;
     pages/*) echo pages ;;
-    lib/*|include/kagrid/*) echo lib ;;
+    lib/*|include/kagrid/*|kagrid/*) echo lib ;;  # the public header, as its users include it
     apps/*/*) echo "app:$(cut -d/ -f2 <<< "$1")" ;;
     python/*) echo app:python ;;
     *) echo "?" ;;

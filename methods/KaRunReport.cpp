@@ -1,4 +1,4 @@
-#include "apps/kagrid/KaRunReport.h"
+#include "methods/KaRunReport.h"
 
 #include <algorithm>
 #include <cmath>
