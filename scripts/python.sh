@@ -15,6 +15,8 @@ build=${BUILD_DIR:-$root/build}
 
 venv=$root/.venv
 [ -x "$venv/bin/python" ] || /usr/bin/python3 -m venv --system-site-packages "$venv"
+# pyproj looks for PROJ's data under the environment's prefix.
+[ -e "$venv/share/proj" ] || { mkdir -p "$venv/share" && ln -s /usr/share/proj "$venv/share/proj"; }
 site=$("$venv/bin/python" -c 'import sysconfig; print(sysconfig.get_paths()["purelib"])')
 # A copy, not a link: the environment keeps working while build/ is rebuilt.
 rm -rf "$site/kagrid.tmp"

@@ -274,7 +274,7 @@ def tune(method, x, y=None, z=None, *, column=None, coordinates=None, params=Non
         raise ValueError(f"max_blank: a percentage from 0 to 100, got {max_blank!r}")
     key, record, (xs, ys, zs), _, (pairs, params_file) = _record(method, x, y, z, column, coordinates, None, None,
                                                                  None, None, params, settings)
-    given = sorted(_inputs.given_keys(pairs, params_file))
+    given = set(_inputs.given_keys(pairs, params_file))
     with _progress(progress, f"kagrid tune {key}") as callback:
         t = _core.tune(record, xs, ys, zs, given, threads=threads, max_blank_share=share / 100, progress=callback)
     table = pd.DataFrame(t["rows"], columns=["stage", "rmse", "mae", "me", "blank_percent", "label", "settings",

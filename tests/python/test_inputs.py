@@ -16,7 +16,7 @@ def test_float64_is_read_in_place(sample):
     for core, given in zip(seen, (x, y, z)):
         assert np.shares_memory(core, given)
     # A pandas column of float64 is read in place too.
-    xs, ys, zs, _ = _inputs.samples(sample, column="z")
+    xs, ys, zs, _ = _inputs.samples(sample, column_name="z")
     assert np.shares_memory(_core._points_view(xs, ys, zs)[2], sample["z"].to_numpy())
 
 
