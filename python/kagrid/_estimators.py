@@ -9,11 +9,6 @@ from . import _api
 from . import _core
 from . import _inputs
 
-try:  # repr, tags and the rest of scikit-learn's protocol when it is there
-    from sklearn.base import BaseEstimator as _Base
-except ImportError:  # pragma: no cover
-    _Base = object
-
 # Estimator parameters besides the method's keys.
 _EXTRA = {"params": None, "threads": 0}
 
@@ -36,11 +31,13 @@ def _coordinates(X):
     return _inputs.column(a[:, 0], "x"), _inputs.column(a[:, 1], "y")
 
 
-class KagridEstimator(_Base):
+class KagridEstimator:
     """Base of the generated estimators: fit stores the samples and builds the
     method's record (filled from them as kagrid fills it, then `params`, then
     the keys set on the estimator); predict estimates at arbitrary positions;
-    grid grids the fitted samples."""
+    grid grids the fitted samples. scikit-learn's protocol (get_params,
+    set_params, fit, predict, score, _estimator_type) without importing it,
+    so that `import kagrid` stays light."""
 
     _estimator_type = "regressor"
     _method = None
@@ -56,6 +53,11 @@ class KagridEstimator(_Base):
                                  f"not a key of {self._method} (see kagrid methods {self._method})")
             setattr(self, name, value)
         return self
+
+    def __repr__(self):
+        changed = ", ".join(f"{k}={v!r}" for k, v in self.get_params().items()
+                            if v is not None and not (k == "threads" and v == 0))
+        return f"{type(self).__name__}({changed})"
 
     def _settings(self):
         return {k: getattr(self, k) for k in self._param_names if k not in _EXTRA and getattr(self, k) is not None}

@@ -120,7 +120,7 @@ def samples(x, y=None, z=None, column_name=None, coordinates=None):
     if skipped:
         keep = ~missing
         xs, ys, zs = xs[keep], ys[keep], zs[keep]
-        warnings.warn(f"kagrid: skipped {skipped} rows with missing values", stacklevel=3)
+        warnings.warn(f"kagrid: skipped {skipped} rows with missing values", stacklevel=4)
     for name, a in (("x", xs), ("y", ys), ("z", zs)):
         bad = ~np.isfinite(a)
         if bad.any():
