@@ -333,7 +333,13 @@ py::tuple FitVariogram(const py::array& distance, const py::array& gamma, const 
     KaVariogramFitResult fit;
     {
         py::gil_scoped_release release;
-        fit = KaFitVariogram(lags, ids);
+        try {
+            fit = KaFitVariogram(lags, ids);
+        } catch (const std::invalid_argument& e) {
+            // The engine words it for the command's option.
+            const std::string m = e.what();
+            throw std::invalid_argument(m.rfind("--fit: ", 0) == 0 ? "model: " + m.substr(7) : m);
+        }
     }
     return py::make_tuple(VariogramToJson(*fit.model).dump(), fit.weightedSse);
 }

@@ -248,6 +248,8 @@ def geometry(bounds=None, cell=None, size=None, like=None):
     if like is not None:
         if isinstance(like, (str, os.PathLike)):
             g["like"] = os.fspath(like)
+        elif not hasattr(like, "coords"):
+            raise ValueError(f"like: expected a raster file or a DataArray/Dataset, got {type(like).__name__}")
         else:
             if bounds is not None or cell is not None or size is not None:
                 raise ValueError("like: takes the whole lattice; give no bounds, cell or size with it")
