@@ -8,7 +8,7 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 build=${BUILD_DIR:-$root/build}
 "$root/scripts/deps.sh" python3-venv python3-dev python3-numpy python3-pandas python3-xarray python3-rioxarray \
-  python3-geopandas python3-sklearn python3-scipy python3-gdal python3-pytest pybind11-dev
+  python3-geopandas python3-sklearn python3-scipy python3-gdal python3-pytest python3-tqdm pybind11-dev
 
 "$root/scripts/build.sh" "$build" -DKA_BUILD_PYTHON=ON -DPython_EXECUTABLE=/usr/bin/python3 \
   -- --target kagrid_python kagrid

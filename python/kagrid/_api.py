@@ -30,29 +30,38 @@ def _threads(threads):
 
 @contextlib.contextmanager
 def _progress(progress, what):
-    """The callback for the core: a user's callable, a tqdm bar for True, or None."""
+    """The callback for the core: a user's callable, a tqdm bar for True, or
+    None. A call that completes reports 100 last, whatever the core sent."""
     if progress is None or progress is False:
         yield None
         return
-    if callable(progress):
-        yield progress
-        return
-    if progress is not True:
+    if progress is not True and not callable(progress):
         raise ValueError(f"progress: expected True, False or a callable, got {progress!r}")
-    try:
-        from tqdm.auto import tqdm
-    except ImportError:
-        yield None
-        return
-    bar = tqdm(total=100, desc=what, unit="%")
+    bar, report = None, progress
+    if progress is True:
+        try:
+            from tqdm.auto import tqdm
+        except ImportError:
+            yield None
+            return
+        bar = tqdm(total=100, desc=what, unit="%")
 
-    def update(percent):
-        bar.update(max(0, percent - bar.n))
+        def report(percent):
+            bar.update(max(0, percent - bar.n))
+
+    last = [-1]
+
+    def callback(percent):
+        last[0] = percent
+        return report(percent)
 
     try:
-        yield update
+        yield callback
+        if last[0] < 100:
+            report(100)
     finally:
-        bar.close()
+        if bar is not None:
+            bar.close()
 
 
 def _record(method, x, y, z, column, coordinates, bounds, cell, size, like, params, settings):

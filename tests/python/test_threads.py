@@ -83,3 +83,10 @@ def test_ctrl_c_stops_between_rows():
         time.sleep(5)  # not reached when the grid stopped
     timer.join()
     assert time.perf_counter() - start < 0.8 * full + 0.3
+
+
+def test_progress_true_draws_a_tqdm_bar(capsys):
+    pytest.importorskip("tqdm")
+    kagrid.grid("inverse-distance", PX, PY, PZ, progress=True, **dict(LONG, size=(300, 300)))
+    err = capsys.readouterr().err
+    assert "kagrid inverse-distance" in err and "100/100" in err
