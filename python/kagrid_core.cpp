@@ -17,6 +17,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstring>
 #include <cmath>
 #include <memory>
 #include <new>
@@ -423,6 +424,19 @@ py::list Fields(const std::string& key)
     return out;
 }
 
+// The library's and the command's messages name the grid's options in their
+// own terms; in Python they are keyword arguments. Otherwise word for word.
+std::string Pythonic(std::string m)
+{
+    static const std::pair<const char*, const char*> terms[] = {
+        {"Geometry{bounds, cell}", "bounds= and cell="}, {"Geometry::cell", "cell="}, {"Geometry::size", "size="},
+        {"--bounds", "bounds"}, {"--cell", "cell"}, {"--size", "size"}, {"--like", "like"}};
+    for (const auto& [from, to] : terms)
+        for (std::size_t at = m.find(from); at != std::string::npos; at = m.find(from, at + std::strlen(to)))
+            m.replace(at, std::strlen(from), to);
+    return m;
+}
+
 // Messages naming a key that does not exist are KeyErrors; every other
 // refusal of the caller's input is a ValueError.
 bool UnknownKey(const std::string& message)
@@ -443,17 +457,18 @@ PYBIND11_MODULE(_core, m)
             if (p) std::rethrow_exception(p);
         } catch (const kagrid::Error& e) {
             using K = kagrid::Error::Kind;
+            const std::string m = Pythonic(e.what());
             switch (e.kind()) {
             case K::Parameter:
-                PyErr_SetString(UnknownKey(e.what()) ? PyExc_KeyError : PyExc_ValueError, e.what());
+                PyErr_SetString(UnknownKey(m) ? PyExc_KeyError : PyExc_ValueError, m.c_str());
                 return;
-            case K::Input: PyErr_SetString(PyExc_ValueError, e.what()); return;
-            case K::Output: PyErr_SetString(PyExc_OSError, e.what()); return;
-            case K::Memory: PyErr_SetString(PyExc_MemoryError, e.what()); return;
-            case K::Cancelled: PyErr_SetString(cancelledType, e.what()); return;
-            case K::Search: PyErr_SetString(PyExc_RuntimeError, e.what()); return;
+            case K::Input: PyErr_SetString(PyExc_ValueError, m.c_str()); return;
+            case K::Output: PyErr_SetString(PyExc_OSError, m.c_str()); return;
+            case K::Memory: PyErr_SetString(PyExc_MemoryError, m.c_str()); return;
+            case K::Cancelled: PyErr_SetString(cancelledType, m.c_str()); return;
+            case K::Search: PyErr_SetString(PyExc_RuntimeError, m.c_str()); return;
             }
-            PyErr_SetString(PyExc_RuntimeError, e.what());
+            PyErr_SetString(PyExc_RuntimeError, m.c_str());
         } catch (const KaParamError& e) {
             PyErr_SetString(UnknownKey(e.what()) ? PyExc_KeyError : PyExc_ValueError, e.what());
         } catch (const KaSearchError& e) {
