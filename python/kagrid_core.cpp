@@ -53,8 +53,7 @@ PyObject* cancelledType = nullptr;
 // one-dimensional, C-contiguous arrays, so nothing here copies.
 std::span<const double> Column(const py::array& a, const char* name)
 {
-    if (!a.dtype().is(py::dtype::of<double>()) || a.ndim() != 1 ||
-        !(a.flags() & py::array::c_style))
+    if (!py::isinstance<py::array_t<double, py::array::c_style>>(a) || a.ndim() != 1)
         throw py::value_error(std::string(name) + ": expected a 1-D float64 C-contiguous array");
     return {static_cast<const double*>(a.data()), static_cast<std::size_t>(a.size())};
 }

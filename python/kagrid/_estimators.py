@@ -65,12 +65,23 @@ class KagridEstimator:
     def fit(self, X, y):
         """X: (n, 2) coordinates (or a pair (x, y), or a DataFrame with x and y); y: the values."""
         x, yy = _coordinates(X)
-        xs, ys, zs, _ = _inputs.samples(x, yy, y)
-        pairs, params_file = _inputs.settings(self.params, self._settings())
-        self.record_ = _core.Record.make(self._method, xs, ys, zs, settings=pairs, params_file=params_file)
-        self.samples_ = (xs, ys, zs)
+        self.samples_ = _inputs.samples(x, yy, y)[:3]
+        self._make_record()
         self.n_features_in_ = 2
         return self
+
+    def _make_record(self):
+        pairs, params_file = _inputs.settings(self.params, self._settings())
+        self.record_ = _core.Record.make(self._method, *self.samples_, settings=pairs, params_file=params_file)
+
+    # Pickling (joblib's processes): the record is made again from the samples.
+    def __getstate__(self):
+        return {k: v for k, v in self.__dict__.items() if k != "record_"}
+
+    def __setstate__(self, state):
+        self.__dict__.update(state)
+        if "samples_" in state:
+            self._make_record()
 
     def _check_fitted(self):
         if not hasattr(self, "record_"):

@@ -56,6 +56,14 @@ def test_predict_at_nodes_equals_the_grid(xy):
     np.testing.assert_array_equal(sd.reshape(ds.z.shape), ds.stddev.values)
 
 
+def test_fitted_estimator_pickles(xy):
+    import pickle
+    X, y = xy
+    est = kagrid.RadialBasis(basisFunction=0, r2Parameter=1).fit(X, y)
+    again = pickle.loads(pickle.dumps(est))
+    np.testing.assert_array_equal(again.predict(X[:50]), est.predict(X[:50]))
+
+
 def test_predict_needs_fit():
     with pytest.raises(Exception, match="not fitted"):
         kagrid.NearestNeighbor().predict(np.zeros((1, 2)))
