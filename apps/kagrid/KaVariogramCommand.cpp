@@ -17,6 +17,7 @@
 #include "io/KaPreview.h"
 #include "io/KaRasterIo.h"
 #include "core/KaEstimatorSample.h"
+#include "methods/KaMemoryGuard.h"
 #include "methods/numeric/KaVariogramFit.h"
 #include "tune/KaVariogramInput.h"
 
@@ -75,6 +76,7 @@ int RunVariogram(const KaSubOptions& o)
     const std::vector<Ka3DPoint> points = KaVariogramPoints(*samples, invalid);
     if (points.size() < 2) throw KaIoError(input, "fewer than two samples");
 
+    KaCheckMemory(KaVariogramMemory(points, vo));
     std::vector<KaVariogramLag> lags;
     try {
         lags = KaExperimentalVariogram(points, vo);
