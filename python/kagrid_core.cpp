@@ -33,6 +33,7 @@
 #include "include/kagrid/kagrid.h"
 #include "io/KaNumericJson.h"
 #include "io/KaParamJson.h"
+#include "methods/KaMemoryGuard.h"
 #include "methods/KaMethodRegistry.h"
 #include "methods/KaPredict.h"
 #include "methods/numeric/KaVariogramFit.h"
@@ -300,6 +301,7 @@ py::dict Variogram(const py::array& x, const py::array& y, const py::array& z, d
         const std::unique_ptr<KaSampleList> samples = SampleList(v);
         const std::vector<Ka3DPoint> points = KaVariogramPoints(*samples, NAN);
         if (points.size() < 2) throw std::invalid_argument("fewer than two samples");
+        KaCheckMemory(KaVariogramMemory(points, o));  // as kagrid variogram refuses it
         lags = KaExperimentalVariogram(points, o);
     }
     std::vector<double> distance, gamma, pairs;
@@ -366,6 +368,9 @@ py::dict Tune(const kagrid::Record& record, const py::array& x, const py::array&
         py::gil_scoped_release release;
         std::unique_ptr<KaSampleList> samples = SampleList(v);
         if (samples->empty()) throw kagrid::Error(kagrid::Error::Kind::Input, "no samples");
+        // As kagrid tune: the candidates take at most 64 neighbours unless maxFromAll is given.
+        KaCheckMemory(KaLeaveOneOutMemory(*method, *base, *samples, options.threads, 1,
+                                          given.count("maxFromAll") ? UINT64_MAX : 64));
         try {
             result = KaTune(*method, *base, *samples, options, [&](int percent, const std::string&) { progress(percent); });
         } catch (const KaSearchError& e) {
@@ -468,6 +473,8 @@ PYBIND11_MODULE(_core, m)
             case K::Search: PyErr_SetString(PyExc_RuntimeError, m.c_str()); return;
             }
             PyErr_SetString(PyExc_RuntimeError, m.c_str());
+        } catch (const KaMemoryError& e) {
+            PyErr_SetString(PyExc_MemoryError, e.what());
         } catch (const KaParamError& e) {
             PyErr_SetString(UnknownKey(e.what()) ? PyExc_KeyError : PyExc_ValueError, e.what());
         } catch (const KaSearchError& e) {

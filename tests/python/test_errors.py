@@ -55,3 +55,15 @@ def test_bad_input_message(call, kind, message):
         call()
     text = e.value.args[0] if e.value.args else str(e.value)
     assert message in text, text
+
+
+@pytest.mark.parametrize("call", [
+    lambda: kagrid.grid("idw", X, Y, Z, size=(20000, 20000)),
+    lambda: kagrid.variogram(X, Y, Z, cutoff=1e9, width=1e-3),
+    lambda: kagrid.tune("kriging", *np.random.default_rng(1).random((3, 3000)), maxFromAll=3000, maxFromEach=3000,
+                        minInAll=1, radius1=2, radius2=2),
+], ids=["grid", "variogram", "tune"])
+def test_requests_beyond_memory_are_refused_before_any_work(call, monkeypatch):
+    monkeypatch.setenv("KAGRID_MACHINE_MEMORY", "1M")
+    with pytest.raises(MemoryError, match="more than this machine's"):
+        call()
