@@ -9,6 +9,10 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/build.sh" "$root/build"
 (cd "$root/build" && ctest --output-on-failure -j 2)
 
+# The Python package, built into build/ and installed into .venv, and its tests.
+"$root/scripts/python.sh"
+(cd "$root" && .venv/bin/python -m pytest -p no:cacheprovider tests/python)
+
 "$root/scripts/build.sh" "$root/build-asan" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKA_SANITIZE=ON
 (cd "$root/build-asan" && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
    LSAN_OPTIONS=suppressions="$root/scripts/lsan.supp":print_suppressions=0 \

@@ -4,7 +4,6 @@
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
-#include <sstream>
 
 #include <nlohmann/json.hpp>
 
@@ -20,6 +19,7 @@
 #include "core/KaEstimatorSample.h"
 #include "methods/KaMemoryGuard.h"
 #include "methods/numeric/KaVariogramFit.h"
+#include "tune/KaVariogramInput.h"
 
 namespace {
 
@@ -32,22 +32,13 @@ double Number(const KaSubOptions& o, const char* key)
     return d;
 }
 
-// "Nugget+Spherical" -> model identifiers, by display name (case ignored) or number.
 std::vector<uint32_t> Models(const std::string& names)
 {
-    std::vector<uint32_t> out;
-    std::stringstream in(names);
-    std::string name;
-    while (std::getline(in, name, '+')) {
-        nlohmann::json j = {{"components", {{{"model", name}}}}};
-        try {
-            out.push_back((*VariogramFromJson(j, "--fit"))[0].modelType);
-        } catch (const std::invalid_argument&) {
-            throw KaUsageError{"--fit: unknown model '" + kaio::Echo(name) + "'"};
-        }
+    try {
+        return KaVariogramModels(names, "--fit");
+    } catch (const std::invalid_argument& e) {
+        throw KaUsageError{e.what()};
     }
-    if (out.empty()) throw KaUsageError{"--fit: no model given"};
-    return out;
 }
 
 }  // namespace
@@ -82,9 +73,7 @@ int RunVariogram(const KaSubOptions& o)
     const double invalid = dynamic_cast<const KaSurface*>(object.get())
                                ? dynamic_cast<const KaSurface*>(object.get())->GetInvalidValue()
                                : NAN;
-    std::vector<Ka3DPoint> points;
-    for (const KaSample& s : *samples)
-        if (!(std::fabs(s.point.z - invalid) <= 1e-20)) points.push_back(s.point);
+    const std::vector<Ka3DPoint> points = KaVariogramPoints(*samples, invalid);
     if (points.size() < 2) throw KaIoError(input, "fewer than two samples");
 
     KaCheckMemory(KaVariogramMemory(points, vo));
