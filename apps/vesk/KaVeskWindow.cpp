@@ -24,7 +24,7 @@
 #include <QFormLayout>
 #include <QPainter>
 #include <QRegularExpression>
-#include <QShortcut>
+#include <QKeyEvent>
 #include <QSpinBox>
 #include <QStyle>
 #include <QStatusBar>
@@ -216,10 +216,7 @@ KaVeskWindow::KaVeskWindow(QWidget* parent) : QMainWindow(parent)
     // Selecting brings a layer to the top of its kind and shows its legend;
     // whether it is shown at all stays with its check box.
     connect(tree_, &QTreeWidget::currentItemChanged, this, [this] { RefreshMap(); });
-    auto* del = new QShortcut(QKeySequence::Delete, tree_, nullptr, nullptr, Qt::WidgetWithChildrenShortcut);
-    connect(del, &QShortcut::activated, this, [this] {
-        if (Entry* e = FromItem(tree_->currentItem())) RemoveObjectAsking(e->object.get());
-    });
+    tree_->installEventFilter(this);  // Delete removes the selected layer
     connect(map_, &KaMapView::sigClicked, this, &KaVeskWindow::ShowIdentify);
     // The dialogs plug-ins open from an object's menu, so that their jobs
     // are known to come from that object.
@@ -254,6 +251,13 @@ KaVeskWindow::~KaVeskWindow()
 {
     SetEventsLogSink({});
     disconnect(&KaThreadMgr::Instance(), nullptr, this, nullptr);
+    disconnect(&KaPopupWidgetMgr::Instance(), nullptr, this, nullptr);
+    // The plug-in dialogs are our children and go after our members.
+    for (auto it = dialogSource_.begin(); it != dialogSource_.end(); ++it) {
+        it.key()->removeEventFilter(this);
+        disconnect(it.key(), nullptr, this, nullptr);
+    }
+    dialogSource_.clear();
     WaitForJobs();
     for (auto& e : entries_) {
         map_->Forget(e->object.get());
@@ -1019,6 +1023,11 @@ QMenu* KaVeskWindow::BuildContextMenu(const KaDataObject* object, QWidget* paren
 
 bool KaVeskWindow::eventFilter(QObject* watched, QEvent* event)
 {
+    if (watched == tree_ && event->type() == QEvent::KeyPress &&
+        static_cast<QKeyEvent*>(event)->key() == Qt::Key_Delete) {
+        if (Entry* e = FromItem(tree_->currentItem())) RemoveObjectAsking(e->object.get());
+        return true;
+    }
     // A plug-in dialog hides as it is accepted, just before its job starts.
     if (event->type() == QEvent::Hide) {
         auto* dialog = qobject_cast<QDialog*>(watched);
