@@ -81,6 +81,7 @@ void KaJobsPanel::Dismiss(int row)
     jobs_[row].dismissed = true;
     jobs_[row].history << QStringLiteral("dismissed");
     Refresh(row);
+    emit sigJobDismissed(row);
 }
 
 int KaJobsPanel::RunningCount() const
@@ -124,10 +125,12 @@ void KaJobsPanel::Refresh(int row)
     item->setText(1, job.description);
     QString text = job.finished ? job.outcome : job.message;
     if (job.dismissed && !job.finished)
-        text = tr("Dismissed: a gridding job cannot be cancelled, so it runs on to its end in the background; "
-                  "its result will be discarded");
+        text = tr("Dismissed: it cannot be cancelled, so it runs on; its result will be discarded");
     item->setText(2, text);
-    item->setToolTip(2, job.history.join(QLatin1Char('\n')));
+    item->setToolTip(2, (job.dismissed ? tr("A gridding job cannot be cancelled once it runs: a dismissed job runs on to "
+                                            "its end in the background and what it creates is discarded.\n\n")
+                                       : QString()) +
+                            job.history.join(QLatin1Char('\n')));
     QProgressBar* bar = bars_[row];
     bar->setValue(job.percent);
     if (job.dismissed) {

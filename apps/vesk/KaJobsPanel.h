@@ -40,6 +40,7 @@ public:
 
 signals:
     void sigJobFinished(int row);
+    void sigJobDismissed(int row);
 
 private:
     void Refresh(int row);

@@ -245,7 +245,13 @@ QImage KaMapView::RenderImage(QSize size)
     QImage image(size, QImage::Format_ARGB32);
     image.fill(Qt::white);
     QPainter p(&image);
-    Render(p, QRectF(QPointF(0, 0), QSizeF(size)));
+    // Larger than the view: drawn as on screen and enlarged, so that dots,
+    // lines and text keep their size against the map.
+    const double k = std::max(1.0, std::min(size.width() / std::max(1.0, width() * 1.0),
+                                            size.height() / std::max(1.0, height() * 1.0)));
+    p.scale(k, k);
+    p.setRenderHint(QPainter::SmoothPixmapTransform, false);
+    Render(p, QRectF(QPointF(0, 0), QSizeF(size.width() / k, size.height() / k)));
     return image;
 }
 
@@ -358,7 +364,9 @@ void KaMapView::DrawScaleBar(QPainter& p, const QRectF& area, double scale)
     const QFontMetrics fm(p.font());
     const QPointF origin(area.left() + 14, area.bottom() - 14);
     p.setPen(QPen(QColor(30, 30, 30), 1));
-    p.fillRect(QRectF(origin.x() - 4, origin.y() - fm.height() - 12, px + 8 + fm.horizontalAdvance(QStringLiteral("0000000")), fm.height() + 16),
+    const QString label = QString::number(length, 'g', 6);
+    p.fillRect(QRectF(origin.x() - 4, origin.y() - fm.height() - 10, px + fm.horizontalAdvance(label) / 2.0 + 10,
+                      fm.height() + 14),
                QColor(255, 255, 255, 200));
     p.fillRect(QRectF(origin.x(), origin.y() - 5, px / 2, 5), QColor(30, 30, 30));
     p.drawRect(QRectF(origin.x(), origin.y() - 5, px, 5));

@@ -34,8 +34,8 @@ KaValueStats KaComputeStats(std::vector<double> v)
     return s;
 }
 
-KaHistogram::KaHistogram(const std::vector<double>& values, const KaLayerStyle& style, QWidget* parent)
-    : QWidget(parent), style_(style)
+KaHistogram::KaHistogram(const std::vector<double>& values, KaRamp ramp, const KaStretchRange& stretch, QWidget* parent)
+    : QWidget(parent), ramp_(ramp), stretch_(stretch)
 {
     setObjectName(QStringLiteral("Histogram"));
     setMinimumSize(320, 150);
@@ -65,17 +65,11 @@ void KaHistogram::paintEvent(QPaintEvent*)
         return;
     }
     const std::size_t top = *std::max_element(counts_.begin(), counts_.end());
-    const KaStretchRange stretch = [&] {
-        KaStretchRange r;
-        r.lo = style_.stretch == KaStretch::User ? std::min(style_.userMin, style_.userMax) : lo_;
-        r.hi = style_.stretch == KaStretch::User ? std::max(style_.userMin, style_.userMax) : hi_;
-        return r;
-    }();
     const double w = plot.width() / static_cast<double>(counts_.size());
     for (std::size_t k = 0; k < counts_.size(); ++k) {
         const double h = top ? plot.height() * static_cast<double>(counts_[k]) / static_cast<double>(top) : 0;
         const double mid = lo_ + (hi_ - lo_) * (k + 0.5) / static_cast<double>(counts_.size());
-        const KaRgb c = KaRampColour(style_.ramp, stretch.Position(mid));
+        const KaRgb c = KaRampColour(ramp_, stretch_.Position(mid));
         const QRectF bar(plot.left() + k * w, plot.bottom() - h, std::max(1.0, w - 1), h);
         p.fillRect(bar, QColor(c.r, c.g, c.b));
     }
@@ -108,7 +102,7 @@ KaPropertiesDialog::KaPropertiesDialog(const KaDataObject& object, const QString
     label->setTextInteractionFlags(Qt::TextSelectableByMouse);
     layout->addWidget(label);
     auto* tabs = new QTabWidget(this);
-    if (!values.empty()) tabs->addTab(new KaHistogram(values, style, this), tr("Histogram"));
+    if (!values.empty()) tabs->addTab(new KaHistogram(values, style.ramp, KaStyleRange(object, style), this), tr("Histogram"));
     auto* crs = new QPlainTextEdit(crsWkt.isEmpty() ? tr("No coordinate system.") : crsWkt, this);
     crs->setObjectName(QStringLiteral("CrsText"));
     crs->setReadOnly(true);

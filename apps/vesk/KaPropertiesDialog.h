@@ -12,7 +12,8 @@ class KaDataObject;
 class KaHistogram : public QWidget {
     Q_OBJECT
 public:
-    KaHistogram(const std::vector<double>& values, const KaLayerStyle& style, QWidget* parent = nullptr);
+    // Bars coloured as the map colours their middle values under `stretch`.
+    KaHistogram(const std::vector<double>& values, KaRamp ramp, const KaStretchRange& stretch, QWidget* parent = nullptr);
     const std::vector<std::size_t>& Counts() const { return counts_; }
     QSize sizeHint() const override { return {420, 180}; }
 
@@ -22,7 +23,8 @@ protected:
 private:
     std::vector<std::size_t> counts_;
     double lo_ = 0, hi_ = 0;
-    KaLayerStyle style_;
+    KaRamp ramp_;
+    KaStretchRange stretch_;
 };
 
 // Summary statistics of a layer's values (a surface's non-blank nodes, a

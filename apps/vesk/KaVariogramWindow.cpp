@@ -293,4 +293,5 @@ void KaVariogramWindow::ModelEdited()
     const std::unique_ptr<KaVarioVector> model = Model();
     plot_->SetData(lags_, model.get(), options_.cutoff);
     snippet_->setText(model ? Snippet() : tr("(a sill, range or power in the table is not valid)"));
+    snippet_->setCursorPosition(0);
 }

@@ -226,6 +226,10 @@ KaVeskWindow::KaVeskWindow(QWidget* parent) : QMainWindow(parent)
         w->installEventFilter(this);
         connect(w, &QObject::destroyed, this, [this, w] { dialogSource_.remove(w); });
     });
+    connect(jobs_, &KaJobsPanel::sigJobDismissed, this, [this](int row) {
+        Log(2, tr("Dismissed the job %1: a gridding job cannot be cancelled, so it runs on to its end; "
+                  "what it creates will be discarded").arg(jobs_->JobAt(row).title));
+    });
     connect(jobs_, &KaJobsPanel::sigJobFinished, this, [this] {
         if (waitingToQuit_ && jobs_->AwaitedCount() == 0) QTimer::singleShot(0, this, &QWidget::close);
     });
@@ -360,6 +364,9 @@ KaDataObject* KaVeskWindow::OpenFile(const QString& path, const KaPointColumns& 
         e->crs = crs;
     }
     UpdateCrsMarks();
+    if (Entry* e = Find(added); e && e->item->data(0, Qt::UserRole).toBool())
+        Log(2, tr("%1 is in %2, unlike the other layers: it does not overlay them")
+                   .arg(QString::fromStdString(added->GetName()), CrsName(crs)));
     Select(added);
     if (first) {
         map_->ZoomToAll();
@@ -611,7 +618,7 @@ bool KaVeskWindow::OpenProject(const QString& path)
         l.name = j[QStringLiteral("name")].toString();
         const QString where = tr("layer %1 (%2)").arg(i + 1).arg(l.name);
         if (!j[QStringLiteral("file")].isString()) return fail(tr("%1: no \"file\"").arg(where));
-        l.file = dir.absoluteFilePath(j[QStringLiteral("file")].toString());
+        l.file = QDir::cleanPath(dir.absoluteFilePath(j[QStringLiteral("file")].toString()));
         if (!QFileInfo(l.file).isFile()) return fail(tr("%1: the file %2 is missing").arg(where, l.file));
         l.visible = j[QStringLiteral("visible")].toBool(true);
         l.selected = j[QStringLiteral("selected")].toBool(false);
@@ -1255,7 +1262,7 @@ void KaVeskWindow::QuitNow()
 {
     // Everything but the running jobs is kept: the settings are written
     // before the process ends. The workers are not waited for.
-    Log(2, tr("Quit without waiting for %1 running jobs").arg(jobs_->RunningCount()));
+    Log(2, tr("Quit without waiting for %n running job(s)", nullptr, jobs_->RunningCount()));
     SaveSettings();
     if (quitNow_) quitNow_();
 }
