@@ -16,9 +16,9 @@
 
 #include <gdal.h>
 
-#include "apps/kagrid/KaGridOptions.h"
-#include "apps/kagrid/KaRunReport.h"
 #include "io/KaCrs.h"
+#include "io/KaGridPipeline.h"
+#include "io/KaGridRequest.h"
 #include "io/KaIoError.h"
 #include "io/KaMeshWriter.h"
 #include "io/KaOutputFiles.h"
@@ -30,9 +30,9 @@
 #include "apps/kagrid/KaRunSetup.h"
 #include "apps/kagrid/KaSubcommands.h"
 #include "apps/kagrid/KaTuneCommand.h"
-#include "core/KaRecordFill.h"
 #include "methods/KaEstDataMetrics.h"
 #include "methods/KaEstKrig.h"
+#include "methods/KaMemoryGuard.h"
 #include "methods/KaMethodRegistry.h"
 #include "platform/kadata/KaDelaunayTriangle.h"
 #include "platform/kadata/KaEventsLog.h"
@@ -248,17 +248,6 @@ void ListMethods(const std::string& only)
     std::printf("\nUse --print-params to see the effective values for an input.\n");
 }
 
-// Blanks the nodes that came out infinite or NaN, saying how many and why;
-// `what` names a surface other than the grid (" of the standard deviation").
-void WarnNonFiniteNodes(KaSurface& surface, const char* what = "")
-{
-    if (const std::size_t bad = KaBlankNonFiniteNodes(surface))
-        std::fprintf(stderr,
-                     "kagrid: warning: %zu nodes%s came out infinite or NaN and were written as blank; the "
-                     "input's values or coordinates are too large for the method's arithmetic (rescale them)\n",
-                     bad, what);
-}
-
 int Run(const Options& o)
 {
     const KaMethodInfo* method = FindMethod(o.method);
@@ -279,32 +268,18 @@ int Run(const Options& o)
     KaPointReadReport readReport;
     std::unique_ptr<KaDataObject> input = ReadInput(o.input, columns, &readReport);
     const std::string outputCrs = o.crs.empty() ? ReadInputCrs(o.input) : crs;
-    if (readReport.skippedMissing)
-        std::fprintf(stderr, "kagrid: skipped %zu %s with missing values\n", readReport.skippedMissing,
-                     LooksLikeTextPoints(o.input) ? (readReport.skippedMissing == 1 ? "row" : "rows")
-                                                  : (readReport.skippedMissing == 1 ? "feature" : "features"));
+    if (const std::string skipped = KaSkippedText(readReport.skippedMissing, LooksLikeTextPoints(o.input));
+        !skipped.empty())
+        std::fprintf(stderr, "kagrid: %s\n", skipped.c_str());
 
-    std::unique_ptr<KaEstimatorGridParam> record = method->makeParam();
-    const KaFillResult fill = FillRecordFromObject(record.get(), input.get(), method->suffix);
-    if (fill == KaFillResult::Failed) throw KaIoError(o.input, "not a point set or a surface");
-
-    std::set<std::string> given;
-    ApplyGridRequest(o.grid, *record, given);
-    if (!o.mesh.empty()) ApplySetting(*record, "createDelaunayObject=true");
-    if (!o.paramsFile.empty()) {
-        ApplyJson(*record, ReadParamFile(o.paramsFile), o.paramsFile, &given);
-    }
-    for (const std::string& s : o.settings) ApplySetting(*record, s, &given);
-
-    // Zero width fills as the dialogs do (one column); only zero height needs the grid given.
-    const bool zeroHeight = !(record->limit.yMax > record->limit.yMin);
-    if (fill == KaFillResult::NeedsExplicitGeometry && zeroHeight && !given.count("columnCount"))
-        throw KaParamError(
-            "the points of " + o.input + " have zero height, so the grid's column count "
-            "cannot be derived from them; give the grid explicitly, e.g. --bounds XMIN,YMIN,XMAX,YMAX "
-            "--cell DX (or --set xMin=... --set columnCount=... and so on)");
-    const std::string invalid = ValidateForRun(*record);
-    if (!invalid.empty()) throw KaParamError("invalid parameter " + invalid);
+    KaRecordRequest request;
+    request.grid = o.grid;
+    request.mesh = !o.mesh.empty();
+    request.paramsFile = o.paramsFile;
+    request.settings = o.settings;
+    KaPreparedRecord prepared = KaPrepareRecord(*method, *input, o.input, request);
+    std::unique_ptr<KaEstimatorGridParam> record = std::move(prepared.record);
+    const std::set<std::string>& given = prepared.given;
 
     if (o.printParams) {
         nlohmann::ordered_json j;
@@ -344,8 +319,8 @@ int Run(const Options& o)
     how.threads = o.threads;
     CheckRasterWrite(o.output, how, record->blankValue);
     const unsigned grids = stdDevPath.empty() ? 1 : 2;
-    CheckGridFitsInMemory(*record, grids);
-    runGridSize = GridMemoryText(record->columnCount, record->rowCount, grids);
+    KaCheckGridMemory(*record, grids);
+    runGridSize = KaGridMemoryText(record->columnCount, record->rowCount, grids);
     note("grid: " + DescribeGrid(*record));
     if (!outputCrs.empty()) note("coordinate system: " + CrsLabel(outputCrs));
     KaOutputBatch outputs;
@@ -358,41 +333,25 @@ int Run(const Options& o)
     if (o.tune) record = TuneForGridding(*method, std::move(record), given, *samples, o.threads, o.quiet);
 
     KaProgress progress(o.quiet);
-    std::unique_ptr<KaGridJob> job = MakeJob(*method, &progress);
-    job->SetThreadCount(o.threads);
-    job->SetSampleList(std::move(samples));
-    job->SetEstimator(method->makeEstimator());
-    job->CollectStdDev(!stdDevPath.empty());
-    if (!job->StartEstimate(std::move(record))) throw KaParamError("the parameters were refused");
-    std::unique_ptr<KaSurface> surface;
+    KaGridRunOptions run;
+    run.threads = o.threads;
+    run.stdDev = !stdDevPath.empty();
+    run.observer = &progress;
+    KaGridRunResult result;
     try {
-        surface = job->Run();
-    } catch (const KaSearchError& e) {
+        result = KaRunGrid(*method, std::move(record), std::move(samples), run);
+    } catch (...) {
         progress.Finish();
-        throw std::runtime_error(std::string("the search failed: ") + e.what());
+        throw;
     }
     progress.Finish();
-    if (!surface) {
-        std::string reason = job->FailureReason();
-        if (reason.find("allocate") != std::string::npos) reason = "not enough memory: " + runGridSize;
-        if (reason.empty()) reason = "the gridding job ended without a surface";
-        if (reason.back() == '.') reason.pop_back();
-        if (method->note) reason = std::string(method->note) + " (" + reason + ")";
-        throw std::runtime_error(std::string(method->key) + ": " + reason + "; nothing was written");
-    }
-
-    WarnNonFiniteNodes(*surface);
-    const KaEstimatorGrid* estimator = job->GetEstimator();
-    if (const KaSampleList* used = job->GetSampleList(); used && estimator && estimator->GetParam())
-        for (const std::string& w : ReviewSurface(*method, *estimator->GetParam(), *used, *surface))
-            std::fprintf(stderr, "kagrid: warning: %s\n", w.c_str());
-    std::unique_ptr<KaSurface> sd = job->TakeStdDevSurface();
-    job.reset();  // the samples and the search grid are not needed for writing
+    std::unique_ptr<KaSurface> surface = std::move(result.surface), sd = std::move(result.stdDev);
+    for (const std::string& w : result.warnings) std::fprintf(stderr, "kagrid: warning: %s\n", w.c_str());
 
     WriteSurface(*surface, o.output, how);
     if (!stdDevPath.empty()) {
         if (!sd) throw std::runtime_error("the standard deviation surface was not formed");
-        WarnNonFiniteNodes(*sd, " of the standard deviation");
+        if (!result.stdDevWarning.empty()) std::fprintf(stderr, "kagrid: warning: %s\n", result.stdDevWarning.c_str());
         WriteSurface(*sd, stdDevPath, how);
         if (!o.stdDevPreview.empty()) WritePreviewPng(*sd, o.stdDevPreview);
     }

@@ -19,10 +19,17 @@
 #include <utility>
 #include <vector>
 
+// The library exports the API alone; everything else stays inside it.
+#if defined(_WIN32)
+#define KAGRID_API
+#else
+#define KAGRID_API __attribute__((visibility("default")))
+#endif
+
 namespace kagrid {
 
 // Every failure: one line naming the key, file or position concerned.
-class Error : public std::runtime_error {
+class KAGRID_API Error : public std::runtime_error {
 public:
     enum class Kind {
         Parameter,  // a key, a value or a combination refused
@@ -40,7 +47,7 @@ private:
 };
 
 // "0.1" and the like.
-std::string version();
+KAGRID_API std::string version();
 
 // Samples as three columns of equal length, read in place (never copied
 // before the engine builds its sample list).
@@ -63,8 +70,10 @@ struct Columns {
 };
 
 // x y z text, any vector format GDAL reads, or a raster whose nodes become
-// the samples (its nodata as the invalid value). Throws Error(Input).
-Points readPoints(const std::string& path, const Columns& columns = {});
+// the samples (its nodata nodes are left out and counted in skippedMissing,
+// so a raster's points grid as a point set: the lattice follows from their
+// extent, not from the raster's). Throws Error(Input).
+KAGRID_API Points readPoints(const std::string& path, const Columns& columns = {});
 
 // What a method offers, from the method registry.
 struct MethodInfo {
@@ -74,7 +83,7 @@ struct MethodInfo {
     bool stdDev = false;     // forms a kriging standard deviation
     bool pointwise = false;  // estimates position by position (predict, cross-validate)
 };
-std::vector<MethodInfo> methods();
+KAGRID_API std::vector<MethodInfo> methods();
 
 // One field of a method's parameters.
 struct FieldInfo {
@@ -93,7 +102,7 @@ struct Geometry {
 // samples as the method's dialog fills it, then the geometry, then the
 // parameter file, then the settings in order; then validated. Throws
 // Error(Parameter) naming the key.
-class Record {
+class KAGRID_API Record {
 public:
     static Record make(std::string_view method, PointsView samples, const Geometry& geometry = {},
                        const std::vector<std::pair<std::string, std::string>>& settings = {},
@@ -153,7 +162,7 @@ struct Grid {
 
 // Grids the samples with the record. Refuses up front (Error(Memory)) a grid
 // larger than the machine's memory.
-Grid grid(const Record& record, PointsView samples, const RunOptions& options = {});
+KAGRID_API Grid grid(const Record& record, PointsView samples, const RunOptions& options = {});
 
 // Estimates at arbitrary positions; a position on a node of the record's
 // lattice gets that node's value. Blank positions hold the record's blank value.
@@ -161,7 +170,7 @@ struct Prediction {
     std::vector<double> z;
     std::vector<double> stdDev;  // empty unless asked for and formed; NaN where none
 };
-Prediction predict(const Record& record, PointsView samples, std::span<const double> x,
+KAGRID_API Prediction predict(const Record& record, PointsView samples, std::span<const double> x,
                    std::span<const double> y, const RunOptions& options = {});
 
 // Leave-one-out estimates of every valid sample from the others.
@@ -170,7 +179,7 @@ struct CrossValidation {
     std::size_t count = 0, estimatedCount = 0;
     double me = 0, mae = 0, rmse = 0, r = 0;
 };
-CrossValidation crossValidate(const Record& record, PointsView samples, const RunOptions& options = {});
+KAGRID_API CrossValidation crossValidate(const Record& record, PointsView samples, const RunOptions& options = {});
 
 struct WriteOptions {
     std::string format;    // GDAL driver; empty: from the extension
@@ -180,6 +189,6 @@ struct WriteOptions {
     unsigned threads = 0;
 };
 // Writes through a temporary name, renamed when complete. Throws Error(Output).
-void writeRaster(const Grid& grid, const std::string& path, const WriteOptions& options = {});
+KAGRID_API void writeRaster(const Grid& grid, const std::string& path, const WriteOptions& options = {});
 
 }  // namespace kagrid

@@ -1,6 +1,4 @@
-#include "apps/kagrid/KaGridOptions.h"
-
-#include <unistd.h>
+#include "io/KaGridRequest.h"
 
 #include <cmath>
 #include <cstdio>
@@ -119,41 +117,4 @@ std::string DescribeGrid(const KaEstimatorGridParam& r)
                   static_cast<unsigned long long>(r.columnCount), static_cast<unsigned long long>(r.rowCount),
                   r.GetDx(), r.GetDy(), r.xMin, r.xMax, r.yMin, r.yMax);
     return text;
-}
-
-namespace {
-
-std::string Bytes(long double bytes)
-{
-    const char* units[] = {"bytes", "kB", "MB", "GB", "TB", "PB", "EB"};
-    int u = 0;
-    while (bytes >= 1000 && u < 6) {
-        bytes /= 1000;
-        ++u;
-    }
-    char text[64];
-    std::snprintf(text, sizeof text, "%.3Lg %s", bytes, units[u]);
-    return text;
-}
-
-}  // namespace
-
-std::string GridMemoryText(uint64_t columns, uint64_t rows, unsigned grids)
-{
-    const long double bytes =
-        static_cast<long double>(columns) * static_cast<long double>(rows) * sizeof(double) * grids;
-    return "a " + std::to_string(columns) + " \u00d7 " + std::to_string(rows) +
-           (grids > 1 ? " grid and its standard deviation need " : " grid needs ") + Bytes(bytes);
-}
-
-void CheckGridFitsInMemory(const KaEstimatorGridParam& r, unsigned grids)
-{
-    const long pages = sysconf(_SC_PHYS_PAGES), pageSize = sysconf(_SC_PAGE_SIZE);
-    if (pages <= 0 || pageSize <= 0) return;
-    const long double memory = static_cast<long double>(pages) * pageSize;
-    const long double bytes =
-        static_cast<long double>(r.columnCount) * static_cast<long double>(r.rowCount) * sizeof(double) * grids;
-    if (bytes > memory)
-        throw KaParamError(GridMemoryText(r.columnCount, r.rowCount, grids) + ", more than this machine's " + Bytes(memory) +
-                           " of memory; choose a coarser --cell or a smaller --size");
 }

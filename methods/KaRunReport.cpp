@@ -1,11 +1,10 @@
-#include "apps/kagrid/KaRunReport.h"
+#include "methods/KaRunReport.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <limits>
 
-#include "methods/KaEstDataMetrics.h"
 #include "methods/KaEstKrig.h"
 #include "methods/KaMethodRegistry.h"
 #include "platform/kadata/KaDataObject.h"
@@ -29,18 +28,6 @@ std::string Number(double v)
 struct Sample {
     double x, y, z;
 };
-
-// The keys that shape a method's estimate, for the warnings.
-const char* MethodKeys(const std::string& method)
-{
-    if (method == "kriging") return "variogram, driftType";
-    if (method == "linear-kriging") return "slope";
-    if (method == "radial-basis") return "basisFunction, r2Parameter";
-    if (method == "local-polynomial") return "totalOrder (or xOrder, yOrder), minInAll, maxFromAll";
-    if (method == "modified-shepard") return "quadraticNeighbors, weightingNeighbors, smoothingFactor";
-    if (method == "inverse-distance") return "power, smoothing";
-    return "the method's own keys";
-}
 
 bool NuggetOnly(const KaEstimatorGridParam& record)
 {
@@ -73,7 +60,7 @@ int64_t MostInEllipse(const KaEstGridSearcherParam& q, const std::vector<Sample>
     return most;
 }
 
-std::string WhyAllBlank(const std::string& method, const KaEstimatorGridParam& record,
+std::string WhyAllBlank(const KaMethodInfo& method, const KaEstimatorGridParam& record,
                         const std::vector<Sample>& samples)
 {
     double x0 = samples[0].x, x1 = x0, y0 = samples[0].y, y1 = y0;
@@ -103,10 +90,9 @@ std::string WhyAllBlank(const std::string& method, const KaEstimatorGridParam& r
     if (NuggetOnly(record))
         return "the kriging system was singular at every node, as a variogram of only a nugget gives; add a "
                "structured component to variogram (e.g. Spherical with a range)";
-    if (method == "kriging" || method == "linear-kriging" || method == "radial-basis" ||
-        method == "local-polynomial")
+    if (method.run.linearSystem)
         return "the estimate's linear system was singular at every node (coincident samples, or the settings: " +
-               std::string(MethodKeys(method)) + "); or the search settings (sectorCount, blankSectors, "
+               std::string(method.run.keys) + "); or the search settings (sectorCount, blankSectors, "
                "maxFromEach) left too few samples per sector";
     return "the search settings left every node without enough samples: check sectorCount, blankSectors, "
            "maxFromEach and minInAll";
@@ -150,12 +136,12 @@ std::vector<std::string> ReviewSurface(const KaMethodInfo& info, const KaEstimat
         std::vector<Sample> samples;
         for (const KaSample& s : list)
             if (valid(s)) samples.push_back({s.point.x, s.point.y, s.point.z});
-        warnings.push_back("every node of the grid is blank: " + WhyAllBlank(method, record, samples));
+        warnings.push_back("every node of the grid is blank: " + WhyAllBlank(info, record, samples));
         return warnings;
     }
     // Data metrics are counts, densities, distances, sums and spreads as much
     // as z values: a grid beyond the z range says nothing about them.
-    if (dynamic_cast<const KaEstDataMetricsParam*>(&record)) return warnings;
+    if (!info.run.zValues) return warnings;
     const double width = z1 > z0 ? z1 - z0 : std::max(1.0, std::fabs(z0));
     const double beyond = std::max(hi - z1, z0 - lo);
     if (beyond > kFarFactor * width) {
@@ -164,7 +150,7 @@ std::vector<std::string> ReviewSurface(const KaMethodInfo& info, const KaEstimat
         std::snprintf(factor, sizeof factor, "%.3g", beyond / width);
         warnings.push_back("estimates reach " + Number(far) + ", " + factor +
                            " times the width of the samples' z range (" + Number(z0) + " \u2026 " + Number(z1) +
-                           ") beyond it; likely ill-conditioned local fits: check " + MethodKeys(method));
+                           ") beyond it; likely ill-conditioned local fits: check " + info.run.keys);
     }
     return warnings;
 }

@@ -27,11 +27,3 @@ void ApplyGridRequest(const KaGridRequest& request, KaEstimatorGridParam& record
 
 // "70 × 98 nodes, cell 40 × 40, x 178609 … 181369, y 329704 … 333584".
 std::string DescribeGrid(const KaEstimatorGridParam& record);
-
-// "a 100000000 × 100 grid needs 80 GB"; with 2 grids, "a ... grid and its
-// standard deviation need ...".
-std::string GridMemoryText(uint64_t columns, uint64_t rows, unsigned grids = 1);
-
-// Refuses, before any work, `grids` grids of the record's size that together
-// exceed the machine's memory.
-void CheckGridFitsInMemory(const KaEstimatorGridParam& record, unsigned grids = 1);
