@@ -75,6 +75,38 @@ void KaJobsPanel::NoteCreated(int row, const QString& name)
     jobs_[row].created << name;
 }
 
+void KaJobsPanel::NoteWarning(int row, const QString& text)
+{
+    if (row < 0 || row >= jobs_.size()) return;
+    jobs_[row].warnings << text;
+    jobs_[row].history << QStringLiteral("warning: ") + text;
+    if (jobs_[row].finished) {
+        jobs_[row].outcome += tr("; warning: %1").arg(text);
+        Refresh(row);
+    }
+}
+
+int KaJobsPanel::AddRefused(const QString& title, const QString& reason)
+{
+    const int row = static_cast<int>(jobs_.size());
+    Job job;
+    job.title = title;
+    job.finished = true;
+    job.outcome = tr("Refused: %1").arg(reason);
+    job.history << QStringLiteral("refused: ") + reason;
+    jobs_.append(job);
+    auto* item = new QTreeWidgetItem(this);
+    auto* bar = new QProgressBar(this);
+    bar->setRange(0, 100);
+    bars_.append(bar);
+    setItemWidget(item, 3, bar);
+    Refresh(row);
+    bar->setFormat(tr("refused"));
+    item->setForeground(2, QColor(170, 0, 0));
+    scrollToItem(item);
+    return row;
+}
+
 void KaJobsPanel::Dismiss(int row)
 {
     if (row < 0 || row >= jobs_.size() || jobs_[row].finished || jobs_[row].dismissed) return;
@@ -108,6 +140,7 @@ void KaJobsPanel::Finished(int row)
                                             : tr("Dismissed; its result was discarded");
     } else if (!job.created.isEmpty()) {
         job.outcome = tr("Done: created %1").arg(job.created.join(QStringLiteral(", ")));
+        for (const QString& w : job.warnings) job.outcome += tr("; warning: %1").arg(w);
     } else {
         job.outcome = tr("Ended without a surface");
         if (!job.message.isEmpty()) job.outcome += tr(" (last message: %1)").arg(job.message);
@@ -139,6 +172,6 @@ void KaJobsPanel::Refresh(int row)
     } else if (job.finished) {
         if (job.created.isEmpty()) bar->setFormat(tr("no surface"));
         else bar->setValue(100);
-        item->setForeground(2, job.created.isEmpty() ? QColor(160, 60, 0) : QColor(0, 110, 0));
+        item->setForeground(2, job.created.isEmpty() || !job.warnings.isEmpty() ? QColor(160, 60, 0) : QColor(0, 110, 0));
     }
 }

@@ -18,6 +18,11 @@ public:
     int AddThread(KaThread* thread);
     // A data object the row's job created.
     void NoteCreated(int row, const QString& name);
+    // A warning about what the row's job created (the run review's).
+    void NoteWarning(int row, const QString& text);
+    // A job refused before it started (a grid larger than the machine's
+    // memory): a finished row that says why. Returns its row.
+    int AddRefused(const QString& title, const QString& reason);
     // Drops a running job: its row says so, and what it creates when it ends
     // is discarded (TakesResult). The thread itself cannot be stopped: it
     // runs on to its end.
@@ -29,7 +34,7 @@ public:
         int percent = 0;
         bool finished = false;
         bool dismissed = false;
-        QStringList created;
+        QStringList created, warnings;
         QStringList history;  // every update in order, as "message: ..." / "percent: ..."
     };
     const Job& JobAt(int row) const { return jobs_.at(row); }

@@ -36,7 +36,16 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "core/KaEstimatorSample.h"
+#include "core/KaRecordFill.h"
 #include "io/KaCrs.h"
+#include "methods/KaMemoryGuard.h"
+#include "methods/KaMethodRegistry.h"
+#include "methods/KaRunReport.h"
+#include "search/KaEstGridSearcherParam.h"
+#include <QAbstractSpinBox>
+#include <QCheckBox>
+#include <QLocale>
 #include "io/KaIoError.h"
 #include "io/KaOutputFiles.h"
 #include "io/KaRasterIo.h"
@@ -230,7 +239,10 @@ KaVeskWindow::KaVeskWindow(QWidget* parent) : QMainWindow(parent)
         Log(2, tr("Dismissed the job %1: a gridding job cannot be cancelled, so it runs on to its end; "
                   "what it creates will be discarded").arg(jobs_->JobAt(row).title));
     });
-    connect(jobs_, &KaJobsPanel::sigJobFinished, this, [this] {
+    connect(jobs_, &KaJobsPanel::sigJobFinished, this, [this](int row) {
+        const KaJobsPanel::Job& job = jobs_->JobAt(row);
+        if (job.created.isEmpty() && !job.dismissed)
+            Log(2, tr("%1: %2").arg(job.title, job.outcome));
         if (waitingToQuit_ && jobs_->AwaitedCount() == 0) QTimer::singleShot(0, this, &QWidget::close);
     });
     quitNow_ = [] {
@@ -1040,8 +1052,22 @@ bool KaVeskWindow::eventFilter(QObject* watched, QEvent* event)
         auto* dialog = qobject_cast<QDialog*>(watched);
         auto it = dialogSource_.find(watched);
         if (dialog && it != dialogSource_.end() && dialog->result() == QDialog::Accepted && Find(it.value())) {
+            const QString refusal = MemoryRefusal(dialog);
+            if (!refusal.isEmpty()) {
+                // Refused before the job allocates anything: the dialog's
+                // acceptance does not reach the plug-in this time.
+                dialog->blockSignals(true);
+                QTimer::singleShot(0, dialog, [dialog] { dialog->blockSignals(false); });
+                jobs_->AddRefused(dialog->windowTitle(), refusal);
+                Log(3, tr("%1: refused: %2").arg(dialog->windowTitle(), refusal));
+                return QMainWindow::eventFilter(watched, event);
+            }
             acceptedSource_ = it.value();
-            QTimer::singleShot(0, this, [this] { acceptedSource_ = nullptr; });
+            acceptedDialog_ = dialog;
+            QTimer::singleShot(0, this, [this] {
+                acceptedSource_ = nullptr;
+                acceptedDialog_ = nullptr;
+            });
         }
     }
     return QMainWindow::eventFilter(watched, event);
@@ -1052,7 +1078,16 @@ void KaVeskWindow::ThreadAdded(KaThread* thread)
     const int row = jobs_->AddThread(thread);
     if (acceptedSource_ && Find(acceptedSource_)) {
         const Entry* src = Find(acceptedSource_);
-        jobSource_.insert(row, {QString::fromStdString(src->object->GetName()), src->crs});
+        JobSource js{QString::fromStdString(src->object->GetName()), src->crs, src->object.get()};
+        if (acceptedDialog_) {
+            auto value = [&](const char* name) {
+                auto* spin = acceptedDialog_->findChild<QAbstractSpinBox*>(QLatin1String(name));
+                return spin ? QLocale().toDouble(spin->text()) : -1.0;  // -1: the dialog has no such field
+            };
+            js.radius1 = value("SpinRadius1");
+            js.radius2 = value("SpinRadius2");
+        }
+        jobSource_.insert(row, js);
         acceptedSource_ = nullptr;
     }
     if (auto* loader = qobject_cast<KaDataLoadThread*>(thread))
@@ -1078,8 +1113,83 @@ void KaVeskWindow::TakeCreated(KaObject* object, int jobRow)
     const auto source = jobSource_.constFind(jobRow);
     if (source != jobSource_.constEnd() && !source->crs.isEmpty()) SetCrs(added, source->crs);
     Log(1, tr("%1 created by %2").arg(QString::fromStdString(added->GetName()), jobs_->JobAt(jobRow).title));
+    ReviewCreated(jobRow, added);
     // A new surface becomes the selection: its legend shows, Save As takes it.
     if (dynamic_cast<KaSurface*>(added)) Select(added);
+}
+
+namespace {
+
+// The registry entry of a job by its thread's title (the plug-in's titles).
+const KaMethodInfo* MethodOfTitle(const QString& title)
+{
+    static const std::pair<const char*, const char*> kTitles[] = {
+        {"Kriging", "kriging"},
+        {"Inverse Distance", "inverse-distance"},
+        {"Nearset Neighbor", "nearest-neighbor"},
+        {"Arithmetic Mean", "moving-average"},
+        {"Modified Shepard's Method", "modified-shepard"},
+        {"Data Metrics", "data-metrics"},
+        {"Radial Basis Function", "radial-basis"},
+        {"Polynomial Regression", "polynomial-regression"},
+        {"Local Polynomial", "local-polynomial"},
+        {"Minimum Curvature", "minimum-curvature"},
+        {"Triangulation with Linear Interpolation", "triangulation"},
+    };
+    for (const auto& [t, key] : kTitles)
+        if (title == QLatin1String(t)) return FindMethod(key);
+    return nullptr;
+}
+
+}  // namespace
+
+QString KaVeskWindow::MemoryRefusal(QDialog* dialog) const
+{
+    auto* columns = dialog->findChild<QAbstractSpinBox*>(QStringLiteral("SpinXCount"));
+    auto* rows = dialog->findChild<QAbstractSpinBox*>(QStringLiteral("SpinYCount"));
+    if (!columns || !rows) return {};
+    KaEstimatorGridParam record;
+    record.columnCount = static_cast<uint64_t>(std::max(0.0, QLocale().toDouble(columns->text())));
+    record.rowCount = static_cast<uint64_t>(std::max(0.0, QLocale().toDouble(rows->text())));
+    auto* stdDev = dialog->findChild<QCheckBox*>(QStringLiteral("ChkCreateStdDev"));
+    try {
+        KaCheckGridMemory(record, stdDev && stdDev->isChecked() ? 2 : 1,
+                          "choose fewer columns and rows on the dialog's grid page");
+    } catch (const KaMemoryError& e) {
+        return QString::fromStdString(e.what());
+    }
+    return {};
+}
+
+// The run review kagrid makes, on what a job delivered: every node blank,
+// estimates far beyond the samples' range. The record is the one the dialog
+// filled from the object, on the surface's lattice, with the dialog's search
+// ellipse.
+void KaVeskWindow::ReviewCreated(int jobRow, const KaDataObject* created)
+{
+    auto* surface = dynamic_cast<const KaSurface*>(created);
+    const auto source = jobSource_.constFind(jobRow);
+    if (!surface || source == jobSource_.constEnd() || !Find(source->object)) return;
+    const KaMethodInfo* method = MethodOfTitle(jobs_->JobAt(jobRow).title);
+    if (!method) return;
+    std::unique_ptr<KaEstimatorGridParam> record = method->makeParam();
+    if (FillRecordFromObject(record.get(), source->object, method->suffix) == KaFillResult::Failed) return;
+    const KaSurfaceObjInfo& info = surface->GetSurfaceObjInfo();
+    record->xMin = info.xMin, record->xMax = info.xMax, record->yMin = info.yMin, record->yMax = info.yMax;
+    record->columnCount = info.columnCount, record->rowCount = info.rowCount;
+    record->blankValue = info.invalidValue;
+    if (auto* q = dynamic_cast<KaEstGridSearcherParam*>(record.get()); q && source->radius1 >= 0 && source->radius2 >= 0) {
+        q->radius1 = source->radius1;
+        q->radius2 = source->radius2;
+    }
+    KaSampleList* raw = nullptr;
+    if (!BuildSampleList(raw, source->object)) return;
+    const std::unique_ptr<KaSampleList> samples(raw);
+    for (const std::string& w : ReviewSurface(*method, *record, *samples, *surface)) {
+        const QString text = QString::fromStdString(w);
+        jobs_->NoteWarning(jobRow, text);
+        Log(2, tr("%1: %2").arg(QString::fromStdString(surface->GetName()), text));
+    }
 }
 
 void KaVeskWindow::WaitForJobs()

@@ -1,7 +1,9 @@
 #pragma once
 
 #include <QHash>
+#include <QDialog>
 #include <QMainWindow>
+#include <QPointer>
 #include <QStringList>
 #include <functional>
 #include <memory>
@@ -165,6 +167,13 @@ private:
     const KaDataObject* acceptedSource_ = nullptr;
     struct JobSource {
         QString name, crs;
+        const KaDataObject* object = nullptr;  // checked with Find before use
+        double radius1 = -1, radius2 = -1;     // the dialog's search ellipse, -1 when it has none
     };
+    QPointer<QDialog> acceptedDialog_;
+    // The grid a plug-in dialog asks for, refused when larger than the
+    // machine's memory; "" when it fits or the dialog has no grid page.
+    QString MemoryRefusal(QDialog* dialog) const;
+    void ReviewCreated(int jobRow, const KaDataObject* created);
     QHash<int, JobSource> jobSource_;
 };

@@ -12,6 +12,8 @@
 #include <QProcess>
 #include <QSettings>
 #include <QProgressBar>
+#include <QSpinBox>
+#include <QDoubleSpinBox>
 #include <QStandardPaths>
 #include <QTreeWidget>
 #include <array>
@@ -1140,6 +1142,52 @@ TEST_F(Vesk, VariogramWindowMatchesKagridVariogramAndGivesItsParameter)
     table->item(1, 2)->setText("-3");
     EXPECT_TRUE(vw.Snippet().isEmpty());
     EXPECT_FALSE(vw.Fit("Nugget+Banana"));
+}
+
+
+// The memory guard and the run review kagrid has: a grid larger than the
+// machine's memory is refused before any job starts, with kagrid's words; a
+// grid left all blank by the search is said to be, and why.
+TEST_F(Vesk, SaysWhatKagridSaysAboutMemoryAndBlankGrids)
+{
+    KaDataObject* points = window->OpenFile(kSample);
+    ASSERT_NE(points, nullptr);
+    qputenv("KAGRID_MACHINE_MEMORY", "1M");
+    KaSheetDialogBase* dialog = OpenMethodDialog(points, QStringLiteral("Inverse Distance to a Power"));
+    ASSERT_NE(dialog, nullptr);
+    dialog->findChild<QSpinBox*>("SpinXCount")->setValue(2000);
+    dialog->findChild<QSpinBox*>("SpinYCount")->setValue(1000);
+    dialog->findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Ok)->click();
+    QProcess kagrid;
+    kagrid.start(KAGRID_EXE, {"inverse-distance", kSample, QString::fromStdString((TempDir("memory") / "g.tif").string()),
+                              "--size", "2000,1000"});
+    ASSERT_TRUE(kagrid.waitForFinished(60000));
+    qunsetenv("KAGRID_MACHINE_MEMORY");
+    QCoreApplication::processEvents();
+    EXPECT_EQ(KaThreadMgr::Instance().Threads().size(), 0);  // nothing started
+    KaJobsPanel* jobs = window->JobsPanel();
+    ASSERT_EQ(jobs->JobCount(), 1);
+    const QString outcome = jobs->JobAt(0).outcome;
+    EXPECT_TRUE(outcome.startsWith("Refused: a 2000 × 1000 grid needs 16 MB, more than this machine's 1 MB of memory"))
+        << outcome.toStdString();
+    const QString said = QString::fromUtf8(kagrid.readAllStandardError());
+    EXPECT_TRUE(said.contains("a 2000 × 1000 grid needs 16 MB, more than this machine's 1 MB of memory")) << said.toStdString();
+    Screenshot(window.get(), "vesk_memory_refused");
+
+    // A tiny search ellipse leaves every node blank: the job says it made a
+    // surface, and the review says why it is empty.
+    dialog = OpenMethodDialog(points, QStringLiteral("Inverse Distance to a Power"));
+    ASSERT_NE(dialog, nullptr);
+    dialog->findChild<QDoubleSpinBox*>("SpinRadius1")->setValue(0.001);
+    dialog->findChild<QDoubleSpinBox*>("SpinRadius2")->setValue(0.001);
+    dialog->findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Ok)->click();
+    ASSERT_TRUE(WaitFor([&] { return jobs->JobCount() == 2 && jobs->JobAt(1).finished; }));
+    ASSERT_EQ(jobs->JobAt(1).warnings.size(), 1);
+    EXPECT_TRUE(jobs->JobAt(1).warnings[0].startsWith("every node of the grid is blank: too few samples within the search ellipse"))
+        << jobs->JobAt(1).warnings[0].toStdString();
+    EXPECT_TRUE(jobs->JobAt(1).warnings[0].contains("radius1 0.001")) << jobs->JobAt(1).warnings[0].toStdString();
+    EXPECT_TRUE(jobs->JobAt(1).outcome.contains("; warning: every node")) << jobs->JobAt(1).outcome.toStdString();
+    Screenshot(window.get(), "vesk_review_warning");
 }
 
 }  // namespace
