@@ -35,6 +35,7 @@
 #include <thread>
 #include <unistd.h>
 
+#include <QScreen>
 #include <QWindow>
 #include <QAbstractItemView>
 
@@ -146,8 +147,8 @@ public:
     {
         Do([&] {
             QDir(QStringLiteral(KA_BINARY_DIR "/screenshots")).mkpath(".");
-            QWidget* top = QApplication::activeModalWidget() ? QApplication::activeModalWidget() : window_;
-            top->grab().save(QStringLiteral(KA_BINARY_DIR "/screenshots/") + name + ".png");
+            // The screen as X shows it, menus and dialogs included.
+            QGuiApplication::primaryScreen()->grabWindow(0, 0, 0, 1400, 900).save(QStringLiteral(KA_BINARY_DIR "/screenshots/") + name + ".png");
         });
     }
     // A file dialog is up: the path typed into its name field, then Return.
