@@ -259,10 +259,16 @@ void KaGridJob::EstimateRowsInParallel(KaEstimatorGrid& first, std::vector<std::
                 while (oneRow(*e)) {
                 }
             });
-        // This thread works too, and reports progress between its rows.
-        do {
-            announce(false);
-        } while (oneRow(first));
+        // This thread works too, and reports progress between its rows. An
+        // observer that throws (a caller stopping the job) hands out no more rows.
+        try {
+            do {
+                announce(false);
+            } while (oneRow(first));
+        } catch (...) {
+            stop.store(true, std::memory_order_relaxed);
+            throw;
+        }
     }  // joins
     announce(true);
     if (failure) std::rethrow_exception(failure);

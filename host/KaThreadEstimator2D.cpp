@@ -4,6 +4,7 @@
 #include <exception>
 
 #include "core/KaEstimatorGrid.h"
+#include "methods/KaMemoryGuard.h"
 #include "methods/KaEstLinearTriangulation.h"
 #include "methods/KaTriangulationJob.h"
 #include "host/KaThreadTriangulation.h"
@@ -63,6 +64,16 @@ bool KaThreadEstimator2D::EstimateSurface(KaSurface* surface) { return job_->Est
 
 void KaThreadEstimator2D::run()
 {
+    // A request larger than the machine is refused before anything is
+    // allocated; the allocation-failure path below stays for the rest.
+    if (const KaEstimatorGrid* e = job_->GetEstimator(); e && e->GetParam() && job_->GetSampleList()) {
+        const std::string refusal = KaGridMemoryRefusal(*e->GetParam(), *job_->GetSampleList(), job_->ThreadCount(), 1,
+                                                        "choose fewer columns or rows");
+        if (!refusal.empty()) {
+            OutputEventsLog(3, refusal);
+            return;
+        }
+    }
     try {
         std::unique_ptr<KaSurface> surface = job_->Run();
         if (surface) emit sigCreatedObject(surface.release());

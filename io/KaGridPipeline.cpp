@@ -138,6 +138,15 @@ std::vector<std::string> KaReviewRun(const KaMethodInfo& method, const KaEstimat
     return warnings;
 }
 
+std::vector<std::string> KaReviewRun(const KaEstimatorGridParam& record, const KaSampleList& samples,
+                                     KaSurface& surface)
+{
+    if (const KaMethodInfo* method = KaMethodOfRecord(record)) return KaReviewRun(*method, record, samples, surface);
+    std::vector<std::string> warnings;
+    if (std::string w = KaBlankNonFiniteWarning(surface); !w.empty()) warnings.push_back(std::move(w));
+    return warnings;
+}
+
 std::string KaSkippedText(std::size_t skipped, bool textInput)
 {
     if (!skipped) return {};

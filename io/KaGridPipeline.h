@@ -78,6 +78,10 @@ KaGridRunResult KaRunGrid(const KaMethodInfo& method, std::unique_ptr<KaEstimato
 // node blank and why, estimates far beyond the samples' range).
 std::vector<std::string> KaReviewRun(const KaMethodInfo& method, const KaEstimatorGridParam& record,
                                      const KaSampleList& samples, KaSurface& surface);
+// The same for a front end that holds the record but not the method entry
+// (vesk): the method is the record's own.
+std::vector<std::string> KaReviewRun(const KaEstimatorGridParam& record, const KaSampleList& samples,
+                                     KaSurface& surface);
 // Blanks the non-finite nodes of a surface; the warning, or empty when none
 // was. `what` names a surface other than the grid (" of the standard deviation").
 std::string KaBlankNonFiniteWarning(KaSurface& surface, const char* what = "");

@@ -19,6 +19,7 @@
 #include "methods/KaMemoryGuard.h"
 #include "methods/KaMethodRegistry.h"
 #include "methods/KaPredict.h"
+#include "platform/kadata/KaEventsLog.h"
 #include "search/KaEstGridSearcherParam.h"
 #include "search/KaSearchGrid.h"
 #include "tune/KaLeaveOneOut.h"
@@ -43,6 +44,11 @@ const char* const kSamples = "samples";
 template <typename F>
 auto Guarded(Error::Kind ioKind, F&& f) -> decltype(f())
 {
+    // The job's own log lines (an allocation failure) come back as the Error
+    // instead. The library holds its own copy of the log: the caller's
+    // process is not affected.
+    static const bool quiet = (SetEventsLogSink([](int, const std::string&) {}), true);
+    (void)quiet;
     try {
         return f();
     } catch (const Error&) {
@@ -170,7 +176,7 @@ std::vector<MethodInfo> methods()
         i.title = m.title;
         i.searching = dynamic_cast<const KaEstGridSearcherParam*>(m.makeParam().get()) != nullptr;
         i.stdDev = FormsStdDev(m);
-        i.pointwise = !m.makeJob;
+        i.pointwise = !m.makeJob && i.searching;  // what predict and cross-validate take
         out.push_back(std::move(i));
     }
     return out;
@@ -310,6 +316,9 @@ Prediction predict(const Record& record, PointsView samples, std::span<const dou
     return Guarded(Error::Kind::Input, [&] {
         const KaMethodInfo& m = *record.impl().method;
         const KaEstimatorGridParam& r = *record.impl().record;
+        if (!m.makeJob && !dynamic_cast<const KaEstGridSearcherParam*>(&r))
+            throw KaParamError(std::string(m.key) + " does not estimate position by position (" +
+                               (m.note ? m.note : "it has no neighbourhood search") + ")");
         std::unique_ptr<KaSampleList> list = KaSamplesFromColumns(samples.x, samples.y, samples.z, kSamples);
         std::vector<KaMemoryItem> items = KaGridRunMemory(m, r, *list, options.threads, 1, kGridAdvice);
         items.front() = {"estimates at " + std::to_string(x.size()) + " positions need " +

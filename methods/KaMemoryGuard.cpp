@@ -17,9 +17,10 @@
 namespace {
 
 // Bytes a search structure keeps per sample (the samples sorted by rows and
-// by columns, their bucket keys and slots) and per grid node (the occupancy
-// maps of a dense bucket lattice), and what it keeps whatever the size.
-constexpr long double kSearchPerSample = 200, kSearchPerNode = 12, kSearchFixed = 8e6;
+// by columns, their bucket keys and slots), per bucket of its lattice (about
+// one per grid node: the occupancy maps of both orders), and per bucket of
+// the start tables (both orders), which stop at 4 keys a sample plus 2^20.
+constexpr long double kSearchPerSample = 200, kSearchPerNode = 2, kSearchPerStart = 8;
 // Each thread's neighbour lists and sector scratch, per neighbour.
 constexpr long double kNeighbourBytes = 64;
 // A per-node fit of a few polynomial terms, per neighbour.
@@ -61,14 +62,16 @@ uint64_t NeighbourCap(const KaEstGridSearcherParam& q, uint64_t n)
 // The searching estimate's own allocations: the search structures once, and
 // per thread the neighbour lists and the per-node system.
 void AddSearching(std::vector<KaMemoryItem>& items, const KaMethodInfo& method, const KaEstGridSearcherParam& q,
-                  const KaSampleList& samples, unsigned threads, long double nodes, const char* what)
+                  const KaSampleList& samples, unsigned threads, long double nodes, const char* what,
+                  uint64_t cap = UINT64_MAX)
 {
     const uint64_t n = samples.size();
-    items.push_back({"the search structures for " + Count(n) + " samples need " +
-                         KaBytesText(kSearchPerSample * n + kSearchPerNode * nodes + kSearchFixed),
-                     "use fewer samples (block-average them first)",
-                     kSearchPerSample * n + kSearchPerNode * nodes + kSearchFixed});
-    const uint64_t k = NeighbourCap(q, n);
+    const long double starts = std::min<long double>(nodes, 4.0L * n + (1 << 20));
+    const long double search = kSearchPerSample * n + kSearchPerNode * nodes + kSearchPerStart * starts;
+    items.push_back({"the search structures for " + Count(n) + " samples" +
+                         (nodes > 0 ? " on the grid's bucket lattice" : "") + " need " + KaBytesText(search),
+                     "use fewer samples (block-average them first)", search});
+    const uint64_t k = std::min(NeighbourCap(q, n), cap);
     const long double kk = static_cast<long double>(k);
     long double perThread = kNeighbourBytes * kk;
     if (method.run.systemPower >= 2) perThread += (kk + kSystemExtra) * (kk + kSystemExtra) * sizeof(double);
@@ -85,9 +88,9 @@ void AddSearching(std::vector<KaMemoryItem>& items, const KaMethodInfo& method, 
     if (machine > 0 && total > machine / 4 && k > 1) {
         const std::size_t places = DistinctLocations(samples);
         if (places * 2 < n)
-            need += "; the " + Count(n) + " samples lie at only " + Count(places) +
-                    " distinct locations, and every sample at a location is a neighbour";
-        if (places * 2 < n) advice += ", or average the samples that share a location first";
+            advice = "the " + Count(n) + " samples lie at only " + Count(places) +
+                     " distinct locations, and every sample at a location is a neighbour: " + advice +
+                     ", or average the samples that share a location first";
     }
     if (threads > 1) advice += ", or use fewer threads";
     items.push_back({need, advice, total});
@@ -179,7 +182,8 @@ std::vector<KaMemoryItem> KaGridRunMemory(const KaMethodInfo& method, const KaEs
 }
 
 std::vector<KaMemoryItem> KaLeaveOneOutMemory(const KaMethodInfo& method, const KaEstimatorGridParam& record,
-                                              const KaSampleList& samples, unsigned threads, std::size_t candidates)
+                                              const KaSampleList& samples, unsigned threads, std::size_t candidates,
+                                              uint64_t neighbourCap)
 {
     std::vector<KaMemoryItem> items;
     const uint64_t n = samples.size();
@@ -189,12 +193,26 @@ std::vector<KaMemoryItem> KaLeaveOneOutMemory(const KaMethodInfo& method, const 
                          " needs " + KaBytesText(kept),
                      "use fewer samples", kept});
     if (const auto* q = dynamic_cast<const KaEstGridSearcherParam*>(&record))
-        AddSearching(items, method, *q, samples, Resolved(threads), 0, "'s leave-one-out");
+        AddSearching(items, method, *q, samples, Resolved(threads), 0, "'s leave-one-out", neighbourCap);
     return items;
 }
 
-std::vector<KaMemoryItem> KaVariogramMemory(std::size_t points, double lags)
+std::vector<KaMemoryItem> KaVariogramMemory(const std::vector<Ka3DPoint>& pointList, const KaVariogramOptions& o)
 {
+    const std::size_t points = pointList.size();
+    double cutoff = o.cutoff;
+    if (cutoff == 0 && !pointList.empty()) {
+        double x0 = pointList[0].x, x1 = x0, y0 = pointList[0].y, y1 = y0;
+        for (const Ka3DPoint& p : pointList) {
+            x0 = std::min(x0, p.x), x1 = std::max(x1, p.x);
+            y0 = std::min(y0, p.y), y1 = std::max(y1, p.y);
+        }
+        cutoff = std::hypot(x1 - x0, y1 - y0) / 3;
+    }
+    const double width = o.width == 0 ? cutoff / 15 : o.width;
+    // Nonsense the variogram refuses itself counts as one lag here.
+    double lags = std::ceil(cutoff / width);
+    if (!std::isfinite(lags) || !(lags >= 1)) lags = 1;
     const long double bytes = static_cast<long double>(std::max(lags, 1.0)) * 3 * sizeof(double) +
                               static_cast<long double>(points) * sizeof(double) * 3;
     char count[40];
@@ -225,4 +243,17 @@ const KaMethodInfo* KaMethodOfRecord(const KaEstimatorGridParam& record)
     for (const KaMethodInfo& m : KaMethods())
         if (typeid(*m.makeParam()) == typeid(record)) return &m;
     return nullptr;
+}
+
+std::string KaGridMemoryRefusal(const KaEstimatorGridParam& record, const KaSampleList& samples, unsigned threads,
+                                unsigned grids, const std::string& gridAdvice)
+{
+    const KaMethodInfo* method = KaMethodOfRecord(record);
+    try {
+        if (method) KaCheckMemory(KaGridRunMemory(*method, record, samples, threads, grids, gridAdvice));
+        else KaCheckGridMemory(record, grids, gridAdvice);
+    } catch (const KaMemoryError& e) {
+        return e.what();
+    }
+    return {};
 }

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "core/KaEstimatorSample.h"
+#include "methods/numeric/KaVariogramFit.h"
 
 class KaEstimatorGridParam;
 struct KaMethodInfo;
@@ -67,12 +68,16 @@ std::vector<KaMemoryItem> KaGridRunMemory(const KaMethodInfo& method, const KaEs
 
 // Leave-one-out (cross-validation, tuning): the search structures and each
 // thread's linear system, and `candidates` estimates per sample kept.
+// `neighbourCap` bounds the neighbours where the run chooses them itself
+// (tuning's candidates take at most 64 unless maxFromAll is given).
 std::vector<KaMemoryItem> KaLeaveOneOutMemory(const KaMethodInfo& method, const KaEstimatorGridParam& record,
                                               const KaSampleList& samples, unsigned threads,
-                                              std::size_t candidates = 1);
+                                              std::size_t candidates = 1, uint64_t neighbourCap = UINT64_MAX);
 
-// The experimental variogram's lag table (its pair loop keeps one entry per lag).
-std::vector<KaMemoryItem> KaVariogramMemory(std::size_t points, double lags);
+// The experimental variogram: its points, and the lag table its pair loop
+// fills (one entry per lag: the cutoff over the width, defaults as the
+// variogram takes them).
+std::vector<KaMemoryItem> KaVariogramMemory(const std::vector<Ka3DPoint>& points, const KaVariogramOptions& options);
 
 // Throws KaMemoryError when the items together exceed the machine's memory,
 // naming the largest item (and the total when several count).
@@ -80,3 +85,10 @@ void KaCheckMemory(const std::vector<KaMemoryItem>& items);
 
 // The registry entry whose record type `record` is; null when none is.
 const KaMethodInfo* KaMethodOfRecord(const KaEstimatorGridParam& record);
+
+// For a front end that holds a record and its samples but no exceptions
+// (vesk, the plug-in's worker thread): KaGridRunMemory's check for the
+// record's own method, as a message ("" when the run fits). `gridAdvice`
+// says how that front end makes the grid smaller.
+std::string KaGridMemoryRefusal(const KaEstimatorGridParam& record, const KaSampleList& samples, unsigned threads,
+                                unsigned grids, const std::string& gridAdvice);

@@ -159,6 +159,9 @@ TEST(Library, FailuresCarryTheirKeyAndKind)
     EXPECT_EQ(K::Parameter, kindOf([&] { kagrid::predict(kagrid::Record::make("triangulation", points.view()),
                                                          points.view(), x, y); },
                                    "triangulation"));
+    EXPECT_EQ(K::Parameter, kindOf([&] { kagrid::predict(kagrid::Record::make("minimum-curvature", points.view()),
+                                                         points.view(), x, y); },
+                                   "minimum-curvature does not estimate position by position"));
 }
 
 TEST(Library, ProgressCallbackCancelsAndMemoryIsCheckedFirst)
@@ -177,6 +180,24 @@ TEST(Library, ProgressCallbackCancelsAndMemoryIsCheckedFirst)
             EXPECT_EQ(e.kind(), kagrid::Error::Kind::Cancelled);
         }
         EXPECT_EQ(calls, 3);
+    }
+    // A stop among the row reports of a large grid on two threads, while the
+    // other thread is taking rows: the job ends there, at that report.
+    {
+        kagrid::Record large = record;
+        large.set("columnCount", "400");
+        large.set("rowCount", "2000");
+        int reports = 0;
+        kagrid::RunOptions run;
+        run.threads = 2;
+        run.progress = [&](int) { return ++reports < 5; };
+        try {
+            kagrid::grid(large, points.view(), run);
+            ADD_FAILURE() << "not cancelled";
+        } catch (const kagrid::Error& e) {
+            EXPECT_EQ(e.kind(), kagrid::Error::Kind::Cancelled);
+        }
+        EXPECT_EQ(reports, 5);
     }
     // A machine of 1 MB: a 1000 x 1000 grid (8 MB) is refused before anything runs.
     ::setenv("KAGRID_MACHINE_MEMORY", "1M", 1);

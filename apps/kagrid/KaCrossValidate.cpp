@@ -13,6 +13,7 @@
 #include "io/KaOutputFiles.h"
 #include "io/KaParamJson.h"
 #include "io/KaPointTableWriter.h"
+#include "methods/KaMemoryGuard.h"
 #include "tune/KaLeaveOneOut.h"
 #include "search/KaEstGridSearcher.h"
 
@@ -31,6 +32,7 @@ int RunCrossValidate(const KaSubOptions& o)
     CheckDistinctOutputs({{"--report", o.Value("--report")}, {"--residuals", o.Value("--residuals")}});
     std::unique_ptr<KaSampleList> samples = TakeSamples(*setup.input, input);
     setup.input.reset();
+    KaCheckMemory(KaLeaveOneOutMemory(*method, *setup.record, *samples, threads));
 
     KaLeaveOneOut loo(*method, *samples, setup.record->originalInvalidValue, threads);
     const std::vector<Ka3DPoint>& points = loo.Points();

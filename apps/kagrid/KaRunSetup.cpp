@@ -4,11 +4,11 @@
 #include <filesystem>
 #include <set>
 
+#include "io/KaGridPipeline.h"
 #include "io/KaIoError.h"
 #include "io/KaOutputFiles.h"
 #include "io/KaParamJson.h"
 #include "io/KaRasterIo.h"
-#include "core/KaRecordFill.h"
 
 KaRunSetup PrepareRun(const KaMethodInfo& method, const std::string& inputPath, KaPointColumns columns,
                       const bool given[3], const std::string& paramsFile, const std::vector<std::string>& settings)
@@ -22,26 +22,15 @@ KaRunSetup PrepareRun(const KaMethodInfo& method, const std::string& inputPath, 
     if (report.skippedMissing)
         std::fprintf(stderr, "kagrid: skipped %zu rows or features with missing values\n", report.skippedMissing);
 
-    run.record = method.makeParam();
-    KaEstimatorGridParam& record = *run.record;
-    const KaFillResult fill = FillRecordFromObject(&record, run.input.get(), method.suffix);
-    if (fill == KaFillResult::Failed) throw KaIoError(inputPath, "not a point set or a surface");
-
-    std::set<std::string>& applied = run.given;
-    if (!paramsFile.empty()) {
-        ApplyJson(record, ReadParamFile(paramsFile), paramsFile, &applied);
-    }
-    for (const std::string& s : settings) ApplySetting(record, s, &applied);
-
-    // Zero width fills as the dialogs do (one column); only zero height needs the grid given.
-    const bool zeroHeight = !(record.limit.yMax > record.limit.yMin);
-    if (fill == KaFillResult::NeedsExplicitGeometry && zeroHeight && !applied.count("columnCount"))
-        throw KaParamError(
-            "the points of " + inputPath + " have zero height, so the grid's column count "
-            "cannot be derived from them; give the grid explicitly, e.g. --set xMin=... --set xMax=... "
-            "--set yMin=... --set yMax=... --set columnCount=... --set rowCount=...");
-    const std::string invalid = ValidateForRun(record);
-    if (!invalid.empty()) throw KaParamError("invalid parameter " + invalid);
+    // The record as a gridding run builds it, without a grid request.
+    KaRecordRequest request;
+    request.paramsFile = paramsFile;
+    request.settings = settings;
+    request.geometryHint = "--set xMin=... --set xMax=... --set yMin=... --set yMax=... --set columnCount=... "
+                           "--set rowCount=...";
+    KaPreparedRecord prepared = KaPrepareRecord(method, *run.input, inputPath, request);
+    run.record = std::move(prepared.record);
+    run.given = std::move(prepared.given);
     return run;
 }
 

@@ -12,6 +12,7 @@
 #include "io/KaIoError.h"
 #include "io/KaOutputFiles.h"
 #include "io/KaParamJson.h"
+#include "methods/KaMemoryGuard.h"
 #include "tune/KaTune.h"
 #include "core/KaGridJob.h"
 #include "search/KaEstGridSearcher.h"
@@ -26,6 +27,9 @@ struct Timed {
 Timed Tune(const KaMethodInfo& method, KaEstimatorGridParam& base, KaSampleList& samples, const KaTuneOptions& options,
            bool quiet)
 {
+    // The candidates take at most 64 neighbours unless maxFromAll is given.
+    KaCheckMemory(KaLeaveOneOutMemory(method, base, samples, options.threads, 1,
+                                      options.given.count("maxFromAll") ? UINT64_MAX : 64));
     KaProgress progress(quiet);
     const auto start = std::chrono::steady_clock::now();
     Timed t;

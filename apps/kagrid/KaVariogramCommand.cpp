@@ -18,6 +18,7 @@
 #include "io/KaPreview.h"
 #include "io/KaRasterIo.h"
 #include "core/KaEstimatorSample.h"
+#include "methods/KaMemoryGuard.h"
 #include "methods/numeric/KaVariogramFit.h"
 
 namespace {
@@ -86,6 +87,7 @@ int RunVariogram(const KaSubOptions& o)
         if (!(std::fabs(s.point.z - invalid) <= 1e-20)) points.push_back(s.point);
     if (points.size() < 2) throw KaIoError(input, "fewer than two samples");
 
+    KaCheckMemory(KaVariogramMemory(points, vo));
     std::vector<KaVariogramLag> lags;
     try {
         lags = KaExperimentalVariogram(points, vo);

@@ -160,8 +160,12 @@ struct Grid {
     std::vector<std::string> warnings;
 };
 
-// Grids the samples with the record. Refuses up front (Error(Memory)) a grid
-// larger than the machine's memory.
+// Grids the samples with the record. Refuses up front (Error(Memory)) a run
+// larger than the machine's memory: the grid and standard deviation, the
+// search structures, each thread's per-node system (kriging over many samples
+// at few locations), the triangulation; the message names the largest need.
+// The progress callback's false ends the job at its next report (with
+// several threads, once the rows being estimated are done).
 KAGRID_API Grid grid(const Record& record, PointsView samples, const RunOptions& options = {});
 
 // Estimates at arbitrary positions; a position on a node of the record's
@@ -173,7 +177,8 @@ struct Prediction {
 KAGRID_API Prediction predict(const Record& record, PointsView samples, std::span<const double> x,
                    std::span<const double> y, const RunOptions& options = {});
 
-// Leave-one-out estimates of every valid sample from the others.
+// Leave-one-out estimates of every valid sample from the others. A false
+// from the progress callback takes effect when the estimates are done.
 struct CrossValidation {
     std::vector<double> x, y, observed, estimated;  // estimated NaN where none
     std::size_t count = 0, estimatedCount = 0;

@@ -16,7 +16,9 @@ example=$src/examples/library/grid_points.cpp
 
 # pkg-config, as the example's own comment says.
 export PKG_CONFIG_PATH=$(dirname "$pc")
-g++ -std=c++20 -O2 "$example" -o "$tmp/grid_points_pc" $(pkg-config --cflags --libs kagrid)
+flags=${KA_EXAMPLE_CXXFLAGS:-}
+# shellcheck disable=SC2086
+g++ -std=c++20 -O2 $flags "$example" -o "$tmp/grid_points_pc" $(pkg-config --cflags --libs kagrid)
 
 # A tiny CMake project.
 mkdir "$tmp/user"
@@ -27,7 +29,7 @@ find_package(kagrid 0.1 REQUIRED)
 add_executable(grid_points_cmake "$example")
 target_link_libraries(grid_points_cmake PRIVATE kagrid::kagrid)
 CMAKE
-cmake -S "$tmp/user" -B "$tmp/user/build" -DCMAKE_PREFIX_PATH="$tmp/prefix" -DCMAKE_BUILD_TYPE=Release \
+cmake -S "$tmp/user" -B "$tmp/user/build" -DCMAKE_PREFIX_PATH="$tmp/prefix" -DCMAKE_BUILD_TYPE=Release -DCMAKE_CXX_FLAGS="$flags" \
   > "$tmp/user.log" 2>&1 || { cat "$tmp/user.log"; exit 1; }
 cmake --build "$tmp/user/build" > "$tmp/user-build.log" 2>&1 || { cat "$tmp/user-build.log"; exit 1; }
 

@@ -413,6 +413,25 @@ TEST_F(PluginHost, MinimumCurvatureEndsWithoutASurface)
     EXPECT_EQ(job.events.back(), "M:Ready to griding");
 }
 
+// The memory check runs on the worker thread before the job allocates: a
+// grid larger than the machine (here a machine of 1 kB) ends the job with
+// the reason in the event log and no surface.
+TEST_F(PluginHost, AGridLargerThanTheMachineIsRefusedBeforeTheJob)
+{
+    katest::LogCapture log;
+    auto points = PointSet(ProjectedPoints(25, 11), "wells");
+    KaSheetDialogBase* dialog = OpenFromSlot(points.get(), "slotInverseDistance");
+    ::setenv("KAGRID_MACHINE_MEMORY", "1k", 1);
+    const JobLog& job = AcceptAndWait(dialog);
+    ::unsetenv("KAGRID_MACHINE_MEMORY");
+    EXPECT_TRUE(job.created.empty());
+    EXPECT_EQ(job.events, std::vector<std::string>{"M:Preparing data"});
+    ASSERT_EQ(log.Type3().size(), 1u);
+    EXPECT_NE(log.Type3()[0].find(" need"), std::string::npos) << log.Type3()[0];
+    EXPECT_NE(log.Type3()[0].find("more than this machine's 1 kB of memory; "), std::string::npos)
+        << log.Type3()[0];
+}
+
 TEST_F(PluginHost, AcceptingTwiceRunsTwoJobsAndAMissingObjectStartsNone)
 {
     auto points = PointSet(ProjectedPoints(25, 11), "wells");
