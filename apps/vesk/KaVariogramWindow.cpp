@@ -17,6 +17,7 @@
 #include <cmath>
 
 #include "io/KaNumericJson.h"
+#include "methods/KaMemoryGuard.h"
 #include "platform/kadata/KaDataObject.h"
 
 namespace {
@@ -176,6 +177,7 @@ KaVariogramWindow::KaVariogramWindow(const KaScatteredPoints& points, QWidget* p
     bottom->addWidget(copy);
     layout->addLayout(bottom);
     note_ = new QLabel(this);
+    note_->setObjectName(QStringLiteral("VariogramNote"));
     layout->addWidget(note_);
 
     connect(recompute, &QPushButton::clicked, this, &KaVariogramWindow::Recompute);
@@ -196,6 +198,7 @@ void KaVariogramWindow::Recompute()
     lags_.clear();
     try {
         if (points_.size() < 2) throw std::invalid_argument("fewer than two points");
+        KaCheckMemory(KaVariogramMemory(points_, options_));  // a tiny width makes a huge lag table
         lags_ = KaExperimentalVariogram(points_, options_);
         note_->setText(tr("%1 points, %2 lags, cutoff %3, width %4 (as kagrid variogram --cutoff %3 --width %4)")
                            .arg(points_.size())

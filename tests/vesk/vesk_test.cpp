@@ -28,6 +28,7 @@
 #include <QJsonDocument>
 #include <QJsonArray>
 #include <QJsonObject>
+#include <QDockWidget>
 #include <QLabel>
 #include <QTableWidget>
 #include <QTest>
@@ -1058,6 +1059,23 @@ TEST_F(Vesk, ProjectsRoundTripLayersStylesAndUnsavedSurfaces)
     EXPECT_EQ(window->Objects().size(), 4u);
 }
 
+// The window's layout (docks, sizes) comes back at the next start.
+TEST_F(Vesk, WindowLayoutIsRestored)
+{
+    auto* dock = window->findChild<QDockWidget*>("IdentifyDock");
+    ASSERT_NE(dock, nullptr);
+    dock->hide();
+    window->SaveSettings();
+    window.reset();
+    window = std::make_unique<KaVeskWindow>();
+    EXPECT_TRUE(window->findChild<QDockWidget*>("IdentifyDock")->isVisibleTo(window.get()));
+    window->RestoreLayout();
+    window->show();
+    EXPECT_FALSE(window->findChild<QDockWidget*>("IdentifyDock")->isVisible());
+    window->findChild<QDockWidget*>("IdentifyDock")->show();
+    window->SaveSettings();
+}
+
 TEST_F(Vesk, MapExportsAsPngOfTheChosenSizeAndAsPdf)
 {
     KaDataObject* points = window->OpenFile(kSample);
@@ -1142,6 +1160,19 @@ TEST_F(Vesk, VariogramWindowMatchesKagridVariogramAndGivesItsParameter)
     table->item(1, 2)->setText("-3");
     EXPECT_TRUE(vw.Snippet().isEmpty());
     EXPECT_FALSE(vw.Fit("Nugget+Banana"));
+    // A lag width that would need more lags than memory holds is refused, not tried.
+    qputenv("KAGRID_MACHINE_MEMORY", "1M");
+    vw.findChild<QDoubleSpinBox*>("SpinWidth")->setValue(0.001);
+    vw.Recompute();
+    qunsetenv("KAGRID_MACHINE_MEMORY");
+    EXPECT_TRUE(vw.Lags().empty());
+    EXPECT_TRUE(vw.findChild<QLabel*>("VariogramNote")->text().contains("more than this machine's 1 MB of memory"))
+        << vw.findChild<QLabel*>("VariogramNote")->text().toStdString();
+
+    // Reached from the point set's menu, as a window of its own.
+    std::unique_ptr<QMenu> menu(window->BuildContextMenu(points, window.get()));
+    FindAction(menu.get(), "Variogram...")->trigger();
+    ASSERT_TRUE(WaitFor([&] { return window->findChild<KaVariogramWindow*>() && window->findChild<KaVariogramWindow*>()->isVisible(); }));
 }
 
 
