@@ -64,6 +64,8 @@
 #include "apps/vesk/KaStyleDialog.h"
 #include "apps/vesk/KaVariogramWindow.h"
 #include "apps/vesk/KaContours.h"
+#include "apps/vesk/KaPointAttributes.h"
+#include <optional>
 #include <QTimer>
 
 struct KaVeskWindow::Entry {
@@ -78,6 +80,8 @@ struct KaVeskWindow::Entry {
     std::size_t skipped = 0;    // rows left out as missing on reading
     QString crs;                // WKT, "" for none
     KaLayerStyle style;
+    // A point file's rows, read again on the first identify.
+    mutable std::optional<KaPointAttributeTable> attributes;
 };
 
 namespace {
@@ -1260,8 +1264,21 @@ QList<KaVeskWindow::IdentifyHit> KaVeskWindow::Identify(double x, double y, doub
             }
             if (!found) continue;
             const Ka3DPoint& q = p->Points()[best];
-            hits.append({layer, {{tr("point"), QString::number(best + 1)}, {QStringLiteral("x"), Num(q.x)},
-                                 {QStringLiteral("y"), Num(q.y)}, {QStringLiteral("z"), Num(q.z)}}});
+            IdentifyHit hit{layer, {{tr("point"), QString::number(best + 1)}, {QStringLiteral("x"), Num(q.x)},
+                                    {QStringLiteral("y"), Num(q.y)}, {QStringLiteral("z"), Num(q.z)}}};
+            // The point's own row of its file, every field of it.
+            if (!e->file.isEmpty() && e->textColumns) {
+                if (!e->attributes) e->attributes = KaReadPointAttributes(e->file, e->columns, p->Points().size());
+                const KaPointAttributeTable& t = *e->attributes;
+                if (best < t.rows.size()) {
+                    if (best < t.lines.size()) hit.fields.append({tr("line"), QString::number(t.lines[best])});
+                    const QStringList& row = t.rows[best];
+                    for (int k = 0; k < row.size(); ++k)
+                        if (k != t.xyz[0] && k != t.xyz[1] && k != t.xyz[2])
+                            hit.fields.append({k < t.names.size() ? t.names[k] : QStringLiteral("%1").arg(k + 1), row[k]});
+                }
+            }
+            hits.append(hit);
         } else if (auto* s = dynamic_cast<const KaSurface*>(e->object.get())) {
             const KaSurfaceObjInfo& i = s->GetSurfaceObjInfo();
             const KaTDataMatrix2D<double>& m = s->GridData();

@@ -908,12 +908,48 @@ TEST_F(Vesk, IdentifyGivesAPointsAttributesAndANodesValue)
     ASSERT_EQ(panel->topLevelItemCount(), 2);
     EXPECT_EQ(panel->topLevelItem(0)->text(0), "sample_points");
     QTreeWidgetItem* first = panel->topLevelItem(0);
-    ASSERT_EQ(first->childCount(), 4);
+    ASSERT_EQ(first->childCount(), 5);
     EXPECT_EQ(first->child(0)->text(1), "124");
     EXPECT_EQ(first->child(3)->text(0), "z");
     EXPECT_EQ(first->child(3)->text(1), QString::number(q.z, 'g', 10));
+    EXPECT_EQ(first->child(4)->text(0), "line");
+    EXPECT_EQ(first->child(4)->text(1), "125");  // after the header
     EXPECT_EQ(panel->topLevelItem(1)->text(0), "sample_points_Inverse");
     Screenshot(window.get(), "vesk_identify");
+}
+
+// A point's attributes are the fields of its own row, rows skipped as missing
+// left out as the reader left them out.
+TEST_F(Vesk, IdentifyGivesAPointsRowOfItsFile)
+{
+    const fs::path f = TempDir("attributes") / "wells.csv";
+    std::ofstream(f) << "# wells\nname;east;north;depth;remark\nA;10;20;5,5;ok\nB;30;40;NA;dry\n\nC;50;60;7;\"deep one\"\n";
+    QTimer::singleShot(0, [] {
+        auto* d = qobject_cast<KaColumnsDialog*>(QApplication::activeModalWidget());
+        ASSERT_NE(d, nullptr);
+        d->accept();  // east, north, depth as guessed
+    });
+    auto* points = dynamic_cast<KaScatteredPoints*>(window->OpenFile(QString::fromStdString(f.string())));
+    ASSERT_NE(points, nullptr);
+    ASSERT_EQ(points->GetScatteredPointsCount(), 2u);
+    const QList<KaVeskWindow::IdentifyHit> hits = window->Identify(50, 60, 1);
+    ASSERT_EQ(hits.size(), 1);
+    QStringList fields;
+    for (const auto& [k, v] : hits[0].fields) fields << k + "=" + v;
+    EXPECT_EQ(fields, QStringList({"point=2", "x=50", "y=60", "z=7", "line=6", "name=C", "remark=deep one"}));
+
+    // Without a header, the first row itself missing: numbered fields.
+    const fs::path g = TempDir("attributes2") / "plain.txt";
+    std::ofstream(g) << "1 2 NA 9\n3 4 5 8\n6 7 8 7\n";
+    QTimer::singleShot(0, [] {
+        if (auto* d = qobject_cast<KaColumnsDialog*>(QApplication::activeModalWidget())) d->accept();
+    });
+    ASSERT_NE(window->OpenFile(QString::fromStdString(g.string())), nullptr);
+    const QList<KaVeskWindow::IdentifyHit> plain = window->Identify(6, 7, 0.1);
+    ASSERT_FALSE(plain.isEmpty());
+    fields.clear();
+    for (const auto& [k, v] : plain[0].fields) fields << k + "=" + v;
+    EXPECT_EQ(fields, QStringList({"point=2", "x=6", "y=7", "z=8", "line=3", "column 4=7"}));
 }
 
 // Properties is a dialog with the statistics and a histogram of the values.
