@@ -950,6 +950,18 @@ TEST_F(Vesk, IdentifyGivesAPointsRowOfItsFile)
     fields.clear();
     for (const auto& [k, v] : plain[0].fields) fields << k + "=" + v;
     EXPECT_EQ(fields, QStringList({"point=2", "x=6", "y=7", "z=8", "line=3", "column 4=7"}));
+
+    // A vector file: the feature's fields.
+    const fs::path v = TempDir("attributes3") / "picks.geojson";
+    std::ofstream(v) << R"({"type": "FeatureCollection", "features": [
+        {"type": "Feature", "properties": {"name": "P1", "kind": "pick"}, "geometry": {"type": "Point", "coordinates": [100, 200, 3]}},
+        {"type": "Feature", "properties": {"name": "P2", "kind": "well"}, "geometry": {"type": "Point", "coordinates": [300, 400, 5]}}]})";
+    ASSERT_NE(window->OpenFile(QString::fromStdString(v.string())), nullptr);
+    const QList<KaVeskWindow::IdentifyHit> picked = window->Identify(300, 400, 0.1);
+    ASSERT_FALSE(picked.isEmpty());
+    fields.clear();
+    for (const auto& [k, val] : picked[0].fields) fields << k + "=" + val;
+    EXPECT_EQ(fields, QStringList({"point=2", "x=300", "y=400", "z=5", "name=P2", "kind=well"}));
 }
 
 // Properties is a dialog with the statistics and a histogram of the values.
