@@ -13,9 +13,21 @@ struct KaRgb {
     uint8_t r, g, b;
 };
 
-// A perceptually uniform ramp from dark violet (t = 0) through teal to yellow
-// (t = 1); t is clamped.
+// The colour ramps: three perceptually uniform ones and one diverging
+// (blue through white to red, for values either side of a middle). The first
+// is the default of every picture.
+enum class KaRamp { Viridis, Magma, Cividis, BlueRed };
+constexpr KaRamp kKaRamps[] = {KaRamp::Viridis, KaRamp::Magma, KaRamp::Cividis, KaRamp::BlueRed};
+// "viridis", "magma", "cividis", "blue-red": the names in project files and
+// on the command line.
+const char* KaRampName(KaRamp ramp);
+// The ramp of a name (case ignored); false when there is none of that name.
+bool KaRampFromName(const std::string& name, KaRamp* ramp);
+
+// The default ramp from dark violet (t = 0) through teal to yellow (t = 1);
+// t is clamped.
 KaRgb KaRampColour(double t);
+KaRgb KaRampColour(KaRamp ramp, double t);
 // The colour of blank nodes where a picture cannot leave them transparent.
 constexpr KaRgb kKaBlankColour{217, 217, 217};
 

@@ -17,6 +17,7 @@ int main(int argc, char** argv)
     int status = 0;
     {
         KaVeskWindow window;
+        window.RestoreLayout();
         window.show();
         StartVeskSession(window, options);
         status = QApplication::exec();

@@ -10,7 +10,10 @@
 #include <QMenu>
 #include <QMouseEvent>
 #include <QProcess>
+#include <QSettings>
 #include <QProgressBar>
+#include <QSpinBox>
+#include <QDoubleSpinBox>
 #include <QStandardPaths>
 #include <QTreeWidget>
 #include <array>
@@ -20,7 +23,26 @@
 #include <filesystem>
 #include <fstream>
 
+#include <QClipboard>
+#include <QElapsedTimer>
+#include <QJsonDocument>
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QDockWidget>
+#include <QLabel>
+#include <QTableWidget>
+#include <QTest>
+#include <gdal_priv.h>
+#include <ogrsf_frmts.h>
+
+#include "apps/vesk/KaContours.h"
+#include "apps/vesk/KaPropertiesDialog.h"
+#include "apps/vesk/KaStyleDialog.h"
+#include "apps/vesk/KaVariogramWindow.h"
 #include "io/KaColourMap.h"
+#include "io/KaCrs.h"
+#include "io/KaIoError.h"
+#include "io/KaNumericJson.h"
 #include "io/KaRasterIo.h"
 #include "apps/vesk/KaColumnsDialog.h"
 #include "apps/vesk/KaJobsPanel.h"
@@ -57,6 +79,50 @@ QString Screenshot(QWidget* w, const QString& name)
     QCoreApplication::processEvents();
     w->grab().save(path);
     return path;
+}
+
+// Clicks the button named `button` of the next message box, after noting
+// what it said and taking its picture.
+void ClickInNextBox(const QString& button, katest::BoxSeen* seen, const QString& picture = {})
+{
+    QTimer::singleShot(0, [=] {
+        auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+        if (!box) {
+            ClickInNextBox(button, seen, picture);
+            return;
+        }
+        seen->shown = true;
+        seen->title = box->windowTitle();
+        seen->text = box->text() + QLatin1Char('\n') + box->informativeText();
+        for (QAbstractButton* b : box->buttons()) seen->buttons << b->text();
+        if (!picture.isEmpty()) {
+            box->adjustSize();
+            QDir(QStringLiteral(KA_BINARY_DIR "/screenshots")).mkpath(".");
+            box->grab().save(QStringLiteral(KA_BINARY_DIR "/screenshots/") + picture + ".png");
+        }
+        for (QAbstractButton* b : box->buttons())
+            if (b->text().remove(QLatin1Char('&')) == button) {
+                b->click();
+                return;
+            }
+        ADD_FAILURE() << "no button " << button.toStdString();
+        box->buttons().front()->click();
+    });
+}
+
+// Runs `check` on the next modal dialog of type T, then closes it.
+template <typename T>
+void OnNextDialog(std::function<void(T*)> check)
+{
+    QTimer::singleShot(0, [check] {
+        auto* d = qobject_cast<T*>(QApplication::activeModalWidget());
+        if (!d) {
+            OnNextDialog<T>(check);
+            return;
+        }
+        check(d);
+        d->reject();
+    });
 }
 
 QAction* FindAction(QMenu* menu, const QString& text)
@@ -97,6 +163,8 @@ protected:
         QStandardPaths::setTestModeEnabled(true);  // recent files away from the user's settings
         QCoreApplication::setOrganizationName(QStringLiteral("vesk-test"));
         QCoreApplication::setApplicationName(QStringLiteral("vesk-test"));
+        QSettings().clear();  // no column choices remembered from an earlier run
+        QApplication::setQuitOnLastWindowClosed(false);
         const KaPluginEntry& e = KaPluginMgr::Instance().Load(QStringLiteral(KA_PLUGIN_FILE));
         ASSERT_TRUE(e.loaded) << e.error.toStdString();
     }
@@ -127,6 +195,32 @@ protected:
         method->trigger();
         const QList<QWidget*> w = KaPopupWidgetMgr::Instance().Widgets();
         return w.isEmpty() ? nullptr : qobject_cast<KaSheetDialogBase*>(w.back());
+    }
+
+    // Inverse distance from the object's menu, accepted as it opens; the
+    // surface it made.
+    KaSurface* RunInverseDistance(KaDataObject* points)
+    {
+        KaSheetDialogBase* dialog = OpenMethodDialog(points, QStringLiteral("Inverse Distance to a Power"));
+        if (!dialog) return nullptr;
+        const int before = window->JobsPanel()->JobCount();
+        dialog->findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Ok)->click();
+        KaJobsPanel* jobs = window->JobsPanel();
+        if (!WaitFor([&] { return jobs->JobCount() == before + 1 && jobs->JobAt(before).finished; })) return nullptr;
+        const QStringList created = jobs->JobAt(before).created;
+        return created.isEmpty() ? nullptr : dynamic_cast<KaSurface*>(window->FindObject(created.front()));
+    }
+
+    // A job that runs until released.
+    FakeJob* StartHeldJob(std::atomic<bool>* release, bool makeSurface = true)
+    {
+        auto* job = new FakeJob(makeSurface, release);
+        job->SetTitle(QStringLiteral("Held job"));
+        emit job->sigUpdateThread();
+        job->start();
+        const int row = window->JobsPanel()->JobCount() - 1;
+        EXPECT_TRUE(WaitFor([&] { return window->JobsPanel()->JobAt(row).percent == 50; }));
+        return job;
     }
 
     std::unique_ptr<KaVeskWindow> window;
@@ -362,8 +456,9 @@ TEST_F(Vesk, ContextMenuHasThePluginsEntriesWhereBoundAndTheHostsOwn)
             if (!a->isSeparator()) t << a->text();
         return t;
     };
-    EXPECT_EQ(texts(points), QStringList({"Create Interpolated Surface", "Hide", "Zoom To", "Properties...", "Remove"}));
-    EXPECT_EQ(texts(meshObject), QStringList({"Hide", "Zoom To", "Properties...", "Remove"}));
+    EXPECT_EQ(texts(points), QStringList({"Create Interpolated Surface", "Hide", "Zoom To", "Style...", "Variogram...",
+                                          "Properties...", "Remove..."}));
+    EXPECT_EQ(texts(meshObject), QStringList({"Hide", "Zoom To", "Properties...", "Remove..."}));
     EXPECT_TRUE(KaVeskWindow::Properties(*points).contains("Points: 400"));
     EXPECT_TRUE(KaVeskWindow::Properties(*meshObject).contains("Triangles: 2"));
 
@@ -509,6 +604,669 @@ TEST_F(Vesk, PluginsListNamesVersionsAndWhyALibraryDidNotLoad)
     ASSERT_GE(rows.size(), 2);
     EXPECT_EQ(rows[0], "loaded");
     EXPECT_TRUE(rows.back().startsWith("not loaded: ")) << rows.back().toStdString();
+}
+
+
+// Quitting while a job runs: "Quit now" returns at once, without waiting on
+// the worker; "Wait" keeps the window answering and quits when the job ends;
+// "Cancel" changes nothing.
+TEST_F(Vesk, QuitNowDoesNotWaitForRunningJobsAndWaitQuitsWhenTheyEnd)
+{
+    std::atomic<bool> release{false};
+    FakeJob* job = StartHeldJob(&release);
+    bool quit = false;
+    window->SetQuitNow([&] { quit = true; });
+
+    katest::BoxSeen cancel;
+    ClickInNextBox("Cancel", &cancel, "vesk_quit_box");
+    window->close();
+    EXPECT_TRUE(cancel.shown);
+    EXPECT_TRUE(cancel.text.contains("1 job(s) still running")) << cancel.text.toStdString();
+    EXPECT_EQ(cancel.buttons.size(), 3);
+    EXPECT_TRUE(window->isVisible());
+    EXPECT_FALSE(quit);
+
+    katest::BoxSeen now;
+    ClickInNextBox("Quit now", &now);
+    QElapsedTimer timer;
+    timer.start();
+    window->close();
+    EXPECT_LT(timer.elapsed(), 1000);
+    EXPECT_TRUE(quit);
+    EXPECT_TRUE(job->isRunning());  // nobody waited on it
+
+    quit = false;
+    katest::BoxSeen wait;
+    ClickInNextBox("Wait", &wait);
+    window->close();
+    EXPECT_TRUE(window->WaitingToQuit());
+    EXPECT_TRUE(window->isVisible());
+    EXPECT_TRUE(window->StatusText().contains("Quitting when the running jobs have ended"));
+    Screenshot(window.get(), "vesk_waiting_to_quit");
+    // Still answering: a layer opens while it waits.
+    EXPECT_NE(window->OpenFile(kSample), nullptr);
+    release = true;
+    ASSERT_TRUE(WaitFor([&] { return !window->isVisible(); }));
+    EXPECT_FALSE(quit);
+    EXPECT_NE(window->FindObject("made_by_job"), nullptr);  // the awaited result arrived
+}
+
+// A dismissed job runs on (it cannot be stopped) but its result is dropped,
+// and quitting no longer waits for it.
+TEST_F(Vesk, ADismissedJobIsDiscardedAndDoesNotHoldUpQuitting)
+{
+    std::atomic<bool> release{false};
+    StartHeldJob(&release);
+    KaJobsPanel* jobs = window->JobsPanel();
+    jobs->Dismiss(0);
+    EXPECT_TRUE(jobs->topLevelItem(0)->text(2).contains("cannot be cancelled")) << jobs->topLevelItem(0)->text(2).toStdString();
+    EXPECT_EQ(jobs->AwaitedCount(), 0);
+    EXPECT_EQ(jobs->RunningCount(), 1);
+    Screenshot(window.get(), "vesk_job_dismissed");
+
+    bool quit = false;
+    window->SetQuitNow([&] { quit = true; });
+    QElapsedTimer timer;
+    timer.start();
+    window->close();  // no question: nothing is awaited
+    EXPECT_LT(timer.elapsed(), 1000);
+    EXPECT_TRUE(quit);
+
+    release = true;
+    ASSERT_TRUE(WaitFor([&] { return jobs->RunningCount() == 0; }));
+    EXPECT_EQ(jobs->JobAt(0).outcome, "Dismissed; its result was discarded");
+    EXPECT_EQ(window->FindObject("made_by_job"), nullptr);
+}
+
+// An empty file says "no points" as kagrid does, without a columns dialog;
+// rows skipped as missing are counted and said.
+TEST_F(Vesk, EmptyFilesSayNoPointsAndSkippedRowsAreCounted)
+{
+    const fs::path dir = TempDir("empty");
+    for (const char* content : {"", "x,y,z\n", "# nothing\n\n"}) {
+        const fs::path f = dir / "empty.csv";
+        std::ofstream(f) << content;
+        katest::BoxSeen seen;
+        katest::AnswerNextBox(&seen);
+        EXPECT_EQ(window->OpenFile(QString::fromStdString(f.string())), nullptr);
+        EXPECT_TRUE(seen.text.contains("empty.csv: no points")) << '"' << content << "\" " << seen.text.toStdString();
+        EXPECT_EQ(QApplication::activeModalWidget(), nullptr);
+    }
+    const fs::path f = dir / "gaps.csv";
+    std::ofstream(f) << "x,y,z\n1,2,3\n4,5,NA\n6,7,8\n9,,1\n10,11,12\n";
+    KaDataObject* points = window->OpenFile(QString::fromStdString(f.string()));
+    ASSERT_NE(points, nullptr);
+    EXPECT_EQ(window->SkippedRows(points), 2u);
+    EXPECT_TRUE(window->PropertiesText(points).contains("Skipped rows (missing values): 2"));
+    QTreeWidget* log = window->EventLog();
+    bool said = false;
+    for (int i = 0; i < log->topLevelItemCount(); ++i)
+        said |= log->topLevelItem(i)->text(2) == "gaps.csv: skipped 2 rows with missing values" &&
+                log->topLevelItem(i)->text(1) == "2 warning";
+    EXPECT_TRUE(said);
+}
+
+TEST_F(Vesk, TreeSelectionKeepsVisibilityDeleteAsksAndFarLayersAreZoomedTo)
+{
+    KaDataObject* points = window->OpenFile(kSample);
+    ASSERT_NE(points, nullptr);
+    const fs::path far = TempDir("tree") / "far.csv";
+    std::ofstream(far) << "x,y,z\n1000000,2000000,1\n1000300,2000100,2\n1000100,2000400,3\n";
+    KaDataObject* away = window->OpenFile(QString::fromStdString(far.string()));
+    ASSERT_NE(away, nullptr);
+    // Opened far from the view, it is zoomed to, not left a dot.
+    const QRectF view = window->MapView()->VisibleWorld();
+    const QRectF extent = KaMapView::Extent(*away);
+    EXPECT_TRUE(view.contains(extent)) << view.x() << " " << view.width();
+    EXPECT_LT(view.width(), 20 * extent.width());
+
+    window->SetVisible(points, false);
+    window->Select(points);
+    EXPECT_FALSE(window->IsVisible(points));
+    EXPECT_EQ(window->ObjectTree()->topLevelItem(0)->checkState(0), Qt::Unchecked);
+
+    window->ObjectTree()->setFocus();
+    katest::BoxSeen no;
+    ClickInNextBox("No", &no, "vesk_remove_box");
+    QTest::keyClick(window->ObjectTree(), Qt::Key_Delete);
+    EXPECT_TRUE(no.shown);
+    EXPECT_TRUE(no.text.contains("Remove sample_points")) << no.text.toStdString();
+    EXPECT_NE(window->FindObject("sample_points"), nullptr);
+    katest::BoxSeen yes;
+    ClickInNextBox("Yes", &yes);
+    QTest::keyClick(window->ObjectTree(), Qt::Key_Delete);
+    EXPECT_EQ(window->FindObject("sample_points"), nullptr);
+    EXPECT_EQ(window->ObjectTree()->topLevelItemCount(), 1);
+}
+
+// Every ramp under every stretch: the pixels are the ramp's colours at the
+// stretched positions; an outlier no longer washes the surface out.
+TEST(VeskStyle, RampsAndStretchesColourTheNodes)
+{
+    KaSurface s;
+    KaSurfaceObjInfo& info = s.GetSurfaceObjInfo();
+    info.columnCount = 51;
+    info.rowCount = 1;
+    info.xMin = 0, info.xMax = 50, info.yMin = 0, info.yMax = 0;
+    KaTDataMatrix2D<double> m(info.invalidValue);
+    ASSERT_TRUE(m.Create(51, 1));
+    for (int c = 0; c < 50; ++c) m.At(0, c) = c;  // 0 .. 49
+    m.At(0, 50) = 1000;                           // one outlier
+    ASSERT_TRUE(s.SetGridDataArray(std::move(m)));
+
+    struct Case {
+        KaStretch stretch;
+        double userMin, userMax;
+        double lo, hi;  // expected stretch
+    };
+    // 51 values: the 2nd percentile is the 2nd smallest, the 98th the 50th.
+    const Case cases[] = {{KaStretch::MinMax, 0, 0, 0, 1000},
+                          {KaStretch::Percent2To98, 0, 0, 1, 49},
+                          {KaStretch::User, 40, 10, 10, 40}};
+    auto rgb = [](const KaRgb& c) { return qRgb(c.r, c.g, c.b); };
+    for (KaRamp ramp : kKaRamps)
+        for (const Case& c : cases) {
+            KaLayerStyle style;
+            style.ramp = ramp;
+            style.stretch = c.stretch;
+            style.userMin = c.userMin;
+            style.userMax = c.userMax;
+            const KaStretchRange range = KaStyleRange(s, style);
+            EXPECT_EQ(range.lo, c.lo);
+            EXPECT_EQ(range.hi, c.hi);
+            const QImage image = KaMapView::SurfaceImage(s, false, style);
+            for (int col : {0, 5, 25, 49, 50}) {
+                const double v = s.GridData().At(0, col);
+                const double t = std::clamp((v - c.lo) / (c.hi - c.lo), 0.0, 1.0);
+                EXPECT_EQ(image.pixel(col, 0), rgb(KaRampColour(ramp, t)))
+                    << KaRampName(ramp) << " " << KaStretchName(c.stretch).toStdString() << " column " << col;
+            }
+            // Through a project file and back, unchanged.
+            KaLayerStyle back;
+            QString error;
+            ASSERT_TRUE(KaLayerStyle::FromJson(style.ToJson(), &back, &error)) << error.toStdString();
+            EXPECT_TRUE(back == style);
+        }
+    // The default ramp is the one kagrid's preview draws with.
+    for (double t : {0.0, 0.33, 1.0}) EXPECT_EQ(rgb(KaRampColour(t)), rgb(KaRampColour(KaRamp::Viridis, t)));
+    KaLayerStyle bad;
+    QString error;
+    EXPECT_FALSE(KaLayerStyle::FromJson(QJsonObject{{"ramp", "rainbow"}}, &bad, &error));
+    EXPECT_TRUE(error.contains("ramp"));
+}
+
+TEST_F(Vesk, SurfacesAndPointsAreDrawnInTheirStyleWithALegendAndContours)
+{
+    auto* points = dynamic_cast<KaScatteredPoints*>(window->OpenFile(kSample));
+    ASSERT_NE(points, nullptr);
+    KaSurface* surface = RunInverseDistance(points);
+    ASSERT_NE(surface, nullptr);
+    KaLayerStyle style;
+    style.ramp = KaRamp::Magma;
+    style.stretch = KaStretch::Percent2To98;
+    style.contourInterval = 20;
+    window->SetStyle(surface, style);
+    KaLayerStyle pointStyle;
+    pointStyle.ramp = KaRamp::BlueRed;
+    window->SetStyle(points, pointStyle);
+    window->Select(surface);
+    Screenshot(window.get(), "vesk_styled_contours");
+
+    // A point's dot has its colour on the point set's ramp.
+    const QImage map = window->MapView()->RenderImage(window->MapView()->size());
+    const Ka3DPoint& q = points->Points()[17];
+    const Ka3DLimit& l = points->GetLimit();
+    const KaRgb c = KaRampColour(KaRamp::BlueRed, (q.z - l.zMin) / (l.zMax - l.zMin));
+    const QPointF at = window->MapView()->WorldToScreen({q.x, q.y});
+    EXPECT_TRUE(katest::ColourNear(map, at.toPoint(), QColor(c.r, c.g, c.b), 1));
+
+    // The style dialog shows the style it is given and gives back what is chosen.
+    OnNextDialog<KaStyleDialog>([&](KaStyleDialog* d) {
+        EXPECT_TRUE(d->Style() == style);
+        d->findChild<QComboBox*>("CboRamp")->setCurrentIndex(2);
+        EXPECT_EQ(d->Style().ramp, KaRamp::Cividis);
+        katest::SavePicture(d, "vesk_style_dialog");
+    });
+    std::unique_ptr<QMenu> menu(window->BuildContextMenu(surface, window.get()));
+    FindAction(menu.get(), "Style...")->trigger();
+    EXPECT_TRUE(window->Style(surface) == style);  // cancelled: unchanged
+}
+
+// The contour overlay is GDAL's own: the lines gdal_contour draws from the
+// saved grid, vertex for vertex, and the exported file holds the same.
+TEST_F(Vesk, ContoursAreGdalsContoursOfTheSameGrid)
+{
+    const fs::path dir = TempDir("contours");
+    const QString grid = QString::fromStdString((dir / "g.tif").string());
+    ASSERT_EQ(QProcess::execute(KAGRID_EXE, {"inverse-distance", kSample, grid, "-q"}), 0);
+    auto* surface = dynamic_cast<KaSurface*>(window->OpenFile(grid));
+    ASSERT_NE(surface, nullptr);
+    const std::string ref = (dir / "ref.gpkg").string();
+    ASSERT_EQ(QProcess::execute("gdal_contour", {"-q", "-i", "15", "-a", "ELEV", grid, QString::fromStdString(ref)}), 0);
+    const std::string ours = (dir / "ours.geojson").string();
+    KaWriteContours(*surface, 15, ours);
+
+    auto readLines = [](const std::string& path) {
+        std::vector<KaContourLine> out;
+        std::unique_ptr<GDALDataset> ds(GDALDataset::Open(path.c_str(), GDAL_OF_VECTOR));
+        EXPECT_TRUE(ds) << path;
+        if (!ds) return out;
+        for (auto& f : *ds->GetLayer(0)) {
+            KaContourLine line;
+            line.level = f->GetFieldAsDouble("ELEV");
+            const OGRLineString* ls = f->GetGeometryRef()->toLineString();
+            for (int i = 0; i < ls->getNumPoints(); ++i) line.points.emplace_back(ls->getX(i), ls->getY(i));
+            out.push_back(std::move(line));
+        }
+        return out;
+    };
+    const std::vector<KaContourLine> expected = readLines(ref);
+    ASSERT_GT(expected.size(), 10u);
+    for (const std::vector<KaContourLine>& got : {KaSurfaceContours(*surface, 15), readLines(ours)}) {
+        ASSERT_EQ(got.size(), expected.size());
+        for (std::size_t k = 0; k < got.size(); ++k) {
+            EXPECT_EQ(got[k].level, expected[k].level);
+            ASSERT_EQ(got[k].points.size(), expected[k].points.size()) << k;
+            for (std::size_t i = 0; i < got[k].points.size(); ++i) {
+                EXPECT_NEAR(got[k].points[i].first, expected[k].points[i].first, 1e-9);
+                EXPECT_NEAR(got[k].points[i].second, expected[k].points[i].second, 1e-9);
+            }
+        }
+    }
+    EXPECT_THROW(KaSurfaceContours(*surface, 0), KaIoError);
+    EXPECT_THROW(KaSurfaceContours(*surface, 1e-6), KaIoError);  // millions of levels
+}
+
+// A click on the map identifies the point under it or the node's value.
+TEST_F(Vesk, IdentifyGivesAPointsAttributesAndANodesValue)
+{
+    auto* points = dynamic_cast<KaScatteredPoints*>(window->OpenFile(kSample));
+    ASSERT_NE(points, nullptr);
+    KaSurface* surface = RunInverseDistance(points);
+    ASSERT_NE(surface, nullptr);
+    window->Select(surface);
+    const KaSurfaceObjInfo& info = surface->GetSurfaceObjInfo();
+    const int r = 40, c = 22;
+    const double nx = info.xMin + c * info.GetDx(), ny = info.yMin + r * info.GetDy();
+    auto field = [](const KaVeskWindow::IdentifyHit& h, const QString& name) {
+        for (const auto& [k, v] : h.fields)
+            if (k == name) return v;
+        return QString();
+    };
+    QList<KaVeskWindow::IdentifyHit> hits = window->Identify(nx + info.GetDx() * 0.3, ny - info.GetDy() * 0.3, 1e-6);
+    ASSERT_EQ(hits.size(), 1);
+    EXPECT_EQ(hits[0].layer, "sample_points_Inverse");
+    EXPECT_EQ(field(hits[0], "row"), QString::number(r + 1));
+    EXPECT_EQ(field(hits[0], "column"), QString::number(c + 1));
+    EXPECT_EQ(field(hits[0], "value"), QString::number(surface->GridData().At(r, c), 'g', 10));
+
+    // A click on a sample: the point first (it is drawn on top), then the node.
+    const Ka3DPoint& q = points->Points()[123];
+    const QPoint at = window->MapView()->WorldToScreen({q.x + 0.5, q.y}).toPoint();
+    QTest::mouseClick(window->MapView(), Qt::LeftButton, Qt::NoModifier, at);
+    QTreeWidget* panel = window->IdentifyPanel();
+    ASSERT_EQ(panel->topLevelItemCount(), 2);
+    EXPECT_EQ(panel->topLevelItem(0)->text(0), "sample_points");
+    QTreeWidgetItem* first = panel->topLevelItem(0);
+    ASSERT_EQ(first->childCount(), 5);
+    EXPECT_EQ(first->child(0)->text(1), "124");
+    EXPECT_EQ(first->child(3)->text(0), "z");
+    EXPECT_EQ(first->child(3)->text(1), QString::number(q.z, 'g', 10));
+    EXPECT_EQ(first->child(4)->text(0), "line");
+    EXPECT_EQ(first->child(4)->text(1), "125");  // after the header
+    EXPECT_EQ(panel->topLevelItem(1)->text(0), "sample_points_Inverse");
+    Screenshot(window.get(), "vesk_identify");
+}
+
+// A point's attributes are the fields of its own row, rows skipped as missing
+// left out as the reader left them out.
+TEST_F(Vesk, IdentifyGivesAPointsRowOfItsFile)
+{
+    const fs::path f = TempDir("attributes") / "wells.csv";
+    std::ofstream(f) << "# wells\nname;east;north;depth;remark\nA;10;20;5,5;ok\nB;30;40;NA;dry\n\nC;50;60;7;\"deep one\"\n";
+    QTimer::singleShot(0, [] {
+        auto* d = qobject_cast<KaColumnsDialog*>(QApplication::activeModalWidget());
+        ASSERT_NE(d, nullptr);
+        d->accept();  // east, north, depth as guessed
+    });
+    auto* points = dynamic_cast<KaScatteredPoints*>(window->OpenFile(QString::fromStdString(f.string())));
+    ASSERT_NE(points, nullptr);
+    ASSERT_EQ(points->GetScatteredPointsCount(), 2u);
+    const QList<KaVeskWindow::IdentifyHit> hits = window->Identify(50, 60, 1);
+    ASSERT_EQ(hits.size(), 1);
+    QStringList fields;
+    for (const auto& [k, v] : hits[0].fields) fields << k + "=" + v;
+    EXPECT_EQ(fields, QStringList({"point=2", "x=50", "y=60", "z=7", "line=6", "name=C", "remark=deep one"}));
+
+    // Without a header, the first row itself missing: numbered fields.
+    const fs::path g = TempDir("attributes2") / "plain.txt";
+    std::ofstream(g) << "1 2 NA 9\n3 4 5 8\n6 7 8 7\n";
+    QTimer::singleShot(0, [] {
+        if (auto* d = qobject_cast<KaColumnsDialog*>(QApplication::activeModalWidget())) d->accept();
+    });
+    ASSERT_NE(window->OpenFile(QString::fromStdString(g.string())), nullptr);
+    const QList<KaVeskWindow::IdentifyHit> plain = window->Identify(6, 7, 0.1);
+    ASSERT_FALSE(plain.isEmpty());
+    fields.clear();
+    for (const auto& [k, v] : plain[0].fields) fields << k + "=" + v;
+    EXPECT_EQ(fields, QStringList({"point=2", "x=6", "y=7", "z=8", "line=3", "column 4=7"}));
+
+    // A vector file: the feature's fields.
+    const fs::path v = TempDir("attributes3") / "picks.geojson";
+    std::ofstream(v) << R"({"type": "FeatureCollection", "features": [
+        {"type": "Feature", "properties": {"name": "P1", "kind": "pick"}, "geometry": {"type": "Point", "coordinates": [100, 200, 3]}},
+        {"type": "Feature", "properties": {"name": "P2", "kind": "well"}, "geometry": {"type": "Point", "coordinates": [300, 400, 5]}}]})";
+    ASSERT_NE(window->OpenFile(QString::fromStdString(v.string())), nullptr);
+    const QList<KaVeskWindow::IdentifyHit> picked = window->Identify(300, 400, 0.1);
+    ASSERT_FALSE(picked.isEmpty());
+    fields.clear();
+    for (const auto& [k, val] : picked[0].fields) fields << k + "=" + val;
+    EXPECT_EQ(fields, QStringList({"point=2", "x=300", "y=400", "z=5", "name=P2", "kind=well"}));
+}
+
+// Properties is a dialog with the statistics and a histogram of the values.
+TEST_F(Vesk, PropertiesShowStatisticsAndAHistogram)
+{
+    auto* points = dynamic_cast<KaScatteredPoints*>(window->OpenFile(kSample));
+    ASSERT_NE(points, nullptr);
+    KaSurface* surface = RunInverseDistance(points);
+    ASSERT_NE(surface, nullptr);
+    for (KaDataObject* o : {static_cast<KaDataObject*>(points), static_cast<KaDataObject*>(surface)}) {
+        const std::vector<double> values = KaLayerValues(*o);
+        const KaValueStats stats = KaComputeStats(values);
+        OnNextDialog<KaPropertiesDialog>([&](KaPropertiesDialog* d) {
+            const QString text = d->findChild<QLabel*>("PropertiesText")->text();
+            EXPECT_TRUE(text.contains(QStringLiteral("mean %1").arg(QString::number(stats.mean, 'g', 10)))) << text.toStdString();
+            EXPECT_TRUE(text.contains("Coordinate system: none"));
+            auto* histogram = d->findChild<KaHistogram*>("Histogram");
+            ASSERT_NE(histogram, nullptr);
+            std::size_t total = 0;
+            for (std::size_t n : histogram->Counts()) total += n;
+            EXPECT_EQ(total, values.size());
+            katest::SavePicture(d, QStringLiteral("vesk_properties_%1").arg(KaVeskWindow::KindName(*o).replace(' ', '_')));
+        });
+        std::unique_ptr<QMenu> menu(window->BuildContextMenu(o, window.get()));
+        FindAction(menu.get(), "Properties...")->trigger();
+    }
+    EXPECT_EQ(KaComputeStats({4, 1, 3, 2}).median, 2.5);
+    EXPECT_EQ(KaComputeStats({4, 1, 3, 2}).mean, 2.5);
+}
+
+// Coordinate systems: shown per layer, a differing one flagged, and carried
+// from a point set to the surface made from it and into its file.
+TEST_F(Vesk, CoordinateSystemsAreShownFlaggedAndCarriedIntoSaveAs)
+{
+    const fs::path dir = TempDir("crs");
+    auto copyWithPrj = [&](const std::string& name, const std::string& crs) {
+        fs::copy_file(kSample.toStdString(), dir / (name + ".csv"));
+        std::ofstream(dir / (name + ".prj")) << CrsFromDefinition(crs);
+        return QString::fromStdString((dir / (name + ".csv")).string());
+    };
+    KaDataObject* rd = window->OpenFile(copyWithPrj("rd", "EPSG:28992"));
+    KaDataObject* rd2 = window->OpenFile(copyWithPrj("rd2", "EPSG:28992"));
+    KaDataObject* wgs = window->OpenFile(copyWithPrj("wgs", "EPSG:4326"));
+    ASSERT_TRUE(rd && rd2 && wgs);
+    QTreeWidget* tree = window->ObjectTree();
+    EXPECT_TRUE(tree->topLevelItem(0)->toolTip(0).contains("Amersfoort / RD New")) << tree->topLevelItem(0)->toolTip(0).toStdString();
+    EXPECT_FALSE(tree->topLevelItem(0)->data(0, Qt::UserRole).toBool());
+    EXPECT_TRUE(tree->topLevelItem(2)->data(0, Qt::UserRole).toBool());
+    EXPECT_TRUE(tree->topLevelItem(2)->toolTip(0).contains("Differs from Amersfoort / RD New"));
+    EXPECT_TRUE(window->PropertiesText(wgs).contains("WGS 84"));
+
+    window->Select(rd);
+    const QPointF at = window->MapView()->WorldToScreen({2500, 2000});
+    QTest::mouseMove(window->MapView(), at.toPoint());
+    EXPECT_TRUE(window->StatusText().contains("CRS: Amersfoort / RD New")) << window->StatusText().toStdString();
+    Screenshot(window.get(), "vesk_crs_flagged");
+
+    KaSurface* surface = RunInverseDistance(rd);
+    ASSERT_NE(surface, nullptr);
+    EXPECT_EQ(window->Crs(surface), window->Crs(rd));
+    const std::string saved = (dir / "rd_idw.tif").string();
+    ASSERT_TRUE(window->SaveSurface(surface, QString::fromStdString(saved)));
+    EXPECT_EQ(CrsLabel(ReadInputCrs(saved)), "Amersfoort / RD New (EPSG:28992)");
+}
+
+// A project holds the layers with their files, columns, styles and
+// visibility; a surface never saved is written beside it; opening it again
+// gives the same map.
+TEST_F(Vesk, ProjectsRoundTripLayersStylesAndUnsavedSurfaces)
+{
+    const fs::path dir = TempDir("project");
+    const fs::path odd = dir / "survey.txt";
+    std::ofstream(odd) << "id elev east north\n1 250.5 100 200\n2 260 110 190\n3 255 120 230\n4 240 90 210\n";
+    QTimer::singleShot(0, [] {
+        auto* d = qobject_cast<KaColumnsDialog*>(QApplication::activeModalWidget());
+        ASSERT_NE(d, nullptr);
+        d->accept();
+    });
+    KaDataObject* survey = window->OpenFile(QString::fromStdString(odd.string()));
+    ASSERT_NE(survey, nullptr);
+    auto* points = dynamic_cast<KaScatteredPoints*>(window->OpenFile(kSample));
+    KaSurface* surface = RunInverseDistance(points);
+    ASSERT_NE(surface, nullptr);
+    KaLayerStyle style;
+    style.ramp = KaRamp::Cividis;
+    style.stretch = KaStretch::User;
+    style.userMin = 150;
+    style.userMax = 300;
+    style.contourInterval = 25;
+    window->SetStyle(surface, style);
+    window->SetVisible(points, false);
+    window->Select(surface);
+    const std::vector<double> grid(surface->GridData().data, surface->GridData().data + surface->GridData().Size());
+
+    const QString project = QString::fromStdString((dir / "work.json").string());
+    ASSERT_TRUE(window->SaveProject(project));
+    EXPECT_TRUE(fs::is_regular_file(dir / "work_files" / "sample_points_Inverse.tif"));
+    QFile f(project);
+    ASSERT_TRUE(f.open(QIODevice::ReadOnly));
+    const QJsonObject json = QJsonDocument::fromJson(f.readAll()).object();
+    EXPECT_EQ(json["layers"].toArray().size(), 3);
+    EXPECT_EQ(json["layers"][0]["file"].toString(), "survey.txt");
+    EXPECT_EQ(json["layers"][0]["columns"]["z"].toString(), "2");
+
+    window.reset();
+    EndVeskSession();
+    window = std::make_unique<KaVeskWindow>();
+    window->resize(1280, 820);
+    window->show();
+    ASSERT_TRUE(window->OpenProject(project));
+    ASSERT_EQ(window->Objects().size(), 3u);
+    auto* back = dynamic_cast<KaSurface*>(window->FindObject("sample_points_Inverse"));
+    ASSERT_NE(back, nullptr);
+    EXPECT_TRUE(window->Style(back) == style);
+    EXPECT_FALSE(window->IsVisible(window->FindObject("sample_points")));
+    EXPECT_TRUE(window->IsVisible(back));
+    ASSERT_EQ(back->GridData().Size(), grid.size());
+    EXPECT_EQ(std::memcmp(back->GridData().data, grid.data(), grid.size() * sizeof(double)), 0);
+    auto* surveyBack = dynamic_cast<KaScatteredPoints*>(window->FindObject("survey"));
+    ASSERT_NE(surveyBack, nullptr);
+    EXPECT_EQ(surveyBack->Points()[0].z, 250.5);
+    EXPECT_EQ(window->ObjectTree()->currentItem()->text(0), "sample_points_Inverse");
+    Screenshot(window.get(), "vesk_project_reopened");
+
+    // The column choice is remembered for the file: no dialog this time.
+    bool asked = false;
+    QTimer::singleShot(0, [&] {
+        if (auto* d = qobject_cast<QDialog*>(QApplication::activeModalWidget())) asked = true, d->reject();
+    });
+    auto* again = dynamic_cast<KaScatteredPoints*>(window->OpenFile(QString::fromStdString(odd.string())));
+    QCoreApplication::processEvents();  // the check above runs once, now, with no dialog up
+    ASSERT_NE(again, nullptr);
+    EXPECT_FALSE(asked);
+    EXPECT_EQ(again->Points()[1].z, 260);
+
+    // A project naming a missing file is refused before anything changes.
+    const fs::path broken = dir / "broken.json";
+    std::ofstream(broken) << R"({"vesk": "project", "layers": [{"name": "x", "file": "gone.csv"}]})";
+    katest::BoxSeen seen;
+    katest::AnswerNextBox(&seen);
+    EXPECT_FALSE(window->OpenProject(QString::fromStdString(broken.string())));
+    EXPECT_TRUE(seen.text.contains("gone.csv is missing")) << seen.text.toStdString();
+    EXPECT_EQ(window->Objects().size(), 4u);
+}
+
+// The window's layout (docks, sizes) comes back at the next start.
+TEST_F(Vesk, WindowLayoutIsRestored)
+{
+    auto* dock = window->findChild<QDockWidget*>("IdentifyDock");
+    ASSERT_NE(dock, nullptr);
+    dock->hide();
+    window->SaveSettings();
+    window.reset();
+    window = std::make_unique<KaVeskWindow>();
+    EXPECT_TRUE(window->findChild<QDockWidget*>("IdentifyDock")->isVisibleTo(window.get()));
+    window->RestoreLayout();
+    window->show();
+    EXPECT_FALSE(window->findChild<QDockWidget*>("IdentifyDock")->isVisible());
+    window->findChild<QDockWidget*>("IdentifyDock")->show();
+    window->SaveSettings();
+}
+
+TEST_F(Vesk, MapExportsAsPngOfTheChosenSizeAndAsPdf)
+{
+    KaDataObject* points = window->OpenFile(kSample);
+    KaSurface* surface = RunInverseDistance(points);
+    ASSERT_NE(surface, nullptr);
+    window->Select(surface);
+    const fs::path dir = TempDir("export");
+    const QString png = QString::fromStdString((dir / "map.png").string());
+    ASSERT_TRUE(window->ExportMap(png, QSize(1600, 900)));
+    const QImage image(png);
+    EXPECT_EQ(image.size(), QSize(1600, 900));
+    image.save(QStringLiteral(KA_BINARY_DIR "/screenshots/vesk_export.png"));
+    // The map fills it: a node in the middle has its colour.
+    const KaStretchRange range = KaStyleRange(*surface, {});
+    const KaSurfaceObjInfo& info = surface->GetSurfaceObjInfo();
+    const int r = 50, c = 60;
+    const double v = surface->GridData().At(r, c);
+    const KaRgb rgb = KaRampColour(range.Position(v));
+    const double k = std::min(1600.0 / window->MapView()->width(), 900.0 / window->MapView()->height());
+    const QPointF centre = window->MapView()->Centre();
+    const QPointF px(800 + (info.xMin + c * info.GetDx() - centre.x()) * window->MapView()->Scale() * k,
+                     450 - (info.yMin + r * info.GetDy() - centre.y()) * window->MapView()->Scale() * k);
+    EXPECT_TRUE(katest::ColourNear(image, px.toPoint(), QColor(rgb.r, rgb.g, rgb.b), 1));
+
+    const QString pdf = QString::fromStdString((dir / "map.pdf").string());
+    ASSERT_TRUE(window->ExportMap(pdf));
+    QFile f(pdf);
+    ASSERT_TRUE(f.open(QIODevice::ReadOnly));
+    EXPECT_TRUE(f.read(5) == "%PDF-");
+    EXPECT_GT(f.size(), 2000);
+}
+
+// The variogram window shows the engine's experimental variogram, the same
+// as kagrid variogram's, with the same fit; an edited model becomes the
+// kagrid parameter.
+TEST_F(Vesk, VariogramWindowMatchesKagridVariogramAndGivesItsParameter)
+{
+    auto* points = dynamic_cast<KaScatteredPoints*>(window->OpenFile(kSample));
+    ASSERT_NE(points, nullptr);
+    const fs::path dir = TempDir("variogram");
+    const QString json = QString::fromStdString((dir / "v.json").string());
+    QProcess kagrid;
+    kagrid.start(KAGRID_EXE, {"variogram", kSample, "--fit", "Nugget+Spherical", "--json", json});
+    ASSERT_TRUE(kagrid.waitForFinished(60000));
+    ASSERT_EQ(kagrid.exitCode(), 0);
+    QFile f(json);
+    ASSERT_TRUE(f.open(QIODevice::ReadOnly));
+    const QJsonObject expected = QJsonDocument::fromJson(f.readAll()).object();
+
+    KaVariogramWindow vw(*points, window.get());
+    vw.show();
+    const QJsonArray lags = expected["lags"].toArray();
+    ASSERT_EQ(static_cast<int>(vw.Lags().size()), lags.size());
+    for (int i = 0; i < lags.size(); ++i) {
+        EXPECT_DOUBLE_EQ(vw.Lags()[i].distance, lags[i]["distance"].toDouble());
+        EXPECT_DOUBLE_EQ(vw.Lags()[i].gamma, lags[i]["gamma"].toDouble());
+        EXPECT_EQ(vw.Lags()[i].pairs, static_cast<uint64_t>(lags[i]["pairs"].toDouble()));
+    }
+    std::unique_ptr<KaVarioVector> model = vw.Model();
+    ASSERT_NE(model, nullptr);
+    const QJsonArray components = expected["model"]["components"].toArray();
+    ASSERT_EQ(static_cast<int>(model->size()), components.size());
+    for (int i = 0; i < components.size(); ++i) {
+        EXPECT_NEAR((*model)[i].sill, components[i]["sill"].toDouble(), 1e-9 * std::fabs(components[i]["sill"].toDouble()));
+        if (components[i].toObject().contains("range"))
+            EXPECT_NEAR((*model)[i].range, components[i]["range"].toDouble(), 1e-9 * components[i]["range"].toDouble());
+    }
+    katest::SavePicture(&vw, "vesk_variogram");
+    QDir(QStringLiteral(KA_BINARY_DIR "/screenshots")).mkpath(".");
+    vw.grab().save(QStringLiteral(KA_BINARY_DIR "/screenshots/vesk_variogram.png"));
+
+    // Edit the spherical range; the parameter follows and kagrid takes it.
+    auto* table = vw.findChild<QTableWidget*>("ModelTable");
+    table->item(1, 2)->setText("1234.5");
+    const QString snippet = vw.Snippet();
+    EXPECT_TRUE(snippet.contains("\"range\":1234.5")) << snippet.toStdString();
+    vw.findChild<QPushButton*>("BtnCopy")->click();
+    EXPECT_EQ(QApplication::clipboard()->text(), snippet);
+    const QString value = snippet.section('\'', 1, 1).mid(QStringLiteral("variogram=").size());
+    const std::unique_ptr<KaVarioVector> parsed = VariogramFromJson(nlohmann::json::parse(value.toStdString()), "variogram");
+    EXPECT_EQ((*parsed)[1].range, 1234.5);
+    table->item(1, 2)->setText("-3");
+    EXPECT_TRUE(vw.Snippet().isEmpty());
+    EXPECT_FALSE(vw.Fit("Nugget+Banana"));
+    // A lag width that would need more lags than memory holds is refused, not tried.
+    qputenv("KAGRID_MACHINE_MEMORY", "1M");
+    vw.findChild<QDoubleSpinBox*>("SpinWidth")->setValue(0.001);
+    vw.Recompute();
+    qunsetenv("KAGRID_MACHINE_MEMORY");
+    EXPECT_TRUE(vw.Lags().empty());
+    EXPECT_TRUE(vw.findChild<QLabel*>("VariogramNote")->text().contains("more than this machine's 1 MB of memory"))
+        << vw.findChild<QLabel*>("VariogramNote")->text().toStdString();
+
+    // Reached from the point set's menu, as a window of its own.
+    std::unique_ptr<QMenu> menu(window->BuildContextMenu(points, window.get()));
+    FindAction(menu.get(), "Variogram...")->trigger();
+    ASSERT_TRUE(WaitFor([&] { return window->findChild<KaVariogramWindow*>() && window->findChild<KaVariogramWindow*>()->isVisible(); }));
+}
+
+
+// The memory guard and the run review kagrid has: a grid larger than the
+// machine's memory is refused before any job starts, with kagrid's words; a
+// grid left all blank by the search is said to be, and why.
+TEST_F(Vesk, SaysWhatKagridSaysAboutMemoryAndBlankGrids)
+{
+    KaDataObject* points = window->OpenFile(kSample);
+    ASSERT_NE(points, nullptr);
+    qputenv("KAGRID_MACHINE_MEMORY", "1M");
+    KaSheetDialogBase* dialog = OpenMethodDialog(points, QStringLiteral("Inverse Distance to a Power"));
+    ASSERT_NE(dialog, nullptr);
+    dialog->findChild<QSpinBox*>("SpinXCount")->setValue(2000);
+    dialog->findChild<QSpinBox*>("SpinYCount")->setValue(1000);
+    dialog->findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Ok)->click();
+    QProcess kagrid;
+    kagrid.start(KAGRID_EXE, {"inverse-distance", kSample, QString::fromStdString((TempDir("memory") / "g.tif").string()),
+                              "--size", "2000,1000"});
+    ASSERT_TRUE(kagrid.waitForFinished(60000));
+    qunsetenv("KAGRID_MACHINE_MEMORY");
+    QCoreApplication::processEvents();
+    EXPECT_EQ(KaThreadMgr::Instance().Threads().size(), 0);  // nothing started
+    KaJobsPanel* jobs = window->JobsPanel();
+    ASSERT_EQ(jobs->JobCount(), 1);
+    const QString outcome = jobs->JobAt(0).outcome;
+    EXPECT_TRUE(outcome.startsWith("Refused: a 2000 × 1000 grid needs 16 MB, more than this machine's 1 MB of memory"))
+        << outcome.toStdString();
+    const QString said = QString::fromUtf8(kagrid.readAllStandardError());
+    EXPECT_TRUE(said.contains("a 2000 × 1000 grid needs 16 MB, more than this machine's 1 MB of memory")) << said.toStdString();
+    Screenshot(window.get(), "vesk_memory_refused");
+
+    // A tiny search ellipse leaves every node blank: the job says it made a
+    // surface, and the review says why it is empty.
+    dialog = OpenMethodDialog(points, QStringLiteral("Inverse Distance to a Power"));
+    ASSERT_NE(dialog, nullptr);
+    dialog->findChild<QDoubleSpinBox*>("SpinRadius1")->setValue(0.001);
+    dialog->findChild<QDoubleSpinBox*>("SpinRadius2")->setValue(0.001);
+    dialog->findChild<QDialogButtonBox*>()->button(QDialogButtonBox::Ok)->click();
+    ASSERT_TRUE(WaitFor([&] { return jobs->JobCount() == 2 && jobs->JobAt(1).finished; }));
+    ASSERT_EQ(jobs->JobAt(1).warnings.size(), 1);
+    EXPECT_TRUE(jobs->JobAt(1).warnings[0].startsWith("every node of the grid is blank: too few samples within the search ellipse"))
+        << jobs->JobAt(1).warnings[0].toStdString();
+    EXPECT_TRUE(jobs->JobAt(1).warnings[0].contains("radius1 0.001")) << jobs->JobAt(1).warnings[0].toStdString();
+    EXPECT_TRUE(jobs->JobAt(1).outcome.contains("; warning: every node")) << jobs->JobAt(1).outcome.toStdString();
+    Screenshot(window.get(), "vesk_review_warning");
 }
 
 }  // namespace
