@@ -9,6 +9,7 @@
 #include "methods/KaEstMinCurvature.h"
 #include "methods/KaEstModifiedShepard.h"
 #include "methods/KaEstMovingAverage.h"
+#include "methods/KaEstNaturalNeighbor.h"
 #include "methods/KaEstNearestNeighbor.h"
 #include "methods/KaEstPolynomialRegression.h"
 #include "methods/KaEstRadialBasis.h"
@@ -49,6 +50,9 @@ const KaMethodInfo kMethods[] = {
      "a shell in this release: its gridding job ends without a surface"},
     {"triangulation", "Triangulation with Linear Interpolation", "_GridTri",
      Param<KaEstLinearTriangulationParam>, Estimator<KaEstLinearTriangulation>, Job<KaTriangulationJob>},
+    // kagrid and the library only.
+    {"natural-neighbor", "Natural Neighbor", "_NatNeighbor", Param<KaEstNaturalNeighborParam>,
+     Estimator<KaEstNaturalNeighbor>, Job<KaNaturalNeighborJob>, nullptr, false},
 };
 
 }  // namespace

@@ -17,9 +17,12 @@ struct KaMethodInfo {
     // The job that drives the estimator; null means the row-by-row KaGridJob.
     std::unique_ptr<KaGridJob> (*makeJob)(KaJobObserver* observer) = nullptr;
     const char* note = nullptr;  // what a user should know first, e.g. that it is a shell
+    // False for the methods kagrid and the library add beyond the plug-in's
+    // menu and dialogs (which keep their own table of methods).
+    bool inPlugin = true;
 };
 
-// Every method, in menu order.
+// Every method: the plug-in's in menu order, then kagrid's own.
 std::span<const KaMethodInfo> KaMethods();
 const KaMethodInfo* FindMethod(std::string_view key);
 std::unique_ptr<KaGridJob> MakeJob(const KaMethodInfo& method, KaJobObserver* observer);
