@@ -20,6 +20,7 @@ struct Command {
     const char* usage;
     std::vector<std::string> valueOptions;  // own options that take a value
     int (*run)(const KaSubOptions&);
+    std::vector<std::string> flags = {};  // own options without a value
 };
 
 const Command kCommands[] = {
@@ -65,6 +66,23 @@ const Command kCommands[] = {
      "  --threads N          worker threads (default: every core)\n"
      "  -q, --quiet          no progress output\n",
      {"--write-params", "--max-blank", "--threads"}, RunTune},
+    {"predict",
+     "usage: kagrid predict METHOD INPUT LOCATIONS OUTPUT [options]\n"
+     "  Estimates z (and the kriging standard deviation) at the points of LOCATIONS with the\n"
+     "  method's parameters, as a gridding run would at a node there, and writes x, y, z\n"
+     "  [, stddev] to OUTPUT: .csv, or a vector format GDAL writes (.gpkg, .geojson, .fgb, ...).\n"
+     "  A location without an estimate gets an empty z (a null attribute).\n"
+     "options:\n"
+     "  --set KEY=VALUE, --params FILE, --x/--y/--z COL   as for gridding (INPUT's columns)\n"
+     "  --bounds, --cell, --size, --like   the gridding run's lattice, which the search's\n"
+     "                       buckets follow (as for gridding; default: filled from INPUT)\n"
+     "  --locations-x COL, --locations-y COL   LOCATIONS' columns (text; default: guessed from\n"
+     "                       the header as for INPUT, else 1 2); vector files: the points\n"
+     "  --stddev             also the kriging standard deviation (kriging methods)\n"
+     "  --outside            estimate locations beyond the samples' extent too (refused otherwise)\n"
+     "  --threads N          worker threads (default: every core)\n"
+     "  -q, --quiet          no progress output\n",
+     {"--locations-x", "--locations-y", "--threads", "--bounds", "--cell", "--size", "--like"}, RunPredict, {"--stddev", "--outside"}},
 };
 
 const Command* Find(const char* word)
@@ -94,6 +112,8 @@ KaSubOptions Parse(const Command& cmd, int argc, char** argv)
         else if (a == "-q" || a == "--quiet") o.quiet = true;
         else if (std::find(cmd.valueOptions.begin(), cmd.valueOptions.end(), a) != cmd.valueOptions.end())
             o.values[a] = value();
+        else if (std::find(cmd.flags.begin(), cmd.flags.end(), a) != cmd.flags.end())
+            o.values[a] = "";
         else if (a.size() > 1 && a[0] == '-' && !std::isdigit(static_cast<unsigned char>(a[1])))
             throw KaUsageError{"unknown option " + a};
         else o.positional.push_back(a);

@@ -53,6 +53,7 @@ const char* kUsage =
     "       kagrid cross-validate METHOD INPUT [options]   leave-one-out statistics\n"
     "       kagrid variogram INPUT [options]               experimental variogram and fit\n"
     "       kagrid tune METHOD INPUT [options]             settings chosen by cross-validation\n"
+    "       kagrid predict METHOD INPUT LOCATIONS OUTPUT   estimates at the points of LOCATIONS\n"
     "\n"
     "INPUT   points: CSV or whitespace-separated x y z text, or any vector file GDAL reads;\n"
     "        a raster GDAL reads: its nodes become the samples\n"
