@@ -10,12 +10,14 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
 #include <gdal.h>
 
+#include "apps/kagrid/KaBlockOption.h"
 #include "apps/kagrid/KaGridOptions.h"
 #include "apps/kagrid/KaRunReport.h"
 #include "io/KaCrs.h"
@@ -68,6 +70,8 @@ const char* kUsage =
     "  --cell DX[,DY]     node spacing; the counts follow from the bounds\n"
     "  --size COLS,ROWS   node counts; the spacing follows from the bounds\n"
     "  --like RASTER      the lattice of an existing grid\n"
+    "  --block STAT CELL  first reduce the samples to one per block (mean, median or mode of\n"
+    "                     the samples in each CELL (DX[,DY]) block centred on the grid's nodes)\n"
     "  --crs DEF          coordinate system of the output (EPSG:28992, WKT, PROJ string);\n"
     "                     default: the input's (its layer, raster, or a .prj beside a text file)\n"
     "  -of FORMAT         GDAL driver for OUTPUT (e.g. GTiff, AAIGrid, XYZ)\n"
@@ -92,6 +96,7 @@ struct Options {
     std::string method, input, output, format, preview, mesh, paramsFile, stdDev, stdDevPreview;
     std::string methodFilter;  // kagrid methods METHOD
     std::string crs, dataType;
+    std::string blockStatistic, blockCell;  // --block STAT CELL
     std::vector<std::string> creationOptions;
     KaGridRequest grid;
     std::vector<std::string> settings;
@@ -137,6 +142,10 @@ Options ParseArguments(int argc, char** argv)
         else if (a == "--cell") o.grid.cell = value("DX[,DY]");
         else if (a == "--size") o.grid.size = value("COLS,ROWS");
         else if (a == "--like") o.grid.like = value("a raster");
+        else if (a == "--block") {
+            o.blockStatistic = value("mean, median or mode, and a block size");
+            o.blockCell = value("a block size after the statistic");
+        }
         else if (a == "--preview") o.preview = value("a PNG file name");
         else if (a == "--mesh") o.mesh = value("a file name");
         else if (a == "--stddev") o.stdDev = value("a file name");
@@ -267,6 +276,8 @@ int Run(const Options& o)
     if (!o.mesh.empty() && std::string_view(method->key) != "triangulation") Usage("--mesh: only the triangulation method makes a mesh");
     // Checked before the input is read: a typo here should not wait for a large file.
     const std::string crs = o.crs.empty() ? std::string() : CrsFromDefinition(o.crs);
+    std::optional<KaBlockOption> block;
+    if (!o.blockStatistic.empty()) block = ParseBlockOption(o.blockStatistic, o.blockCell);
     auto note = [&](const std::string& text) {
         if (!o.quiet) std::fprintf(stderr, "kagrid: %s\n", text.c_str());
     };
@@ -356,6 +367,7 @@ int Run(const Options& o)
     std::unique_ptr<KaSampleList> samples(raw);
     if (samples->empty()) throw KaIoError(o.input, "no samples");
     input.reset();  // the samples hold everything needed from here on
+    if (block) note(ReduceToBlocks(*block, *record, samples));
     if (o.tune) record = TuneForGridding(*method, std::move(record), given, *samples, o.threads, o.quiet);
 
     KaProgress progress(o.quiet);
