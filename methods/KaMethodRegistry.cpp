@@ -1,5 +1,6 @@
 #include "methods/KaMethodRegistry.h"
 
+#include "methods/KaCurvatureSpline.h"
 #include "methods/KaEstDataMetrics.h"
 #include "methods/KaEstInverseDistance.h"
 #include "methods/KaEstKrig.h"
@@ -53,6 +54,8 @@ const KaMethodInfo kMethods[] = {
     // kagrid and the library only.
     {"natural-neighbor", "Natural Neighbor", "_NatNeighbor", Param<KaEstNaturalNeighborParam>,
      Estimator<KaEstNaturalNeighbor>, Job<KaNaturalNeighborJob>, nullptr, false},
+    {"curvature-spline", "Continuous Curvature Spline in Tension", "_Spline", Param<KaEstCurvatureSplineParam>,
+     Estimator<KaEstCurvatureSpline>, Job<KaCurvatureSplineJob>, nullptr, false},
 };
 
 }  // namespace
