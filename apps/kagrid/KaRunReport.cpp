@@ -39,6 +39,7 @@ const char* MethodKeys(const std::string& method)
     if (method == "local-polynomial") return "totalOrder (or xOrder, yOrder), minInAll, maxFromAll";
     if (method == "modified-shepard") return "quadraticNeighbors, weightingNeighbors, smoothingFactor";
     if (method == "inverse-distance") return "power, smoothing";
+    if (method == "curvature-spline") return "tension (raise it against overshoot), boundaryTension";
     return "the method's own keys";
 }
 
@@ -87,6 +88,8 @@ std::string WhyAllBlank(const std::string& method, const KaEstimatorGridParam& r
         record.yMax < y0 - reach)
         return "the grid lies away from the samples (x " + Number(x0) + " \u2026 " + Number(x1) + ", y " +
                Number(y0) + " \u2026 " + Number(y1) + "); check the grid's bounds";
+    if (method == "natural-neighbor") return "no node lies inside the samples' convex hull; check the grid's bounds";
+    if (method == "curvature-spline") return "no node lies within maxRadius of a sample; raise maxRadius (0: no mask)";
     if (!q)
         return "no node lies inside a triangle that was kept; check the grid's bounds and limitEdgeLength, "
                "edgeLengthLimit";
