@@ -107,6 +107,12 @@ TEST(Predict, WritesVectorFormatsWithNullWhereThereIsNoEstimate)
     GDALDatasetUniquePtr c(GDALDataset::Open((dir / "c.fgb").c_str(), GDAL_OF_VECTOR));
     ASSERT_TRUE(c);
     for (const auto& f : *c->GetLayer(0)) EXPECT_FALSE(f->IsFieldSetAndNotNull(0));
+    // A shapefile: its files under the target's name, nothing else left.
+    ASSERT_EQ(Kagrid("predict inverse-distance " + kSample + " " + dir / "loc.txt " + dir / "s.shp --locations-x 2 --locations-y 3 -q").status, 0);
+    GDALDatasetUniquePtr shp(GDALDataset::Open((dir / "s.shp").c_str(), GDAL_OF_VECTOR));
+    ASSERT_TRUE(shp);
+    EXPECT_EQ(shp->GetLayer(0)->GetFeatureCount(), 2);
+    for (const std::string& name : dir.Entries()) EXPECT_NE(name[0], '.') << name;
 }
 
 TEST(Predict, RefusesBadInputInOneLine)
@@ -123,7 +129,7 @@ TEST(Predict, RefusesBadInputInOneLine)
         {"predict triangulation " + kSample + " " + dir / "in.csv " + dir / "p.csv", 1, "triangulation"},
         {"predict inverse-distance " + kSample + " " + dir / "in.csv " + dir / "p.csv --stddev", 1, "--stddev"},
         {"predict inverse-distance " + kSample + " " + dir / "in.csv " + dir / "in.csv", 1, "LOCATIONS and OUTPUT"},
-        {"predict inverse-distance " + kSample + " " + dir / "in.csv " + dir / "p.shp", 1, "p.shp"},
+        {"predict inverse-distance " + kSample + " " + dir / "in.csv " + dir / "p.xyz9", 1, "p.xyz9"},
         {"predict nothing " + kSample + " " + dir / "in.csv " + dir / "p.csv", 2, "unknown method"},
         {"predict inverse-distance " + kSample + " " + dir / "in.csv", 2, "no OUTPUT"},
     };

@@ -70,7 +70,7 @@ const Command kCommands[] = {
      "usage: kagrid predict METHOD INPUT LOCATIONS OUTPUT [options]\n"
      "  Estimates z (and the kriging standard deviation) at the points of LOCATIONS with the\n"
      "  method's parameters, as a gridding run would at a node there, and writes x, y, z\n"
-     "  [, stddev] to OUTPUT: .csv, or a vector format GDAL writes (.gpkg, .geojson, .fgb, ...).\n"
+     "  [, stddev] to OUTPUT: .csv, or a vector format GDAL writes (.gpkg, .shp, .fgb, ...).\n"
      "  A location without an estimate gets an empty z (a null attribute).\n"
      "options:\n"
      "  --set KEY=VALUE, --params FILE, --x/--y/--z COL   as for gridding (INPUT's columns)\n"
