@@ -3,6 +3,7 @@
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
+#include <string_view>
 
 #include <ogrsf_frmts.h>
 
@@ -20,6 +21,22 @@ const char* DriverFor(const std::string& ext)
     if (ext == ".gpkg") return "GPKG";
     if (ext == ".geojson" || ext == ".json") return "GeoJSON";
     if (ext == ".fgb") return "FlatGeobuf";
+    if (ext.size() < 2 || ext == ".csv" || ext == ".txt") return nullptr;
+    // Any other vector format GDAL can create that claims the extension, when
+    // it is one file (the temporary is renamed whole); a shapefile is not.
+    KaIoInit();
+    GDALDriverManager* manager = GetGDALDriverManager();
+    for (int i = 0; i < manager->GetDriverCount(); ++i) {
+        GDALDriver* d = manager->GetDriver(i);
+        if (!d->GetMetadataItem(GDAL_DCAP_VECTOR) || !d->GetMetadataItem(GDAL_DCAP_CREATE)) continue;
+        if (std::string_view(d->GetDescription()) == "ESRI Shapefile") continue;
+        const char* list = d->GetMetadataItem(GDAL_DMD_EXTENSIONS);
+        if (!list) list = d->GetMetadataItem(GDAL_DMD_EXTENSION);
+        if (!list) continue;
+        const CPLStringList claimed(CSLTokenizeString(list));
+        for (int k = 0; k < claimed.size(); ++k)
+            if ("." + kaio::Lower(claimed[k]) == ext) return d->GetDescription();
+    }
     return nullptr;
 }
 
@@ -54,7 +71,8 @@ void WritePointTable(const std::string& path, const std::vector<std::string>& co
     const char* driverName = DriverFor(ext);
     if (!driverName) {
         if (!ext.empty() && ext != ".csv" && ext != ".txt")
-            throw KaIoError(path, "unknown table format '" + ext + "' (use .csv, .gpkg, .geojson or .fgb)");
+            throw KaIoError(path, "unknown table format '" + ext + "' (use .csv, .gpkg, .geojson, .fgb or another single-file "
+                                         "vector format GDAL writes)");
         WriteTextFile(path, CsvText(columns, rows));
         return;
     }

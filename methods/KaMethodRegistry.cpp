@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <typeinfo>
 
+#include "methods/KaCurvatureSpline.h"
 #include "methods/KaEstDataMetrics.h"
 #include "methods/KaEstInverseDistance.h"
 #include "methods/KaEstKrig.h"
@@ -15,6 +16,7 @@
 #include "methods/KaEstMinCurvature.h"
 #include "methods/KaEstModifiedShepard.h"
 #include "methods/KaEstMovingAverage.h"
+#include "methods/KaEstNaturalNeighbor.h"
 #include "methods/KaEstNearestNeighbor.h"
 #include "methods/KaEstPolynomialRegression.h"
 #include "methods/KaEstRadialBasis.h"
@@ -213,6 +215,21 @@ const KaMethodInfo kMethods[] = {
      .makeParam = Param<KaEstLinearTriangulationParam>, .cloneParam = Clone<KaEstLinearTriangulationParam>,
      .makeEstimator = Estimator<KaEstLinearTriangulation>, .makeJob = Job<KaTriangulationJob>,
      .can = {.mesh = true, .searching = false, .pointwise = false}},
+    // kagrid and the library only.
+    {.key = "natural-neighbor", .title = "Natural Neighbor", .suffix = "_NatNeighbor",
+     .makeParam = Param<KaEstNaturalNeighborParam>, .cloneParam = Clone<KaEstNaturalNeighborParam>,
+     .makeEstimator = Estimator<KaEstNaturalNeighbor>, .makeJob = Job<KaNaturalNeighborJob>,
+     .can = {.searching = false, .pointwise = false},
+     .review = {.keys = "anisotropyRatio, anisotropyAngle",
+                .allBlank = "no node lies inside the samples' convex hull; check the grid's bounds"},
+     .inPlugin = false},
+    {.key = "curvature-spline", .title = "Continuous Curvature Spline in Tension", .suffix = "_Spline",
+     .makeParam = Param<KaEstCurvatureSplineParam>, .cloneParam = Clone<KaEstCurvatureSplineParam>,
+     .makeEstimator = Estimator<KaEstCurvatureSpline>, .makeJob = Job<KaCurvatureSplineJob>,
+     .can = {.searching = false, .pointwise = false},
+     .review = {.keys = "tension (raise it against overshoot), boundaryTension",
+                .allBlank = "no node lies within maxRadius of a sample; raise maxRadius (0: no mask)"},
+     .inPlugin = false},
 };
 
 }  // namespace

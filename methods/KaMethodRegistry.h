@@ -60,6 +60,7 @@ struct KaReviewHints {
     bool solvesSystems = false;  // a grid all blank may mean a singular system at every node
     bool zValues = true;         // estimates are z values (data metrics' counts and distances are not)
     int systemPower = 1;         // per-node scratch grows with the neighbours (1) or with their square (2)
+    const char* allBlank = nullptr;  // why a grid of a method without search can come out all blank
 };
 
 // One gridding method as the dialogs and kagrid offer it: adding a method is
@@ -78,9 +79,12 @@ struct KaMethodInfo {
     KaMethodCapabilities can{};
     KaTuneHints tune{};
     KaReviewHints review{};
+    // False for the methods kagrid and the library add beyond the plug-in's
+    // menu and dialogs (which keep their own table of methods).
+    bool inPlugin = true;
 };
 
-// Every method, in the order of the host menu agency's slots.
+// Every method: the plug-in's in menu order, then kagrid's own.
 std::span<const KaMethodInfo> KaMethods();
 const KaMethodInfo* FindMethod(std::string_view key);
 std::unique_ptr<KaGridJob> MakeJob(const KaMethodInfo& method, KaJobObserver* observer);

@@ -74,6 +74,7 @@ std::string WhyAllBlank(const KaMethodInfo& method, const KaEstimatorGridParam& 
         record.yMax < y0 - reach)
         return "the grid lies away from the samples (x " + Number(x0) + " \u2026 " + Number(x1) + ", y " +
                Number(y0) + " \u2026 " + Number(y1) + "); check the grid's bounds";
+    if (method.review.allBlank) return method.review.allBlank;
     if (!q)
         return "no node lies inside a triangle that was kept; check the grid's bounds and limitEdgeLength, "
                "edgeLengthLimit";

@@ -3,7 +3,7 @@
 # AddressSanitizer and UndefinedBehaviorSanitizer.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-"$root/scripts/deps.sh"
+"$root/scripts/deps.sh" gmt r-cran-gstat r-cran-sp  # the references of the block, spline and variogram comparisons
 "$root/scripts/check_includes.sh" "$root"
 
 "$root/scripts/build.sh" "$root/build"

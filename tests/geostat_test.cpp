@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdlib>
+#include <sstream>
 #include <nlohmann/json.hpp>
 
 #include "KaTestSupport.h"
@@ -180,6 +182,67 @@ TEST(Variogram, LagsOfAHandWorkedLine)
     KaVariogramOptions bad;
     bad.cutoff = -1;
     EXPECT_THROW(KaExperimentalVariogram(pts, bad), std::invalid_argument);
+}
+
+TEST(Variogram, PairsOnALagBoundaryGoWhereGstatPutsThem)
+{
+    // Counts from gstat::variogram(z ~ 1, cutoff = C, width = 100) on these
+    // points: lags are closed above, zero distance and the cutoff included.
+    const std::vector<Ka3DPoint> pts = {{0, 0, 1}, {100, 0, 3}, {200, 0, 2}, {300, 0, 5}, {0, 0.5, 4}};
+    const struct {
+        double cutoff, width;
+        std::vector<uint64_t> pairs;
+    } cases[] = {{350, 100, {4, 3, 2, 1}}, {300, 100, {4, 3, 2}}, {301, 100, {4, 3, 2, 1}}};
+    for (const auto& c : cases) {
+        KaVariogramOptions o;
+        o.cutoff = c.cutoff, o.width = c.width;
+        std::vector<uint64_t> got;
+        for (const KaVariogramLag& l : KaExperimentalVariogram(pts, o)) got.push_back(l.pairs);
+        EXPECT_EQ(got, c.pairs) << "cutoff " << c.cutoff;
+    }
+    KaVariogramOptions o;
+    o.cutoff = 350, o.width = 50;  // gstat: 4 pairs (0, 50, 50, 50), then 2 (100, 100)
+    const auto lags = KaExperimentalVariogram({{0, 0, 1}, {0, 0, 2}, {100, 0, 3}, {50, 0, 4}}, o);
+    ASSERT_EQ(lags.size(), 2u);
+    EXPECT_EQ(lags[0].pairs, 4u);
+    EXPECT_EQ(lags[0].distance, 37.5);
+    EXPECT_EQ(lags[1].pairs, 2u);
+}
+
+TEST(Variogram, MeuseLagsEqualGstatsPairForPair)
+{
+    // Run only where R has gstat (the test script installs it).
+    if (std::system("Rscript -e 'suppressMessages(library(gstat)); library(sp)' > /dev/null 2>&1") != 0)
+        GTEST_SKIP() << "R with gstat and sp is not installed";
+    katest::TempDir dir;
+    const std::string csv = dir / "meuse.csv", out = dir / "gstat.txt", r = dir / "lags.R";
+    katest::WriteFile(r, "suppressMessages({library(sp); library(gstat)}); data(meuse)\n"
+                         "write.csv(meuse[, c('x', 'y', 'zinc')], '" + csv + "', row.names = FALSE)\n"
+                         "coordinates(meuse) <- ~x+y\n"
+                         "for (w in c(50, 100, 200)) {\n"
+                         "  v <- variogram(log(zinc) ~ 1, meuse, cutoff = 1600, width = w)\n"
+                         "  cat(w, v$np, '\\n', file = '" + out + "', append = TRUE)\n"
+                         "}\n");
+    ASSERT_EQ(std::system(("Rscript " + r + " > /dev/null 2>&1").c_str()), 0);
+    std::istringstream in(katest::ReadFile(out));
+    std::string line;
+    int compared = 0;
+    while (std::getline(in, line)) {
+        std::istringstream fields(line);
+        double width;
+        fields >> width;
+        std::vector<uint64_t> want, got;
+        for (uint64_t n; fields >> n;) want.push_back(n);
+        const auto r = Kagrid("variogram " + csv + " --z zinc --cutoff 1600 --width " + std::to_string(width) +
+                              " --json " + dir / "v.json");
+        ASSERT_EQ(r.status, 0) << r.output;
+        const nlohmann::json j = nlohmann::json::parse(katest::ReadFile(dir / "v.json"));
+        for (const auto& lag : j["lags"])
+            got.push_back(lag["pairs"].get<uint64_t>());
+        EXPECT_EQ(got, want) << "width " << width;
+        ++compared;
+    }
+    EXPECT_EQ(compared, 3);
 }
 
 TEST(Variogram, FitRecoversTheModelThatMadeTheLags)

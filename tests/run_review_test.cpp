@@ -57,6 +57,8 @@ TEST(RunReview, EachMethodsWarningsComeFromItsRegistryEntry)
         ASSERT_EQ(blankWarnings.size(), 1u);
         if (m.note)
             EXPECT_EQ(blankWarnings[0], std::string(m.key) + ": " + m.note);
+        else if (m.review.allBlank)
+            EXPECT_EQ(blankWarnings[0], std::string("every node of the grid is blank: ") + m.review.allBlank) << blankWarnings[0];
         else if (m.makeJob)
             EXPECT_TRUE(Has(blankWarnings, "no node lies inside a triangle"));
         else if (m.review.solvesSystems)

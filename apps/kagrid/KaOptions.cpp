@@ -16,6 +16,7 @@ struct Option {
     const char* alias = nullptr;  // "-q"
     const char* label = nullptr;  // the usage's label when not name and argument
     unsigned unlisted = 0;        // commands that take it without listing it
+    int values = 1;               // arguments it takes when it takes any (--block STAT CELL: 2)
 
     Option(const char* n, const char* arg, unsigned c, const char* h)
         : name(n), argument(arg), commands(c), help(h)
@@ -25,10 +26,11 @@ struct Option {
     Option& Alias(const char* v) { alias = v; return *this; }
     Option& Label(const char* v) { label = v; return *this; }
     Option& Unlisted(unsigned v) { unlisted = v; return *this; }
+    Option& Values(int v) { values = v; return *this; }
 };
 
 constexpr unsigned kLeaveOneOut = kKaCrossValidate | kKaTune;
-constexpr unsigned kRecord = kKaGrid | kLeaveOneOut;  // the commands that build a method's record
+constexpr unsigned kRecord = kKaGrid | kLeaveOneOut | kKaPredict;  // the commands that build a method's record
 
 // In usage order. An option may appear twice with different commands when
 // its meaning there differs.
@@ -40,10 +42,15 @@ const Option kOptions[] = {
         .Unlisted(kKaVariogram),
     Option("--print-params", nullptr, kKaGrid, "print the effective parameters as JSON and exit"),
     Option("--tune", nullptr, kKaGrid, "first choose the settings as `kagrid tune` does, then grid with them"),
-    Option("--bounds", "XMIN,YMIN,XMAX,YMAX", kKaGrid, "the grid's box (first node at XMIN, YMIN)"),
-    Option("--cell", "DX[,DY]", kKaGrid, "node spacing; the counts follow from the bounds"),
-    Option("--size", "COLS,ROWS", kKaGrid, "node counts; the spacing follows from the bounds"),
-    Option("--like", "RASTER", kKaGrid, "the lattice of an existing grid").Needs("a raster"),
+    Option("--bounds", "XMIN,YMIN,XMAX,YMAX", kKaGrid | kKaPredict, "the grid's box (first node at XMIN, YMIN)"),
+    Option("--cell", "DX[,DY]", kKaGrid | kKaPredict, "node spacing; the counts follow from the bounds"),
+    Option("--size", "COLS,ROWS", kKaGrid | kKaPredict, "node counts; the spacing follows from the bounds"),
+    Option("--like", "RASTER", kKaGrid | kKaPredict, "the lattice of an existing grid").Needs("a raster"),
+    Option("--block", "STAT CELL", kKaGrid,
+           "first reduce the samples to one per block (mean, median or mode of\n"
+           "the samples in each CELL (DX[,DY]) block centred on the grid's nodes)")
+        .Needs("mean, median or mode, and a block size")
+        .Values(2),
     Option("--crs", "DEF", kKaGrid,
            "coordinate system of the output (EPSG:28992, WKT, PROJ string);\n"
            "default: the input's (its layer, raster, or a .prj beside a text file)").Needs("a coordinate system"),
@@ -75,6 +82,13 @@ const Option kOptions[] = {
     Option("--write-params", "FILE", kKaTune, "the best settings as a parameter file for --params"),
     Option("--max-blank", "PERCENT", kKaTune,
            "a candidate leaving more samples than this not estimable loses\nto one that does not (default 1)"),
+    Option("--locations-x", "COL", kKaPredict,
+           "LOCATIONS' columns (text; default: guessed from the header as for\n"
+           "INPUT, else 1 2); vector files: the points")
+        .Label("--locations-x COL --locations-y COL"),
+    Option("--locations-y", "COL", kKaPredict, nullptr),
+    Option("--stddev", nullptr, kKaPredict, "also the kriging standard deviation (kriging methods)"),
+    Option("--outside", nullptr, kKaPredict, "estimate locations beyond the samples' extent too (refused otherwise)"),
     Option("--x", "COL", kKaAllCommands,
            "text input: columns by 1-based number or header name (default: the\n"
            "header's x, y, z (easting, lon, ...) when it has them, else 1 2 3);\n"
@@ -86,7 +100,7 @@ const Option kOptions[] = {
     Option("--threads", "N", kKaGrid,
            "threads that estimate rows, and compress GeoTIFF strips, at once\n"
            "(default: one per core); the grid is the same whatever N").Needs("a thread count"),
-    Option("--threads", "N", kLeaveOneOut, "worker threads (default: every core)"),
+    Option("--threads", "N", kLeaveOneOut | kKaPredict, "worker threads (default: every core)"),
     Option("--quiet", nullptr, kKaAllCommands, "no progress output").Alias("-q").Unlisted(kKaVariogram),
     Option("--help", nullptr, kKaAllCommands, "this text").Alias("-h"),
     Option("--version", nullptr, kKaGrid, "kagrid's and GDAL's versions"),
@@ -113,14 +127,13 @@ KaParsedOptions KaParseOptions(KaCommand command, int argc, char** argv, const s
                 std::fputs(usage.c_str(), stdout);
                 std::exit(0);
             }
-            std::string value;
-            if (o->argument) {
+            if (!o->argument) parsed.values[o->name].push_back("");
+            for (int k = 0; o->argument && k < o->values; ++k) {
                 if (i + 1 >= argc)
                     throw KaUsageError{a + " needs " +
                                        (command == kKaGrid ? (o->needs ? o->needs : o->argument) : "a value")};
-                value = argv[++i];
+                parsed.values[o->name].push_back(argv[++i]);
             }
-            parsed.values[o->name].push_back(value);
             if (std::strcmp(o->name, "--version") == 0) return parsed;
         } else {
             parsed.positional.push_back(a);

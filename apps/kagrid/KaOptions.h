@@ -13,7 +13,8 @@ enum KaCommand : unsigned {
     kKaCrossValidate = 2,
     kKaVariogram = 4,
     kKaTune = 8,
-    kKaAllCommands = 15,
+    kKaPredict = 16,
+    kKaAllCommands = 31,
 };
 
 // Thrown for a usage error (exit status 2, with the command's usage text).

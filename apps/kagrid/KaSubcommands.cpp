@@ -43,6 +43,13 @@ const Command kCommands[] = {
      "  not estimable, and marks the best with '*'. Keys given with --set or --params are\n"
      "  held as given.\n",
      RunTune},
+    {"predict", kKaPredict,
+     "usage: kagrid predict METHOD INPUT LOCATIONS OUTPUT [options]\n"
+     "  Estimates z (and the kriging standard deviation) at the points of LOCATIONS with the\n"
+     "  method's parameters, as a gridding run would at a node there, and writes x, y, z\n"
+     "  [, stddev] to OUTPUT: .csv, or a vector format GDAL writes (.gpkg, .shp, .fgb, ...).\n"
+     "  A location without an estimate gets an empty z (a null attribute).\n",
+     RunPredict},
 };
 
 const Command* Find(const char* word)

@@ -8,7 +8,7 @@
 #include "io/KaPointReader.h"
 #include "methods/KaMethodRegistry.h"
 
-// kagrid's commands besides gridding: cross-validate, variogram and tune.
+// kagrid's commands besides gridding: cross-validate, variogram, tune and predict.
 bool IsSubcommand(const char* word);
 // argv[0] is the command's name. Returns the exit status (0, 1 failure, 2 usage).
 int RunSubcommand(int argc, char** argv);
@@ -45,3 +45,4 @@ KaLooArguments LooArguments(const KaSubOptions& o);
 int RunCrossValidate(const KaSubOptions& o);
 int RunVariogram(const KaSubOptions& o);
 int RunTune(const KaSubOptions& o);
+int RunPredict(const KaSubOptions& o);

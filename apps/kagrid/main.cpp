@@ -10,12 +10,14 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
 #include <gdal.h>
 
+#include "apps/kagrid/KaBlockOption.h"
 #include "apps/kagrid/KaOptions.h"
 #include "io/KaCrs.h"
 #include "io/KaGridPipeline.h"
@@ -55,6 +57,7 @@ const std::string& Usage()
         "       kagrid cross-validate METHOD INPUT [options]   leave-one-out statistics\n"
         "       kagrid variogram INPUT [options]               experimental variogram and fit\n"
         "       kagrid tune METHOD INPUT [options]             settings chosen by cross-validation\n"
+        "       kagrid predict METHOD INPUT LOCATIONS OUTPUT   estimates at the points of LOCATIONS\n"
         "\n"
         "INPUT   points: CSV or whitespace-separated x y z text, or any vector file GDAL reads;\n"
         "        a raster GDAL reads: its nodes become the samples\n"
@@ -68,6 +71,7 @@ struct Options {
     std::string method, input, output, format, preview, mesh, paramsFile, stdDev, stdDevPreview;
     std::string methodFilter;  // kagrid methods METHOD
     std::string crs, dataType;
+    std::string blockStatistic, blockCell;  // --block STAT CELL
     std::vector<std::string> creationOptions;
     KaGridRequest grid;
     std::vector<std::string> settings;
@@ -114,6 +118,11 @@ Options ParseArguments(int argc, char** argv)
     o.mesh = p.Value("--mesh");
     o.stdDev = p.Value("--stddev");
     o.stdDevPreview = p.Value("--stddev-preview");
+    if (p.Has("--block")) {
+        const std::vector<std::string> block = p.Values("--block");  // the last STAT CELL given
+        o.blockStatistic = block[block.size() - 2];
+        o.blockCell = block.back();
+    }
     o.xColumnGiven = p.Has("--x"), o.yColumnGiven = p.Has("--y"), o.zColumnGiven = p.Has("--z");
     if (o.xColumnGiven) o.columns.x = p.Value("--x");
     if (o.yColumnGiven) o.columns.y = p.Value("--y");
@@ -221,6 +230,8 @@ int Run(const Options& o)
     if (!o.mesh.empty() && !method->can.mesh) Usage("--mesh: only the triangulation method makes a mesh");
     // Checked before the input is read: a typo here should not wait for a large file.
     const std::string crs = o.crs.empty() ? std::string() : CrsFromDefinition(o.crs);
+    std::optional<KaBlockOption> block;
+    if (!o.blockStatistic.empty()) block = ParseBlockOption(o.blockStatistic, o.blockCell);
     auto note = [&](const std::string& text) {
         if (!o.quiet) std::fprintf(stderr, "kagrid: %s\n", text.c_str());
     };
@@ -296,6 +307,7 @@ int Run(const Options& o)
     std::unique_ptr<KaSampleList> samples(raw);
     if (samples->empty()) throw KaIoError(o.input, "no samples");
     input.reset();  // the samples hold everything needed from here on
+    if (block) note(ReduceToBlocks(*block, *record, samples));
     if (o.tune) record = TuneForGridding(*method, std::move(record), given, *samples, o.threads, o.quiet);
 
     KaProgress progress(o.quiet);

@@ -33,9 +33,12 @@ std::vector<KaVariogramLag> KaExperimentalVariogram(const std::vector<Ka3DPoint>
         for (std::size_t j = 0; j < i; ++j) {
             const double dx = points[i].x - points[j].x, dy = points[i].y - points[j].y;
             const double d = std::sqrt(dx * dx + dy * dy);
-            if (!(d < o.cutoff)) continue;
+            if (!(d <= o.cutoff)) continue;
             if (o.directional && d > 0 && std::fabs(dx * ux + dy * uy) < cosTol * d) continue;
-            const std::size_t k = std::min(static_cast<std::size_t>(d / o.width), nLags - 1);
+            // Lags are closed above, as gstat's: ((k - 1) w, k w], a pair at
+            // exactly k w in lag k - 1 (counted from 0), zero distance in the first.
+            const double upper = d > 0 ? std::ceil(d / o.width) : 1.0;
+            const std::size_t k = std::min(static_cast<std::size_t>(upper) - 1, nLags - 1);
             const double dz = points[i].z - points[j].z;
             sumD[k] += d;
             sumG[k] += dz * dz;

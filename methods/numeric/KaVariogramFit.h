@@ -24,8 +24,8 @@ struct KaVariogramOptions {
 };
 
 // The classical estimator over every pair of points: pair (i, j) at distance
-// d falls in lag floor(d / width) when d < cutoff (d = 0 in the first);
-// lags without pairs are left out. With a direction, only pairs whose
+// d falls in lag k (from 0) when k w < d <= (k + 1) w and d <= cutoff, as gstat
+// bins them (d = 0 in the first); lags without pairs are left out. With a direction, only pairs whose
 // azimuth lies within the tolerance of it (or of its opposite) count.
 // Throws std::invalid_argument for a non-positive cutoff or width.
 std::vector<KaVariogramLag> KaExperimentalVariogram(const std::vector<Ka3DPoint>& points,

@@ -1,0 +1,244 @@
+// kagrid predict: estimates, and standard deviations, at arbitrary locations
+// through the method's own estimator (a location on a node of the gridding
+// run's lattice gets that node's value).
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <stdexcept>
+
+#include <ogrsf_frmts.h>
+
+#include "io/KaGridRequest.h"
+#include "apps/kagrid/KaProgress.h"
+#include "apps/kagrid/KaRunSetup.h"
+#include "apps/kagrid/KaSubcommands.h"
+#include "io/KaIoError.h"
+#include "io/KaIoSupport.h"
+#include "io/KaParamJson.h"
+#include "io/KaPointTableWriter.h"
+#include "io/KaRasterIo.h"
+#include "methods/KaEstNaturalNeighbor.h"
+#include "methods/KaPredict.h"
+#include "search/KaEstGridSearcher.h"
+#include "tune/KaLeaveOneOut.h"
+
+namespace {
+
+struct Locations {
+    std::vector<double> x, y;
+};
+
+// The x and y of every point of a vector file (2D or 3D geometry).
+Locations ReadVectorLocations(const std::string& path)
+{
+    kaio::CheckInputFile(path);
+    kaio::GdalErrorCapture errors;
+    GDALDatasetUniquePtr ds(GDALDataset::Open(path.c_str(), GDAL_OF_VECTOR | GDAL_OF_READONLY));
+    if (!ds) throw KaIoError(path, errors.Message("not a vector file GDAL reads"));
+    Locations out;
+    for (OGRLayer* layer : ds->GetLayers()) {
+        for (const auto& f : *layer) {
+            const OGRGeometry* g = f->GetGeometryRef();
+            if (!g) continue;
+            auto add = [&](const OGRPoint& p) {
+                if (!std::isfinite(p.getX()) || !std::isfinite(p.getY()))
+                    throw KaIoError(path, "feature " + std::to_string(f->GetFID()) + " is not a finite point");
+                out.x.push_back(p.getX());
+                out.y.push_back(p.getY());
+            };
+            switch (wkbFlatten(g->getGeometryType())) {
+            case wkbPoint:
+                add(*g->toPoint());
+                break;
+            case wkbMultiPoint:
+                for (const OGRPoint* p : *g->toMultiPoint()) add(*p);
+                break;
+            default:
+                throw KaIoError(path, "feature " + std::to_string(f->GetFID()) + " is a " +
+                                          OGRGeometryTypeToName(g->getGeometryType()) + ", not a point");
+            }
+        }
+    }
+    return out;
+}
+
+// Text: x and y by --locations-x/--locations-y, else guessed from the header
+// as for the samples; z is not read (the x column stands in for it).
+Locations ReadLocations(const std::string& path, const KaSubOptions& o)
+{
+    if (!LooksLikeTextPoints(path)) {
+        Locations l = ReadVectorLocations(path);
+        if (l.x.empty()) throw KaIoError(path, "no points");
+        return l;
+    }
+    KaPointColumns columns;
+    columns.x = o.Has("--locations-x") ? o.Value("--locations-x") : "1";
+    columns.y = o.Has("--locations-y") ? o.Value("--locations-y") : "2";
+    if (!o.Has("--locations-x") || !o.Has("--locations-y")) {
+        const KaPointColumnGuess guess = GuessPointColumns(PeekPointColumns(path));
+        if (!o.Has("--locations-x") && guess.column[0] >= 0) columns.x = std::to_string(guess.column[0] + 1);
+        if (!o.Has("--locations-y") && guess.column[1] >= 0) columns.y = std::to_string(guess.column[1] + 1);
+    }
+    columns.z = columns.x;
+    Locations l;
+    std::vector<Ka3DPoint> points;
+    ReadPointFile(path, columns)->GetScatteredPoints(points);
+    for (const Ka3DPoint& p : points) {
+        l.x.push_back(p.x);
+        l.y.push_back(p.y);
+    }
+    return l;
+}
+
+// A shapefile is several files: written under one hidden temporary stem
+// beside the target, each file renamed to the target's stem when complete.
+void WriteShapefile(const std::string& path, const std::vector<std::string>& columns,
+                    const std::vector<std::vector<double>>& rows)
+{
+    namespace fs = std::filesystem;
+    GDALDriver* driver = GetGDALDriverManager()->GetDriverByName("ESRI Shapefile");
+    if (!driver) throw KaIoError(path, "the GDAL driver ESRI Shapefile is not available");
+    const std::string tmp = kaio::ReserveTemporary(path);
+    const char* parts[] = {".shp", ".shx", ".dbf", ".prj", ".cpg"};
+    auto sibling = [](const std::string& p, const char* ext) { return fs::path(p).replace_extension(ext).string(); };
+    for (const char* ext : parts) kaio::GuardTemporary(sibling(tmp, ext));
+    kaio::GdalErrorCapture errors;
+    auto fail = [&](const std::string& what) {
+        const std::string msg = errors.Message(what);
+        for (const char* ext : parts) {
+            std::error_code ec;
+            fs::remove(sibling(tmp, ext), ec);
+            kaio::ForgetTemporary(sibling(tmp, ext));
+        }
+        throw KaIoError(path, msg);
+    };
+    {
+        std::error_code ec;
+        fs::remove(tmp, ec);  // the reserved name: the driver makes its own files
+        kaio::GdalDatasetPtr ds(driver->Create(tmp.c_str(), 0, 0, 0, GDT_Unknown, nullptr));
+        if (!ds) fail("cannot create the file");
+        OGRLayer* layer = ds->CreateLayer(fs::path(tmp).stem().string().c_str(), nullptr, wkbPoint, nullptr);
+        if (!layer) fail("cannot create the layer");
+        for (std::size_t c = 2; c < columns.size(); ++c) {
+            OGRFieldDefn field(columns[c].c_str(), OFTReal);
+            field.SetWidth(24);
+            field.SetPrecision(15);
+            if (layer->CreateField(&field) != OGRERR_NONE) fail("cannot create the field " + columns[c]);
+        }
+        for (const auto& row : rows) {
+            OGRFeature feature(layer->GetLayerDefn());
+            OGRPoint point(row[0], row[1]);
+            feature.SetGeometry(&point);
+            for (std::size_t c = 2; c < row.size(); ++c)
+                if (std::isnan(row[c])) feature.SetFieldNull(static_cast<int>(c - 2));
+                else feature.SetField(static_cast<int>(c - 2), row[c]);
+            if (layer->CreateFeature(&feature) != OGRERR_NONE) fail("cannot write a point");
+        }
+    }
+    if (errors.Failed()) fail("cannot complete the write");
+    for (const char* ext : parts)
+        if (fs::exists(sibling(tmp, ext))) kaio::CommitTemporary(sibling(tmp, ext), sibling(path, ext));
+}
+
+}  // namespace
+
+int RunPredict(const KaSubOptions& o)
+{
+    if (o.positional.size() < 4) {
+        const char* missing[] = {"no method given", "no INPUT given", "no LOCATIONS given", "no OUTPUT given"};
+        throw KaUsageError{missing[o.positional.size()]};
+    }
+    if (o.positional.size() > 4) throw KaUsageError{"unexpected argument " + o.positional[4]};
+    const std::string &input = o.positional[1], &locationsPath = o.positional[2], &output = o.positional[3];
+    const KaMethodInfo* found = FindMethod(o.positional[0]);
+    if (!found) throw KaUsageError{"unknown method '" + o.positional[0] + "' (one of: " + MethodNames() + ")"};
+    // Natural neighbour is drawn by its own job but estimates position by position.
+    KaMethodInfo method = *found;
+    if (dynamic_cast<KaEstNaturalNeighbor*>(method.makeEstimator().get())) method.makeJob = nullptr;
+    if (method.makeJob)
+        throw KaParamError(std::string(method.key) + " draws its grid as a whole and cannot estimate at single "
+                           "locations; grid it and sample the grid instead");
+    unsigned threads = 0;
+    try {
+        threads = KaThreadCount(o.Value("--threads"));
+    } catch (const std::invalid_argument& e) {
+        throw KaUsageError{e.what()};
+    }
+    const bool withStdDev = o.Has("--stddev");
+    if (withStdDev && !method.makeEstimator()->FormsStdDev())
+        throw KaParamError(std::string("--stddev: ") + method.key + " forms no kriging variance");
+    CheckDistinctOutputs({{"INPUT", input}, {"LOCATIONS", locationsPath}, {"OUTPUT", output}});
+    CheckWritable(output);
+
+    KaRunSetup setup = PrepareRun(method, input, o.columns, o.given, o.paramsFile, o.settings);
+    // The lattice decides the ring walk's buckets, so a location on a node
+    // takes the node's value only with the gridding run's lattice: the same
+    // options, with --params and --set again on top as in a gridding run.
+    KaGridRequest lattice{o.Value("--bounds"), o.Value("--cell"), o.Value("--size"), o.Value("--like")};
+    if (lattice.Any()) {
+        ApplyGridRequest(lattice, *setup.record, setup.given);
+        if (!o.paramsFile.empty()) ApplyJson(*setup.record, ReadParamFile(o.paramsFile), o.paramsFile);
+        for (const std::string& s : o.settings) ApplySetting(*setup.record, s);
+        const std::string invalid = ValidateForRun(*setup.record);
+        if (!invalid.empty()) throw KaParamError("invalid parameter " + invalid);
+    }
+    std::unique_ptr<KaSampleList> samples = TakeSamples(*setup.input, input);
+    setup.input.reset();
+    const Locations at = ReadLocations(locationsPath, o);
+
+    // Locations beyond the samples' extent are refused unless asked for: a
+    // misplaced file (another coordinate system, swapped columns) shows here.
+    if (!o.Has("--outside")) {
+        double x0 = 1e308, x1 = -1e308, y0 = 1e308, y1 = -1e308;
+        for (const KaSample& s : *samples)
+            x0 = std::min(x0, s.point.x), x1 = std::max(x1, s.point.x), y0 = std::min(y0, s.point.y),
+            y1 = std::max(y1, s.point.y);
+        for (std::size_t i = 0; i < at.x.size(); ++i)
+            if (!(at.x[i] >= x0 && at.x[i] <= x1 && at.y[i] >= y0 && at.y[i] <= y1)) {
+                char where[160];
+                std::snprintf(where, sizeof where, "location %zu (%.10g, %.10g) lies outside the samples' extent "
+                              "x %.10g .. %.10g, y %.10g .. %.10g", i + 1, at.x[i], at.y[i], x0, x1, y0, y1);
+                throw KaIoError(locationsPath, std::string(where) + " (--outside estimates it anyway)");
+            }
+    }
+
+    const double blank = setup.record->blankValue;
+    KaProgress progress(o.quiet);
+    progress.Percent(0, "Predicting");
+    KaPrediction p;
+    try {
+        p = KaPredictAt(method, std::move(setup.record), *samples, at.x, at.y, withStdDev, threads,
+                        [&](std::size_t done) {
+                            progress.Percent(static_cast<int>(done * 100.0 / std::max<std::size_t>(at.x.size(), 1)),
+                                             "Predicting");
+                            return true;
+                        });
+    } catch (const KaSearchError& e) {
+        progress.Finish();
+        throw std::runtime_error(std::string("the search failed: ") + e.what());
+    }
+    progress.Finish();
+
+    std::vector<std::string> columns = {"x", "y", "z"};
+    if (withStdDev) columns.push_back("stddev");
+    std::vector<std::vector<double>> rows;
+    rows.reserve(at.x.size());
+    std::size_t estimated = 0;
+    for (std::size_t i = 0; i < at.x.size(); ++i) {
+        // Blank and non-finite estimates are written empty (a null attribute).
+        const bool has = std::fabs(p.z[i] - blank) > 1e-20 && std::isfinite(p.z[i]);
+        estimated += has;
+        rows.push_back({at.x[i], at.y[i], has ? p.z[i] : std::nan("")});
+        if (withStdDev) rows.back().push_back(has && !p.stdDev.empty() ? p.stdDev[i] : std::nan(""));
+    }
+    if (kaio::Lower(std::filesystem::path(output).extension().string()) == ".shp")
+        WriteShapefile(output, columns, rows);
+    else
+        WritePointTable(output, columns, rows);
+    if (!o.quiet)
+        std::fprintf(stderr, "kagrid predict: %zu locations, %zu estimated; wrote %s\n", at.x.size(), estimated,
+                     output.c_str());
+    return 0;
+}
