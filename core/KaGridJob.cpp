@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "core/KaBlank.h"
 #include "platform/kadata/KaEventsLog.h"
 #include "search/KaEstGridSearcher.h"
 
@@ -135,7 +136,7 @@ bool KaGridJob::EstimateSurface(KaSurface* surface)
         const double blank = p.blankValue;
         double sMin = kKaMaxDouble, sMax = -kKaMaxDouble;
         for (std::size_t i = 0; i < static_cast<std::size_t>(cols) * rows; ++i)
-            if (std::fabs(sd.data[i] - blank) > 1e-20) sMin = std::min(sMin, sd.data[i]), sMax = std::max(sMax, sd.data[i]);
+            if (KaHasValue(sd.data[i], blank)) sMin = std::min(sMin, sd.data[i]), sMax = std::max(sMax, sd.data[i]);
         SetSurfaceLimits(*stdDev_, sMin, sMax);
         if (!stdDev_->SetGridDataArray(std::move(sd))) stdDev_.reset();
     }
@@ -174,14 +175,14 @@ void EstimateRow(KaEstimatorGrid& e, const KaEstimatorGridParam& p, uint32_t r, 
     double zMin = zMinOut, zMax = zMaxOut;
     for (uint32_t c = 0; c < cols; ++c) {
         const double v = e.EstimateAt(c * dx + p.xMin, y);
-        if (std::fabs(v - blank) > 1e-20) {
+        if (KaHasValue(v, blank)) {
             zMax = std::max(zMax, v);
             zMin = std::min(zMin, v);
         }
         row[c] = v;
         if (sdRow) {
             const double s = e.NodeStdDev();
-            if (std::fabs(v - blank) > 1e-20 && !std::isnan(s)) sdRow[c] = s;
+            if (KaHasValue(v, blank) && !std::isnan(s)) sdRow[c] = s;
         }
     }
     zMinOut = zMin;

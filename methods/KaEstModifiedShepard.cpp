@@ -2,6 +2,7 @@
 
 #include <cmath>
 
+#include "core/KaBlank.h"
 #include "core/KaFieldVisitor.h"
 #include "methods/KaEstLocalPolynomial.h"
 
@@ -48,6 +49,7 @@ double KaEstModifiedShepard::EstimateNode(double x, double y)
         quadratic_->SetParam(std::move(inner));
     }
     double v = quadratic_->EstimateFromNeighbours(neighbours_, x, y);
-    if (std::fabs(v - p->blankValue) < 1e-15) v = WeightedAverage(neighbours_, x, y);
+    // kept: a looser tolerance here
+    if (KaIsBlank(v, p->blankValue, 1e-15)) v = WeightedAverage(neighbours_, x, y);
     return v;
 }

@@ -5,6 +5,7 @@
 #include <thread>
 #include <vector>
 
+#include "core/KaBlank.h"
 #include "methods/KaEstLinearTriangulation.h"
 #include "platform/kadata/KaDelaunayTriangle.h"
 
@@ -39,7 +40,9 @@ bool KaTriangulationJob::EstimateSurface(KaSurface* surface)
     std::vector<Ka3DPoint> points;
     points.reserve(samples_->size());
     for (const KaSample& s : *samples_)
-        if (std::fabs(s.point.z - p->originalInvalidValue) >= 1e-20) points.push_back(s.point);
+        // kept: a NaN z is dropped as well
+        if (!KaIsBlank(s.point.z, p->originalInvalidValue) && !std::isnan(s.point.z - p->originalInvalidValue))
+            points.push_back(s.point);
     mesh->SetScatteredPoint(points);
     const std::size_t usable = mesh->UsedPoints().size();
     std::vector<Ka3DPoint>().swap(points);
@@ -93,7 +96,7 @@ bool KaTriangulationJob::EstimateSurface(KaSurface* surface)
     const double blank = p->blankValue;
     for (std::size_t i = 0, n = matrix.Size(); i < n; ++i) {
         const double v = matrix.data[i];
-        if (std::fabs(v - blank) > 1e-20) {
+        if (KaHasValue(v, blank)) {
             zMax = std::max(zMax, v);
             zMin = std::min(zMin, v);
         }

@@ -3,6 +3,7 @@
 #include <cmath>
 
 #include "KaTestSupport.h"
+#include "core/KaBlank.h"
 #include "core/KaRecordFill.h"
 #include "methods/KaEstInverseDistance.h"
 #include "methods/KaEstMovingAverage.h"
@@ -68,6 +69,30 @@ TEST(SampleList, PointsKeepOrderAndDuplicatesAndOldListIsDeletedEvenOnFailure)
     ASSERT_TRUE(BuildSampleList(list, &none));  // an empty set is not an error here
     EXPECT_TRUE(list->empty());
     delete list;
+}
+
+TEST(Blank, TheThreeTestsPartOnNaNInfinityAndTheToleranceItself)
+{
+    // Each caller keeps its own form: a NaN estimate is neither blank nor a
+    // value for the job, and blank for a picture.
+    const double b = 1.70141e38, inf = HUGE_VAL, nan = std::nan("");
+    struct Case {
+        double v, blank;
+        bool isBlank, hasValue, isBlankNode;
+    } const cases[] = {
+        {b, b, true, false, true},         {b * (1 + 1e-15), b, false, true, false},
+        {1e-20, 0, false, false, true},    {5e-21, 0, true, false, true},
+        {nan, b, false, false, true},      {1, nan, false, false, false},
+        {inf, b, false, true, true},       {inf, inf, false, false, true},
+        {-3.5, b, false, true, false},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::to_string(c.v) + " against " + std::to_string(c.blank));
+        EXPECT_EQ(KaIsBlank(c.v, c.blank), c.isBlank);
+        EXPECT_EQ(KaHasValue(c.v, c.blank), c.hasValue);
+        EXPECT_EQ(KaIsBlankNode(c.v, c.blank), c.isBlankNode);
+    }
+    EXPECT_TRUE(KaIsBlank(1e-16, 0, 1e-15));
 }
 
 TEST(Record, ValidationRulesAndSpacings)

@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "core/KaBlank.h"
 #include "io/KaParamJson.h"
 #include "core/KaGridJob.h"
 #include "search/KaEstGridSearcher.h"
@@ -63,7 +64,7 @@ KaLeaveOneOut::KaLeaveOneOut(const KaMethodInfo& method, KaSampleList& samples, 
     KaRequireLeaveOneOut(method);
     std::size_t index = 0;
     for (const KaSample& s : samples) {
-        if (!(std::fabs(s.point.z - invalidValue) < 1e-20)) {
+        if (!KaIsBlank(s.point.z, invalidValue)) {
             points_.push_back(s.point);
             listIndex_.push_back(index);
         }
@@ -130,7 +131,7 @@ std::vector<double> KaLeaveOneOut::Run(KaEstimatorGridParam& record, const std::
                 for (std::size_t i = first; i < last; ++i) {
                     searcher.SetExcludedSample(listIndex_[i]);
                     const double v = searcher.EstimateAt(points_[i].x, points_[i].y);
-                    if (std::fabs(v - blank) > 1e-20) estimated[i] = v;
+                    if (KaHasValue(v, blank)) estimated[i] = v;
                 }
                 done += last - first;
             }
