@@ -12,6 +12,21 @@
 #include "platform/kadata/KaEventsLog.h"
 #include "search/KaEstGridSearcher.h"
 
+std::string KaProgressText(const KaJobProgress& progress)
+{
+    switch (progress.id) {
+    case KaProgressId::None:
+        break;
+    case KaProgressId::CreatingSearchGrid:
+        return "Creating Searching Grid";
+    case KaProgressId::Estimating:
+        return "Estimating";
+    case KaProgressId::EstimatedRows:
+        return "Estimated " + std::to_string(progress.row) + " Rows";
+    }
+    return {};
+}
+
 KaGridJob::KaGridJob(KaJobObserver* observer) : observer_(observer) {}
 
 KaGridJob::~KaGridJob()
@@ -42,7 +57,7 @@ bool KaGridJob::StartEstimate(std::unique_ptr<KaEstimatorGridParam> record,
 
 std::unique_ptr<KaSurface> KaGridJob::Run()
 {
-    failure_.clear();
+    failure_ = {};
     Message("Ready to griding");
     if (!estimator_ || !estimator_->GetParam() || !estimator_->GetParam()->IsValid()) return nullptr;
     Message("Initial Parameter");
@@ -82,9 +97,9 @@ bool KaGridJob::EstimateSurface(KaSurface* surface)
     auto* searcher = dynamic_cast<KaEstGridSearcher*>(estimator_.get());
     if (!searcher || !dynamic_cast<KaEstGridSearcherParam*>(searcher->GetParam()) ||
         !searcher->GetParam()->IsValid()) {
-        failure_ = "the method has no neighbourhood search, and the row-by-row gridding job "
-                   "produces no surface for it";
-        return false;
+        return Fail(KaJobFailureKind::NoNodeEstimator,
+                    "the method has no neighbourhood search, and the row-by-row gridding job "
+                    "produces no surface for it");
     }
     Message("Initial Parameter");
 
@@ -93,8 +108,7 @@ bool KaGridJob::EstimateSurface(KaSurface* surface)
     KaTDataMatrix2D<double> matrix(kKaMaxDouble);
     if (!matrix.Create(cols, rows)) {
         OutputEventsLog(3, "Fail to allocate memory to 2D data matrix.");
-        failure_ = "Fail to allocate memory to 2D data matrix.";
-        return false;
+        return Fail(KaJobFailureKind::OutOfMemory, "Fail to allocate memory to 2D data matrix.");
     }
     matrix.Fill(surface->GetInvalidValue());
 
@@ -102,18 +116,16 @@ bool KaGridJob::EstimateSurface(KaSurface* surface)
     KaTDataMatrix2D<double> sd(kKaMaxDouble);
     const bool withStdDev = collectStdDev_ && searcher->FormsStdDev();
     if (withStdDev) {
-        if (!sd.Create(cols, rows)) {
-            failure_ = "Fail to allocate memory to 2D data matrix.";
-            return false;
-        }
+        if (!sd.Create(cols, rows))
+            return Fail(KaJobFailureKind::OutOfMemory, "Fail to allocate memory to 2D data matrix.");
         sd.Fill(surface->GetInvalidValue());
     }
 
     const unsigned threads = ThreadsFor(rows);
-    Percent(0, "Creating Searching Grid");
+    Progress(0, KaProgressId::CreatingSearchGrid);
     searcher->SetPreparationThreads(threads);
     searcher->SetSampleList(samples_.get());
-    Percent(0, "Estimating");
+    Progress(0, KaProgressId::Estimating);
 
     std::vector<std::unique_ptr<KaEstimatorGrid>> copies;
     for (unsigned t = 1; t < threads; ++t) {
@@ -155,7 +167,7 @@ void KaGridJob::RowPercent(uint32_t r, uint32_t rows, int& lastPercent)
 {
     const int percent = static_cast<int>(r * 100.0 / rows);
     if (percent != lastPercent) {
-        Percent(percent, "Estimated " + std::to_string(r) + " Rows");
+        Progress(percent, KaProgressId::EstimatedRows, r);
         lastPercent = percent;
     }
 }

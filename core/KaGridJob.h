@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -8,12 +9,45 @@
 #include "platform/kadata/KaDataObject.h"
 #include "platform/kadata/KaTDataMatrix2D.h"
 
+// What a progress step says; KaProgressText gives its (untranslated) text.
+enum class KaProgressId : uint8_t {
+    None,                // "" (the triangulation's steps)
+    CreatingSearchGrid,  // "Creating Searching Grid"
+    Estimating,          // "Estimating"
+    EstimatedRows,       // "Estimated <row> Rows": rows 0 .. row - 1 are done
+};
+
+struct KaJobProgress {
+    int percent = 0;
+    KaProgressId id = KaProgressId::None;
+    uint32_t row = 0;  // for EstimatedRows
+};
+
+std::string KaProgressText(const KaJobProgress& progress);
+
+// Why a job ended without a surface.
+enum class KaJobFailureKind : uint8_t {
+    None,
+    NoNodeEstimator,  // the method has no neighbourhood search for the row-by-row job
+    OutOfMemory,      // the grid (or the standard deviation's) could not be allocated
+    TooFewSamples,    // fewer than three usable samples to triangulate
+    Collinear,        // every usable sample on one line
+    BadSetup,         // no surface, record, samples or estimator of the kind the job needs
+};
+
+struct KaJobFailure {
+    KaJobFailureKind kind = KaJobFailureKind::None;
+    std::string message;  // for people; never to be matched
+};
+
 // Where a job's messages and progress go: the plug-in's thread turns them into
 // its signals, kagrid into a progress bar. Texts are untranslated.
 class KaJobObserver {
 public:
     virtual ~KaJobObserver() = default;
     virtual void Message(const std::string& text) { (void)text; }
+    // Each progress step; by default as Percent with the step's text.
+    virtual void Progress(const KaJobProgress& progress) { Percent(progress.percent, KaProgressText(progress)); }
     virtual void Percent(int percent, const std::string& text) { (void)percent; (void)text; }
     // A data object created for the caller besides the surface (the triangle
     // mesh); ownership passes to the observer.
@@ -57,9 +91,11 @@ public:
     virtual std::unique_ptr<KaEstimatorGrid> CreateEstimator();
     virtual bool EstimateSurface(KaSurface* surface);
 
-    // Why the last Run ended without a surface, when the job knows; empty
-    // otherwise. The job itself stays silent; callers may show it.
-    virtual std::string FailureReason() const { return failure_; }
+    // Why the last Run ended without a surface, when the job knows (kind None
+    // and an empty message otherwise). The job itself stays silent; callers
+    // may show it.
+    const KaJobFailure& Failure() const { return failure_; }
+    virtual std::string FailureReason() const { return failure_.message; }
 
     // When set before Run, an estimator that forms a kriging variance also
     // fills a standard-deviation surface on the same lattice (blank where the
@@ -69,7 +105,16 @@ public:
 
 protected:
     void Message(const std::string& text) { if (observer_) observer_->Message(text); }
-    void Percent(int p, const std::string& text) { if (observer_) observer_->Percent(p, text); }
+    void Progress(int p, KaProgressId id, uint32_t row = 0)
+    {
+        if (observer_) observer_->Progress(KaJobProgress{p, id, row});
+    }
+    // Keeps the failure and answers false.
+    bool Fail(KaJobFailureKind kind, std::string message)
+    {
+        failure_ = {kind, std::move(message)};
+        return false;
+    }
 
     // Sets the surface's z range and limits from the estimated values.
     static void SetSurfaceLimits(KaSurface& surface, double zMin, double zMax);
@@ -88,7 +133,7 @@ protected:
 
     KaJobObserver* observer_;
     unsigned threads_ = 1;
-    std::string failure_;
+    KaJobFailure failure_;
     std::unique_ptr<KaEstimatorGrid> estimator_;
     std::unique_ptr<KaSampleList> samples_;
     bool collectStdDev_ = false;

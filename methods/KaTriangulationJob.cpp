@@ -14,21 +14,15 @@ std::unique_ptr<KaEstimatorGrid> KaTriangulationJob::CreateEstimator()
     return std::make_unique<KaEstLinearTriangulation>();
 }
 
-bool KaTriangulationJob::Fail(std::string reason)
-{
-    failure_ = std::move(reason);
-    return false;
-}
-
 bool KaTriangulationJob::EstimateSurface(KaSurface* surface)
 {
-    if (!surface) return Fail("no output surface");
+    if (!surface) return Fail(KaJobFailureKind::BadSetup, "no output surface");
     auto* estimator = dynamic_cast<KaEstLinearTriangulation*>(estimator_.get());
-    if (!estimator) return Fail("the estimator is not a triangulation estimator");
-    if (!estimator->GetParam()) return Fail("no parameter record");
-    if (!samples_) return Fail("no samples");
+    if (!estimator) return Fail(KaJobFailureKind::BadSetup, "the estimator is not a triangulation estimator");
+    if (!estimator->GetParam()) return Fail(KaJobFailureKind::BadSetup, "no parameter record");
+    if (!samples_) return Fail(KaJobFailureKind::BadSetup, "no samples");
     const auto* p = dynamic_cast<const KaEstLinearTriangulationParam*>(estimator->GetParam());
-    if (!p) return Fail("the parameter record is not a triangulation record");
+    if (!p) return Fail(KaJobFailureKind::BadSetup, "the parameter record is not a triangulation record");
     estimator->SetOutputGrid(surface);
 
     Message("Ready to griding");
@@ -51,18 +45,18 @@ bool KaTriangulationJob::EstimateSurface(KaSurface* surface)
     const std::shared_ptr<const KaTriangleSet> triangles = mesh->GetTriangles();
     if (p->createDelaunayObject && observer_) observer_->CreatedObject(std::move(mesh));
 
-    Percent(0, "Estimating");
+    Progress(0, KaProgressId::Estimating);
     if (!triangles || triangles->empty()) {
         if (usable < 3)
-            return Fail("fewer than three usable samples to triangulate (" + std::to_string(usable) +
+            return Fail(KaJobFailureKind::TooFewSamples, "fewer than three usable samples to triangulate (" + std::to_string(usable) +
                         " after dropping invalid values and repeated positions)");
-        return Fail("all " + std::to_string(usable) + " usable samples lie on one line: no triangles");
+        return Fail(KaJobFailureKind::Collinear, "all " + std::to_string(usable) + " usable samples lie on one line: no triangles");
     }
 
     const uint32_t cols = surface->GetColCount(), rows = surface->GetRowCount();
     KaTDataMatrix2D<double> matrix(kKaMaxDouble);
     if (!matrix.Create(cols, rows))
-        return Fail("cannot allocate the grid of " + std::to_string(cols) + " x " + std::to_string(rows) +
+        return Fail(KaJobFailureKind::OutOfMemory, "cannot allocate the grid of " + std::to_string(cols) + " x " + std::to_string(rows) +
                     " nodes");
     matrix.Fill(surface->GetInvalidValue());
 
@@ -85,7 +79,7 @@ bool KaTriangulationJob::EstimateSurface(KaSurface* surface)
         for (std::size_t k = 0; k < count; ++k) {
             const std::size_t percent = k * 100 / count;
             if (percent != lastPercent) {
-                Percent(static_cast<int>(percent), "");
+                Progress(static_cast<int>(percent), KaProgressId::None);
                 lastPercent = percent;
             }
             estimator->RasterizeTriangle(set[k], matrix, 0, r1);
@@ -104,6 +98,6 @@ bool KaTriangulationJob::EstimateSurface(KaSurface* surface)
     SetSurfaceLimits(*surface, zMin, zMax);
     mesh.reset();  // still held only when the mesh was not asked for
 
-    if (!surface->SetGridDataArray(std::move(matrix))) return Fail("the surface refused the grid");
+    if (!surface->SetGridDataArray(std::move(matrix))) return Fail(KaJobFailureKind::BadSetup, "the surface refused the grid");
     return true;
 }

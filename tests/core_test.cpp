@@ -235,6 +235,54 @@ TEST(Job, AllBlankKeepsExtremeRangeOneRowEmitsOnlyZeroLastPercentNeverHundred)
     EXPECT_EQ(o.percents.size(), 2u + 100u);
 }
 
+TEST(Job, FailuresAreKindsAndProgressStepsCarryTheirRow)
+{
+    // Callers decide by the kind, never by the message's words.
+    struct Case {
+        const char* method;
+        std::vector<Ka3DPoint> points;
+        KaJobFailureKind kind;
+    } const cases[] = {
+        {"inverse-distance", {{0, 0, 1}, {2, 2, 3}}, KaJobFailureKind::None},
+        {"minimum-curvature", {{0, 0, 1}, {2, 2, 3}}, KaJobFailureKind::NoNodeEstimator},
+        {"triangulation", {{0, 0, 1}, {2, 2, 3}}, KaJobFailureKind::TooFewSamples},
+        {"triangulation", {{0, 0, 1}, {1, 1, 3}, {2, 2, 3}}, KaJobFailureKind::Collinear},
+        {"triangulation", {{0, 0, 1}, {2, 0, 3}, {2, 2, 3}}, KaJobFailureKind::None},
+    };
+    struct Steps : katest::RecordingObserver {
+        std::vector<KaJobProgress> steps;
+        void Progress(const KaJobProgress& p) override
+        {
+            steps.push_back(p);
+            KaJobObserver::Progress(p);
+        }
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.method) + " over " + std::to_string(c.points.size()) + " samples");
+        const KaMethodInfo* method = FindMethod(c.method);
+        ASSERT_NE(method, nullptr);
+        auto record = method->makeParam();
+        record->xMax = record->yMax = 2;
+        record->columnCount = record->rowCount = 3;
+        Steps seen;
+        std::unique_ptr<KaGridJob> job = MakeJob(*method, &seen);
+        job->SetEstimator(method->makeEstimator());
+        job->SetSampleList(katest::Samples(c.points));
+        ASSERT_TRUE(job->StartEstimate(std::move(record)));
+        const bool surface = job->Run() != nullptr;
+        EXPECT_EQ(surface, c.kind == KaJobFailureKind::None);
+        EXPECT_EQ(job->Failure().kind, c.kind);
+        EXPECT_EQ(job->Failure().message.empty(), c.kind == KaJobFailureKind::None);
+        ASSERT_EQ(seen.steps.size(), seen.percents.size());
+        for (std::size_t i = 0; i < seen.steps.size(); ++i) {
+            EXPECT_EQ(seen.steps[i].percent, seen.percents[i].first);
+            EXPECT_EQ(KaProgressText(seen.steps[i]), seen.percents[i].second);
+            if (seen.steps[i].id == KaProgressId::EstimatedRows)
+                EXPECT_EQ(seen.percents[i].second, "Estimated " + std::to_string(seen.steps[i].row) + " Rows");
+        }
+    }
+}
+
 TEST(Job, NonSearcherEndsWithoutSurfaceAndStartEstimateQuirk)
 {
     KaGridJob job;

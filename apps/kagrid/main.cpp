@@ -374,7 +374,7 @@ int Run(const Options& o)
     progress.Finish();
     if (!surface) {
         std::string reason = job->FailureReason();
-        if (reason.find("allocate") != std::string::npos) reason = "not enough memory: " + runGridSize;
+        if (job->Failure().kind == KaJobFailureKind::OutOfMemory) reason = "not enough memory: " + runGridSize;
         if (reason.empty()) reason = "the gridding job ended without a surface";
         if (reason.back() == '.') reason.pop_back();
         if (method->note) reason = std::string(method->note) + " (" + reason + ")";
