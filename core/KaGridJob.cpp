@@ -10,7 +10,6 @@
 
 #include "core/KaBlank.h"
 #include "platform/kadata/KaEventsLog.h"
-#include "search/KaEstGridSearcher.h"
 
 std::string KaProgressText(const KaJobProgress& progress)
 {
@@ -94,9 +93,8 @@ bool KaGridJob::EstimateSurface(KaSurface* surface)
 {
     if (!surface) return false;
     Message("Ready to griding");  // kept: said a second time
-    auto* searcher = dynamic_cast<KaEstGridSearcher*>(estimator_.get());
-    if (!searcher || !dynamic_cast<KaEstGridSearcherParam*>(searcher->GetParam()) ||
-        !searcher->GetParam()->IsValid()) {
+    KaEstimatorGrid* searcher = estimator_.get();
+    if (!searcher || !searcher->EstimatesNodeByNode() || !searcher->GetParam()->IsValid()) {
         return Fail(KaJobFailureKind::NoNodeEstimator,
                     "the method has no neighbourhood search, and the row-by-row gridding job "
                     "produces no surface for it");

@@ -23,8 +23,8 @@ void KaEstInverseDistance::SetParam(std::unique_ptr<KaEstimatorGridParam> param)
 double KaEstInverseDistance::EstimateNode(double x, double y)
 {
     double v;
-    if (SearchOrDecide(x, y, neighbours_, v)) return v;
-    return WeightedAverage(neighbours_, x, y);
+    if (SearchOrDecide(x, y, Neighbours(), v)) return v;
+    return WeightedAverage(Neighbours(), x, y);
 }
 
 double KaEstInverseDistance::WeightedAverage(const KaNeighbours& samples, double x, double y)

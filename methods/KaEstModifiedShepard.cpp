@@ -38,7 +38,7 @@ std::unique_ptr<KaEstimatorGrid> KaEstModifiedShepard::CloneForThread() const
 double KaEstModifiedShepard::EstimateNode(double x, double y)
 {
     double decided;
-    if (SearchOrDecide(x, y, neighbours_, decided)) return decided;
+    if (SearchOrDecide(x, y, Neighbours(), decided)) return decided;
 
     const KaEstimatorGridParam* p = GetParam();
     if (!quadratic_) {
@@ -48,8 +48,8 @@ double KaEstModifiedShepard::EstimateNode(double x, double y)
         quadratic_ = std::make_unique<KaEstLocalPolynomial>();
         quadratic_->SetParam(std::move(inner));
     }
-    double v = quadratic_->EstimateFromNeighbours(neighbours_, x, y);
+    double v = quadratic_->EstimateFromNeighbours(Neighbours(), x, y);
     // kept: a looser tolerance here
-    if (KaIsBlank(v, p->blankValue, 1e-15)) v = WeightedAverage(neighbours_, x, y);
+    if (KaIsBlank(v, p->blankValue, 1e-15)) v = WeightedAverage(Neighbours(), x, y);
     return v;
 }
