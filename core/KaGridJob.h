@@ -1,11 +1,13 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "core/KaEstimatorGrid.h"
+#include "core/KaRowDriver.h"
 #include "platform/kadata/KaDataObject.h"
 #include "platform/kadata/KaTDataMatrix2D.h"
 
@@ -88,6 +90,10 @@ public:
     // The count that a setting of 0 stands for: the cores of the machine.
     static unsigned DefaultThreadCount();
 
+    // Asked between rows, on the thread that runs the job; false stops the run,
+    // and Run then throws KaCancelled (for library callers; the plug-in sets none).
+    void SetKeepGoing(std::function<bool()> keepGoing) { keepGoing_ = std::move(keepGoing); }
+
     virtual std::unique_ptr<KaEstimatorGrid> CreateEstimator();
     virtual bool EstimateSurface(KaSurface* surface);
 
@@ -123,16 +129,15 @@ protected:
     void RowPercent(uint32_t r, uint32_t rows, int& lastPercent);
     // `sd`, when not null, receives the standard deviation of each node, laid
     // out like `m`; every row's values come from the estimator of that row.
-    void EstimateRowsInOrder(KaEstimatorGrid& e, const KaEstimatorGridParam& p, KaTDataMatrix2D<double>& m,
-                             double* sd, double& zMin, double& zMax);
-    void EstimateRowsInParallel(KaEstimatorGrid& first, std::vector<std::unique_ptr<KaEstimatorGrid>>& copies,
-                                const KaEstimatorGridParam& p, KaTDataMatrix2D<double>& m, double* sd,
-                                double& zMin, double& zMax);
+    // `workers`: one estimator per thread, the first the job's own.
+    void EstimateRows(const std::vector<KaEstimatorGrid*>& workers, const KaEstimatorGridParam& p,
+                      KaTDataMatrix2D<double>& m, double* sd, double& zMin, double& zMax);
     // Threads to use for `rows` rows: the setting, 0 resolved, at most one per row.
     unsigned ThreadsFor(uint64_t rows) const;
 
     KaJobObserver* observer_;
     unsigned threads_ = 1;
+    std::function<bool()> keepGoing_;
     KaJobFailure failure_;
     std::unique_ptr<KaEstimatorGrid> estimator_;
     std::unique_ptr<KaSampleList> samples_;

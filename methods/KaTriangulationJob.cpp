@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <cmath>
-#include <thread>
 #include <vector>
 
 #include "core/KaBlank.h"
+#include "core/KaRowDriver.h"
 #include "methods/KaEstLinearTriangulation.h"
 #include "platform/kadata/KaDelaunayTriangle.h"
 
@@ -61,20 +61,18 @@ bool KaTriangulationJob::EstimateSurface(KaSurface* surface)
     matrix.Fill(surface->GetInvalidValue());
 
     // Bands of rows, one per thread, each drawing every triangle in the set's
-    // order within its rows: the grid is the one a single pass draws. This
-    // thread draws the first band and reports the progress by triangle.
+    // order within its rows: the grid is the one a single pass draws. The
+    // first band is drawn on this thread, which reports the progress by triangle.
     const KaTriangleSet& set = *triangles;
     const std::size_t count = set.size();
     const unsigned bands = ThreadsFor(rows);
-    auto bandStart = [&](unsigned b) { return static_cast<int64_t>(uint64_t{rows} * b / bands); };
-    {
-        std::vector<std::jthread> pool;
-        for (unsigned b = 1; b < bands; ++b)
-            pool.emplace_back([&, b] {
-                const int64_t r0 = bandStart(b), r1 = bandStart(b + 1);
-                for (std::size_t k = 0; k < count; ++k) estimator->RasterizeTriangle(set[k], matrix, r0, r1);
-            });
-        const int64_t r1 = bandStart(1);
+    auto bandStart = [&](uint64_t b) { return static_cast<int64_t>(uint64_t{rows} * b / bands); };
+    KaRunItems(bands, bands, [&](unsigned, uint64_t b) {
+        const int64_t r0 = bandStart(b), r1 = bandStart(b + 1);
+        if (b != 0) {
+            for (std::size_t k = 0; k < count; ++k) estimator->RasterizeTriangle(set[k], matrix, r0, r1);
+            return;
+        }
         std::size_t lastPercent = 0;  // the 0 sent with "Estimating"
         for (std::size_t k = 0; k < count; ++k) {
             const std::size_t percent = k * 100 / count;
@@ -82,9 +80,9 @@ bool KaTriangulationJob::EstimateSurface(KaSurface* surface)
                 Progress(static_cast<int>(percent), KaProgressId::None);
                 lastPercent = percent;
             }
-            estimator->RasterizeTriangle(set[k], matrix, 0, r1);
+            estimator->RasterizeTriangle(set[k], matrix, r0, r1);
         }
-    }  // joins
+    });
 
     double zMin = kKaMaxDouble, zMax = -kKaMaxDouble;
     const double blank = p->blankValue;
