@@ -108,3 +108,25 @@ TEST(RowDriver, PredictionAtTheNodesIsTheGrid)
                      KaCancelled);
     }
 }
+
+TEST(RowDriver, AJobStopsBetweenRowsWhenItsCallerSaysSo)
+{
+    for (unsigned threads : {1u, 2u}) {
+        const KaMethodInfo* method = FindMethod("inverse-distance");
+        ASSERT_NE(method, nullptr);
+        auto record = method->makeParam();
+        SetGridAndSearch(dynamic_cast<KaEstGridSearcherParam&>(*record), 0, 1, 40, 0.5, 1);
+        RecordingObserver seen;
+        KaGridJob job(&seen);
+        job.SetThreadCount(threads);
+        job.SetEstimator(method->makeEstimator());
+        job.SetSampleList(Samples(RandomPoints(50, 2)));
+        int asked = 0;
+        job.SetKeepGoing([&] { return ++asked <= 5; });
+        ASSERT_TRUE(job.StartEstimate(std::move(record)));
+        EXPECT_THROW(job.Run(), KaCancelled);
+        EXPECT_EQ(asked, 6);  // asked before each of rows 0 .. 5, on the job's thread
+        ASSERT_FALSE(seen.percents.empty());
+        EXPECT_EQ(seen.percents.back().second, "Estimated 5 Rows");
+    }
+}
