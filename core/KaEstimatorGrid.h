@@ -38,6 +38,10 @@ public:
     // shared parts must not change while the copies estimate.
     virtual std::unique_ptr<KaEstimatorGrid> CloneForThread() const { return nullptr; }
 
+    // Whether the row-by-row job can grid with this estimator and its record:
+    // true for the searching methods holding a search record.
+    virtual bool EstimatesNodeByNode() const { return false; }
+
     // Threads SetSampleList may use to prepare (1, the default, starts none).
     // What is prepared is the same whatever the count.
     void SetPreparationThreads(unsigned count) { preparationThreads_ = count < 1 ? 1 : count; }

@@ -1,15 +1,28 @@
 #include "core/KaGridJob.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cmath>
-#include <exception>
-#include <mutex>
 #include <thread>
 #include <vector>
 
+#include "core/KaBlank.h"
+#include "core/KaRowDriver.h"
 #include "platform/kadata/KaEventsLog.h"
-#include "search/KaEstGridSearcher.h"
+
+std::string KaProgressText(const KaJobProgress& progress)
+{
+    switch (progress.id) {
+    case KaProgressId::None:
+        break;
+    case KaProgressId::CreatingSearchGrid:
+        return "Creating Searching Grid";
+    case KaProgressId::Estimating:
+        return "Estimating";
+    case KaProgressId::EstimatedRows:
+        return "Estimated " + std::to_string(progress.row) + " Rows";
+    }
+    return {};
+}
 
 KaGridJob::KaGridJob(KaJobObserver* observer) : observer_(observer) {}
 
@@ -41,7 +54,7 @@ bool KaGridJob::StartEstimate(std::unique_ptr<KaEstimatorGridParam> record,
 
 std::unique_ptr<KaSurface> KaGridJob::Run()
 {
-    failure_.clear();
+    failure_ = {};
     Message("Ready to griding");
     if (!estimator_ || !estimator_->GetParam() || !estimator_->GetParam()->IsValid()) return nullptr;
     Message("Initial Parameter");
@@ -78,12 +91,11 @@ bool KaGridJob::EstimateSurface(KaSurface* surface)
 {
     if (!surface) return false;
     Message("Ready to griding");  // kept: said a second time
-    auto* searcher = dynamic_cast<KaEstGridSearcher*>(estimator_.get());
-    if (!searcher || !dynamic_cast<KaEstGridSearcherParam*>(searcher->GetParam()) ||
-        !searcher->GetParam()->IsValid()) {
-        failure_ = "the method has no neighbourhood search, and the row-by-row gridding job "
-                   "produces no surface for it";
-        return false;
+    KaEstimatorGrid* searcher = estimator_.get();
+    if (!searcher || !searcher->EstimatesNodeByNode() || !searcher->GetParam()->IsValid()) {
+        return Fail(KaJobFailureKind::NoNodeEstimator,
+                    "the method has no neighbourhood search, and the row-by-row gridding job "
+                    "produces no surface for it");
     }
     Message("Initial Parameter");
 
@@ -92,8 +104,7 @@ bool KaGridJob::EstimateSurface(KaSurface* surface)
     KaTDataMatrix2D<double> matrix(kKaMaxDouble);
     if (!matrix.Create(cols, rows)) {
         OutputEventsLog(3, "Fail to allocate memory to 2D data matrix.");
-        failure_ = "Fail to allocate memory to 2D data matrix.";
-        return false;
+        return Fail(KaJobFailureKind::OutOfMemory, "Fail to allocate memory to 2D data matrix.");
     }
     matrix.Fill(surface->GetInvalidValue());
 
@@ -101,18 +112,16 @@ bool KaGridJob::EstimateSurface(KaSurface* surface)
     KaTDataMatrix2D<double> sd(kKaMaxDouble);
     const bool withStdDev = collectStdDev_ && searcher->FormsStdDev();
     if (withStdDev) {
-        if (!sd.Create(cols, rows)) {
-            failure_ = "Fail to allocate memory to 2D data matrix.";
-            return false;
-        }
+        if (!sd.Create(cols, rows))
+            return Fail(KaJobFailureKind::OutOfMemory, "Fail to allocate memory to 2D data matrix.");
         sd.Fill(surface->GetInvalidValue());
     }
 
     const unsigned threads = ThreadsFor(rows);
-    Percent(0, "Creating Searching Grid");
+    Progress(0, KaProgressId::CreatingSearchGrid);
     searcher->SetPreparationThreads(threads);
     searcher->SetSampleList(samples_.get());
-    Percent(0, "Estimating");
+    Progress(0, KaProgressId::Estimating);
 
     std::vector<std::unique_ptr<KaEstimatorGrid>> copies;
     for (unsigned t = 1; t < threads; ++t) {
@@ -122,11 +131,10 @@ bool KaGridJob::EstimateSurface(KaSurface* surface)
             break;
         }
     }
+    std::vector<KaEstimatorGrid*> workers{searcher};
+    for (auto& c : copies) workers.push_back(c.get());
     double zMin = kKaMaxDouble, zMax = -kKaMaxDouble;
-    if (copies.empty())
-        EstimateRowsInOrder(*searcher, p, matrix, withStdDev ? sd.data : nullptr, zMin, zMax);
-    else
-        EstimateRowsInParallel(*searcher, copies, p, matrix, withStdDev ? sd.data : nullptr, zMin, zMax);
+    EstimateRows(workers, p, matrix, withStdDev ? sd.data : nullptr, zMin, zMax);
     SetSurfaceLimits(*surface, zMin, zMax);
     if (withStdDev) {
         stdDev_ = std::make_unique<KaSurface>();
@@ -135,7 +143,7 @@ bool KaGridJob::EstimateSurface(KaSurface* surface)
         const double blank = p.blankValue;
         double sMin = kKaMaxDouble, sMax = -kKaMaxDouble;
         for (std::size_t i = 0; i < static_cast<std::size_t>(cols) * rows; ++i)
-            if (std::fabs(sd.data[i] - blank) > 1e-20) sMin = std::min(sMin, sd.data[i]), sMax = std::max(sMax, sd.data[i]);
+            if (KaHasValue(sd.data[i], blank)) sMin = std::min(sMin, sd.data[i]), sMax = std::max(sMax, sd.data[i]);
         SetSurfaceLimits(*stdDev_, sMin, sMax);
         if (!stdDev_->SetGridDataArray(std::move(sd))) stdDev_.reset();
     }
@@ -154,7 +162,7 @@ void KaGridJob::RowPercent(uint32_t r, uint32_t rows, int& lastPercent)
 {
     const int percent = static_cast<int>(r * 100.0 / rows);
     if (percent != lastPercent) {
-        Percent(percent, "Estimated " + std::to_string(r) + " Rows");
+        Progress(percent, KaProgressId::EstimatedRows, r);
         lastPercent = percent;
     }
 }
@@ -174,14 +182,14 @@ void EstimateRow(KaEstimatorGrid& e, const KaEstimatorGridParam& p, uint32_t r, 
     double zMin = zMinOut, zMax = zMaxOut;
     for (uint32_t c = 0; c < cols; ++c) {
         const double v = e.EstimateAt(c * dx + p.xMin, y);
-        if (std::fabs(v - blank) > 1e-20) {
+        if (KaHasValue(v, blank)) {
             zMax = std::max(zMax, v);
             zMin = std::min(zMin, v);
         }
         row[c] = v;
         if (sdRow) {
             const double s = e.NodeStdDev();
-            if (std::fabs(v - blank) > 1e-20 && !std::isnan(s)) sdRow[c] = s;
+            if (KaHasValue(v, blank) && !std::isnan(s)) sdRow[c] = s;
         }
     }
     zMinOut = zMin;
@@ -190,88 +198,26 @@ void EstimateRow(KaEstimatorGrid& e, const KaEstimatorGridParam& p, uint32_t r, 
 
 }  // namespace
 
-void KaGridJob::EstimateRowsInOrder(KaEstimatorGrid& e, const KaEstimatorGridParam& p, KaTDataMatrix2D<double>& m,
-                                    double* sd, double& zMin, double& zMax)
-{
-    int lastPercent = -1;
-    for (uint32_t r = 0; r < m.rowCount; ++r) {
-        RowPercent(r, m.rowCount, lastPercent);
-        const std::size_t at = static_cast<std::size_t>(r) * m.columnCount;
-        EstimateRow(e, p, r, m.columnCount, m.data + at, sd ? sd + at : nullptr, zMin, zMax);
-    }
-}
-
-// Rows are handed out one at a time from a shared counter; each thread writes
-// only its own rows and its own estimator's storage. Progress for row r is
-// sent, on this thread, once rows 0 .. r - 1 are done, so the observer sees the
-// sequence of the single-threaded loop. The z range is kept per row and folded
-// in row order afterwards, which gives the same extremes, bit for bit, as the
-// single loop. A failing node stops further rows from being handed out; the
-// failure of the lowest row is the one reported, as the single loop would.
-void KaGridJob::EstimateRowsInParallel(KaEstimatorGrid& first, std::vector<std::unique_ptr<KaEstimatorGrid>>& copies,
-                                       const KaEstimatorGridParam& p, KaTDataMatrix2D<double>& m, double* sd,
-                                       double& zMin, double& zMax)
+// Every row from the estimator of the worker that takes it (its own
+// workspace); the z range is kept per row and folded in row order afterwards,
+// which gives the extremes of one loop over the grid, bit for bit.
+void KaGridJob::EstimateRows(const std::vector<KaEstimatorGrid*>& workers, const KaEstimatorGridParam& p,
+                             KaTDataMatrix2D<double>& m, double* sd, double& zMin, double& zMax)
 {
     const uint32_t rows = m.rowCount, cols = m.columnCount;
     std::vector<double> rowMin(rows, kKaMaxDouble), rowMax(rows, -kKaMaxDouble);
-    std::unique_ptr<std::atomic<bool>[]> done(new std::atomic<bool>[rows]);
-    for (uint32_t r = 0; r < rows; ++r) done[r].store(false, std::memory_order_relaxed);
-    std::atomic<uint32_t> next{0};
-    std::atomic<bool> stop{false};
-    std::mutex failureLock;  // taken only when a node fails
-    uint32_t failedRow = rows;
-    std::exception_ptr failure;
-
-    // Takes the next row and estimates it with `e`; false when no row is left
-    // or a node failed.
-    auto oneRow = [&](KaEstimatorGrid& e) {
-        if (stop.load(std::memory_order_relaxed)) return false;
-        const uint32_t r = next.fetch_add(1, std::memory_order_relaxed);
-        if (r >= rows) return false;
-        try {
-            const std::size_t at = static_cast<std::size_t>(r) * cols;
-            EstimateRow(e, p, r, cols, m.data + at, sd ? sd + at : nullptr, rowMin[r], rowMax[r]);
-        } catch (...) {
-            std::lock_guard<std::mutex> lock(failureLock);
-            if (r < failedRow) {
-                failedRow = r;
-                failure = std::current_exception();
-            }
-            stop.store(true, std::memory_order_relaxed);
-            return false;
-        }
-        done[r].store(true, std::memory_order_release);
-        return true;
-    };
-
     int lastPercent = -1;
-    uint32_t announced = 0;  // progress sent for rows below this
-    auto announce = [&](bool all) {
-        while (announced < rows && (announced == 0 || done[announced - 1].load(std::memory_order_acquire)) &&
-               (all || announced < next.load(std::memory_order_relaxed)))
-            RowPercent(announced++, rows, lastPercent);
-    };
-    {
-        std::vector<std::jthread> pool;
-        pool.reserve(copies.size());
-        for (auto& c : copies)
-            pool.emplace_back([&oneRow, e = c.get()] {
-                while (oneRow(*e)) {
-                }
-            });
-        // This thread works too, and reports progress between its rows. An
-        // observer that throws (a caller stopping the job) hands out no more rows.
-        try {
-            do {
-                announce(false);
-            } while (oneRow(first));
-        } catch (...) {
-            stop.store(true, std::memory_order_relaxed);
-            throw;
-        }
-    }  // joins
-    announce(true);
-    if (failure) std::rethrow_exception(failure);
+    KaRunItems(
+        rows, static_cast<unsigned>(workers.size()),
+        [&](unsigned w, uint64_t r) {
+            const std::size_t at = static_cast<std::size_t>(r) * cols;
+            EstimateRow(*workers[w], p, static_cast<uint32_t>(r), cols, m.data + at, sd ? sd + at : nullptr,
+                        rowMin[r], rowMax[r]);
+        },
+        [&](uint64_t r) {
+            RowPercent(static_cast<uint32_t>(r), rows, lastPercent);
+            return !keepGoing_ || keepGoing_();
+        });
     for (uint32_t r = 0; r < rows; ++r) {
         zMax = std::max(zMax, rowMax[r]);
         zMin = std::min(zMin, rowMin[r]);

@@ -1,6 +1,5 @@
 #include "host/KaThreadEstimator2D.h"
 
-#include <QRegularExpression>
 #include <exception>
 
 #include "core/KaEstimatorGrid.h"
@@ -93,17 +92,18 @@ void KaThreadEstimator2D::run()
     QT_TRANSLATE_NOOP("KaThreadEstimator2D", "Creating Delaunay Triangle..."),
 };
 
-QString KaThreadEstimator2D::Translate(const std::string& text) const
-{
-    // The job formats its row counter itself; translate the pattern.
-    static const QRegularExpression rows(QStringLiteral("^Estimated (\\d+) Rows$"));
-    const QString s = QString::fromStdString(text);
-    const QRegularExpressionMatch m = rows.match(s);
-    if (m.hasMatch()) return tr("Estimated %1 Rows").arg(m.captured(1));
-    return tr(text.c_str());
-}
+QString KaThreadEstimator2D::Translate(const std::string& text) const { return tr(text.c_str()); }
 
 void KaThreadEstimator2D::Message(const std::string& text) { emit sigProcessMessage(Translate(text)); }
+
+void KaThreadEstimator2D::Progress(const KaJobProgress& progress)
+{
+    // The row counter is translated as a pattern.
+    if (progress.id == KaProgressId::EstimatedRows)
+        emit sigProcessPercent(progress.percent, tr("Estimated %1 Rows").arg(progress.row));
+    else
+        Percent(progress.percent, KaProgressText(progress));
+}
 
 void KaThreadEstimator2D::Percent(int percent, const std::string& text)
 {

@@ -42,6 +42,7 @@ protected:
 
 private:
     void Message(const std::string& text) override;
+    void Progress(const KaJobProgress& progress) override;
     void Percent(int percent, const std::string& text) override;
     void CreatedObject(std::unique_ptr<KaDataObject> object) override;
     QString Translate(const std::string& text) const;

@@ -87,8 +87,6 @@ KaRgb KaRampColour(KaRamp ramp, double t)
     return {mix(kRamp[i].r, kRamp[i + 1].r), mix(kRamp[i].g, kRamp[i + 1].g), mix(kRamp[i].b, kRamp[i + 1].b)};
 }
 
-bool KaIsBlankNode(double v, double blank) { return !std::isfinite(v) || std::fabs(v - blank) <= 1e-20; }
-
 KaZRange KaSurfaceZRange(const KaSurface& surface)
 {
     KaZRange r;

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "core/KaBlank.h"
+
 class KaSurface;
 
 // The colour map of surface pictures (kagrid's preview PNG and the desktop
@@ -31,8 +33,7 @@ KaRgb KaRampColour(KaRamp ramp, double t);
 // The colour of blank nodes where a picture cannot leave them transparent.
 constexpr KaRgb kKaBlankColour{217, 217, 217};
 
-// True for a node without a value: not finite, or within 1e-20 of `blank`.
-bool KaIsBlankNode(double v, double blank);
+// KaIsBlankNode, the test of nodes without a value, lives with the engine's blank tests.
 
 // The z range of a surface's non-blank nodes; `anyValue` false when every
 // node is blank (or there is no grid), `anyBlank` true when some node is.

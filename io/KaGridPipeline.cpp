@@ -102,7 +102,7 @@ KaGridRunResult KaRunGrid(const KaMethodInfo& method, std::unique_ptr<KaEstimato
     }
     if (!out.surface) {
         std::string reason = job->FailureReason();
-        if (reason.find("allocate") != std::string::npos) reason = "not enough memory: " + gridSize;
+        if (job->Failure().kind == KaJobFailureKind::OutOfMemory) reason = "not enough memory: " + gridSize;
         if (reason.empty()) reason = "the gridding job ended without a surface";
         if (reason.back() == '.') reason.pop_back();
         if (method.note) reason = std::string(method.note) + " (" + reason + ")";

@@ -390,29 +390,25 @@ bool KaCurvatureSplineJob::EstimateSurface(KaSurface* surface)
     Message("Ready to griding");
     const auto* p = estimator_ ? dynamic_cast<const KaEstCurvatureSplineParam*>(estimator_->GetParam()) : nullptr;
     if (!p) {
-        failure_ = "the record is not a curvature-spline record";
-        return false;
+        return Fail(KaJobFailureKind::BadSetup, "the record is not a curvature-spline record");
     }
     if (!samples_) {
-        failure_ = "no samples";
-        return false;
+        return Fail(KaJobFailureKind::BadSetup, "no samples");
     }
     std::vector<Ka3DPoint> points;
     points.reserve(samples_->size());
     for (const KaSample& s : *samples_) points.push_back(s.point);
-    Percent(0, "Estimating");
+    Progress(0, KaProgressId::Estimating);
     std::vector<double> grid;
     try {
         grid = KaSolveCurvatureSpline(*p, points, &report_);
     } catch (const std::invalid_argument& e) {
-        failure_ = e.what();
-        return false;
+        return Fail(KaJobFailureKind::BadSetup, e.what());
     }
     const uint32_t cols = surface->GetColCount(), rows = surface->GetRowCount();
     KaTDataMatrix2D<double> matrix(kKaMaxDouble);
     if (!matrix.Create(cols, rows)) {
-        failure_ = "cannot allocate the grid of " + std::to_string(cols) + " x " + std::to_string(rows) + " nodes";
-        return false;
+        return Fail(KaJobFailureKind::OutOfMemory, "cannot allocate the grid of " + std::to_string(cols) + " x " + std::to_string(rows) + " nodes");
     }
     double zMin = kKaMaxDouble, zMax = -kKaMaxDouble;
     for (std::size_t k = 0; k < grid.size(); ++k) {
@@ -422,8 +418,7 @@ bool KaCurvatureSplineJob::EstimateSurface(KaSurface* surface)
     }
     SetSurfaceLimits(*surface, zMin, zMax);
     if (!surface->SetGridDataArray(std::move(matrix))) {
-        failure_ = "the surface refused the grid";
-        return false;
+        return Fail(KaJobFailureKind::BadSetup, "the surface refused the grid");
     }
     return true;
 }

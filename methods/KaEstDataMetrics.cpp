@@ -110,8 +110,8 @@ void KaEstDataMetricsParam::VisitFields(KaFieldVisitor& v)
 double KaEstDataMetrics::EstimateNode(double x, double y)
 {
     // A sample on the node counts like any other: no coincidence shortcut.
-    if (!GetSampleList() || !Search(x, y, neighbours_, false)) return BlankValue();
-    return Metric(neighbours_, x, y);
+    if (!GetSampleList() || !Search(x, y, Neighbours(), false)) return BlankValue();
+    return Metric(Neighbours(), x, y);
 }
 
 void KaEstDataMetrics::SetParam(std::unique_ptr<KaEstimatorGridParam> param)

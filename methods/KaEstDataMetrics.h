@@ -71,6 +71,5 @@ public:
 
 private:
     const KaEstDataMetricsParam* metricsParam_ = nullptr;  // the record, when of this kind
-    KaNeighbours neighbours_;
     std::vector<double> values_;
 };

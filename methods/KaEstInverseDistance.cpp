@@ -2,6 +2,7 @@
 
 #include <cmath>
 
+#include "core/KaBlank.h"
 #include "core/KaFieldVisitor.h"
 
 void KaEstInverseDistanceParam::VisitFields(KaFieldVisitor& v)
@@ -22,8 +23,8 @@ void KaEstInverseDistance::SetParam(std::unique_ptr<KaEstimatorGridParam> param)
 double KaEstInverseDistance::EstimateNode(double x, double y)
 {
     double v;
-    if (SearchOrDecide(x, y, neighbours_, v)) return v;
-    return WeightedAverage(neighbours_, x, y);
+    if (SearchOrDecide(x, y, Neighbours(), v)) return v;
+    return WeightedAverage(Neighbours(), x, y);
 }
 
 double KaEstInverseDistance::WeightedAverage(const KaNeighbours& samples, double x, double y)
@@ -34,14 +35,14 @@ double KaEstInverseDistance::WeightedAverage(const KaNeighbours& samples, double
     const double halfPower = 0.5 * p->power;
     double sumZ = 0, sumW = 0;
     for (const Ka3DPoint& s : samples) {
-        if (std::fabs(s.z - invalid) < 1e-20) continue;
+        if (KaIsBlank(s.z, invalid)) continue;
         // kept: a box test, not a circle
         if (std::fabs(s.x - x) < tol && std::fabs(s.y - y) < tol) return s.z;
         const double d2 = (s.x - x) * (s.x - x) + (s.y - y) * (s.y - y);
         // pow(d2, 1) is d2 exactly: the common power 2 skips the call
         const double h = (halfPower == 1.0 ? d2 : std::pow(d2, halfPower)) + p->smoothing;
         if (h < tol) return s.z;
-        if (std::fabs(s.z - invalid) > 1e-20) {
+        if (KaHasValue(s.z, invalid)) {
             sumZ += s.z / h;
             sumW += 1 / h;
         }

@@ -27,5 +27,4 @@ public:
 
 protected:
     const KaEstInverseDistanceParam* idwParam_ = nullptr;  // the record, when of this kind
-    KaNeighbours neighbours_;
 };

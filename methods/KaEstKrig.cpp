@@ -90,21 +90,16 @@ void KaEstKrig::SetParam(std::unique_ptr<KaEstimatorGridParam> param)
 {
     KaEstGridSearcher::SetParam(std::move(param));
     krigParam_ = dynamic_cast<const KaEstKrigParam*>(GetParam());
-}
-
-std::unique_ptr<KaEstimatorGrid> KaEstKrig::CloneForThread() const
-{
     // The transforms are cached lazily inside const evaluations: make them
-    // now, on this thread, so that the threads sharing the record never write them.
+    // now, so that the record is not written again while threads share it.
     if (krigParam_ && krigParam_->variogram) krigParam_->variogram->Evaluate(0.0, 0.0, 0.0);
-    return std::make_unique<KaEstKrig>(*this);
 }
 
 double KaEstKrig::EstimateNode(double x, double y)
 {
     double value;
     bool onSample;
-    if (SearchOrDecide(x, y, neighbours_, value, &onSample)) {
+    if (SearchOrDecide(x, y, Neighbours(), value, &onSample)) {
         if (onSample) nodeStdDev_ = 0.0;  // a sample on the node has no estimation error
         return value;
     }
@@ -112,13 +107,13 @@ double KaEstKrig::EstimateNode(double x, double y)
     if (!p || !p->variogram) return BlankValue();
 
     krigingVariance_ = p->blankValue;
-    count_ = static_cast<int32_t>(neighbours_.size());
+    count_ = static_cast<int32_t>(Neighbours().size());
     order_ = count_ + (p->krigType == 1 ? 1 : 0);
-    if (!BuildMatrix(*p, neighbours_)) return p->blankValue;
-    BuildRightHandSide(*p, x, y, neighbours_);
+    if (!BuildMatrix(*p, Neighbours())) return p->blankValue;
+    BuildRightHandSide(*p, x, y, Neighbours());
     // The solution alone: the per-node inverse is never read.
     if (GaussJordanSolution(matrix_.data(), order_, weights_.data()) == 0) return p->blankValue;
-    return Combine(*p, neighbours_);
+    return Combine(*p, Neighbours());
 }
 
 bool KaEstKrig::BuildMatrix(const KaEstKrigParam& p, const KaNeighbours& nb)

@@ -38,11 +38,11 @@ public:
 // the system bordered by the unbiasedness row, both by Gauss-Jordan.
 class KaEstKrig : public KaEstGridSearcher {
 public:
+    // Also builds the variogram components' anisotropy transforms, which from
+    // then on are only read.
     void SetParam(std::unique_ptr<KaEstimatorGridParam> param) override;
     double EstimateNode(double x, double y) override;
-    // Also builds the variogram components' anisotropy transforms, which the
-    // copies then only read.
-    std::unique_ptr<KaEstimatorGrid> CloneForThread() const override;
+    KA_CLONE_FOR_THREAD(KaEstKrig)
     bool FormsStdDev() const override { return true; }
 
     // Of the last node that reached the system (blank when its solve failed).
@@ -67,5 +67,4 @@ protected:
     std::vector<double> weights_;
     int32_t order_ = 0;  // neighbours, plus 1 for ordinary kriging
     int32_t count_ = 0;  // neighbours
-    KaNeighbours neighbours_;
 };

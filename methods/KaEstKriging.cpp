@@ -20,14 +20,14 @@ double KaEstKriging::EstimateNode(double x, double y)
 {
     double value;
     bool onSample;
-    if (SearchOrDecide(x, y, neighbours_, value, &onSample)) {
+    if (SearchOrDecide(x, y, Neighbours(), value, &onSample)) {
         if (onSample) nodeStdDev_ = 0.0;  // a sample on the node has no estimation error
         return value;
     }
     const KaEstKrigingParam* p = linearParam_;
     if (!p) return BlankValue();
 
-    const KaNeighbours& nb = neighbours_;
+    const KaNeighbours& nb = Neighbours();
     const uint32_t n = static_cast<uint32_t>(nb.size());
     if (n < 1) return p->blankValue;
     const double slope = p->slope;

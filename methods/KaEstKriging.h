@@ -31,7 +31,6 @@ public:
 protected:
     // Per-node storage, reused from node to node to save the allocations.
     const KaEstKrigingParam* linearParam_ = nullptr;  // the record, when of this kind
-    KaNeighbours neighbours_;
     KaT2DMatrix<double> matrix_;
     std::vector<int32_t> permutation_;
     std::vector<double> rhs_;

@@ -15,8 +15,8 @@ double KaEstLocalPolynomial::EstimateNode(double x, double y)
     if (!GetSampleList()) return BlankValue();
     // No shortcut for a sample on the node: with a coincident sample the search
     // returns it alone, and a one-sample fit of order 1 or more is singular.
-    if (!Search(x, y, neighbours_, true)) return BlankValue();
-    return EstimateFromNeighbours(neighbours_, x, y);
+    if (!Search(x, y, Neighbours(), true)) return BlankValue();
+    return EstimateFromNeighbours(Neighbours(), x, y);
 }
 
 double KaEstLocalPolynomial::EstimateFromNeighbours(const KaNeighbours& neighbours, double x, double y)

@@ -26,7 +26,4 @@ public:
     // Fit, solve and evaluate at (x, y) on the neighbours handed in; blank on
     // any failure. Needs no sample list.
     virtual double EstimateFromNeighbours(const KaNeighbours& neighbours, double x, double y);
-
-private:
-    KaNeighbours neighbours_;
 };

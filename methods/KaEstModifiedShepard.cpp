@@ -2,6 +2,7 @@
 
 #include <cmath>
 
+#include "core/KaBlank.h"
 #include "core/KaFieldVisitor.h"
 #include "methods/KaEstLocalPolynomial.h"
 
@@ -40,7 +41,7 @@ std::unique_ptr<KaEstimatorGrid> KaEstModifiedShepard::CloneForThread() const
 double KaEstModifiedShepard::EstimateNode(double x, double y)
 {
     double decided;
-    if (SearchOrDecide(x, y, neighbours_, decided)) return decided;
+    if (SearchOrDecide(x, y, Neighbours(), decided)) return decided;
 
     const KaEstimatorGridParam* p = GetParam();
     if (!quadratic_) {
@@ -50,7 +51,8 @@ double KaEstModifiedShepard::EstimateNode(double x, double y)
         quadratic_ = std::make_unique<KaEstLocalPolynomial>();
         quadratic_->SetParam(std::move(inner));
     }
-    double v = quadratic_->EstimateFromNeighbours(neighbours_, x, y);
-    if (std::fabs(v - p->blankValue) < 1e-15) v = WeightedAverage(neighbours_, x, y);
+    double v = quadratic_->EstimateFromNeighbours(Neighbours(), x, y);
+    // kept: a looser tolerance here
+    if (KaIsBlank(v, p->blankValue, 1e-15)) v = WeightedAverage(Neighbours(), x, y);
     return v;
 }

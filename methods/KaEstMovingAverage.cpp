@@ -26,6 +26,6 @@ double KaEstMovingAverage::EstimateNode(double x, double y)
         break;
     }
     double decided;
-    if (SearchOrDecide(x, y, neighbours_, decided)) return decided;
-    return MeanInOrder(neighbours_, [](const Ka3DPoint& s) { return s.z; });
+    if (SearchOrDecide(x, y, Neighbours(), decided)) return decided;
+    return MeanInOrder(Neighbours(), [](const Ka3DPoint& s) { return s.z; });
 }

@@ -13,7 +13,4 @@ public:
 
 protected:
     bool UsesRingValues() const override { return true; }
-
-private:
-    KaNeighbours neighbours_;
 };

@@ -155,19 +155,16 @@ bool KaNaturalNeighborJob::EstimateSurface(KaSurface* surface)
     Message("Ready to griding");
     auto* nn = dynamic_cast<KaEstNaturalNeighbor*>(estimator_.get());
     if (!nn || !dynamic_cast<const KaEstNaturalNeighborParam*>(nn->GetParam()) || !nn->GetParam()->IsValid()) {
-        failure_ = "the estimator or its record is not natural neighbour's";
-        return false;
+        return Fail(KaJobFailureKind::BadSetup, "the estimator or its record is not natural neighbour's");
     }
     if (!samples_) {
-        failure_ = "no samples";
-        return false;
+        return Fail(KaJobFailureKind::BadSetup, "no samples");
     }
     const KaEstimatorGridParam& p = *nn->GetParam();
     const uint32_t cols = surface->GetColCount(), rows = surface->GetRowCount();
     KaTDataMatrix2D<double> matrix(kKaMaxDouble);
     if (!matrix.Create(cols, rows)) {
-        failure_ = "cannot allocate the grid of " + std::to_string(cols) + " x " + std::to_string(rows) + " nodes";
-        return false;
+        return Fail(KaJobFailureKind::OutOfMemory, "cannot allocate the grid of " + std::to_string(cols) + " x " + std::to_string(rows) + " nodes");
     }
     matrix.Fill(surface->GetInvalidValue());
 
@@ -175,23 +172,22 @@ bool KaNaturalNeighborJob::EstimateSurface(KaSurface* surface)
     nn->SetSampleList(samples_.get());
     if (!nn->HasTriangles()) {
         const std::size_t usable = nn->UsableCount();
-        failure_ = usable < 3 ? "fewer than three usable samples to triangulate (" + std::to_string(usable) +
+        return Fail(KaJobFailureKind::TooFewSamples, usable < 3 ? "fewer than three usable samples to triangulate (" + std::to_string(usable) +
                                     " after dropping invalid values and repeated positions)"
-                              : "all " + std::to_string(usable) + " usable samples lie on one line: no triangles";
-        return false;
+                              : "all " + std::to_string(usable) + " usable samples lie on one line: no triangles");
     }
-    Percent(0, "Estimating");
+    Progress(0, KaProgressId::Estimating);
     std::vector<std::unique_ptr<KaEstimatorGrid>> copies;
-    for (unsigned t = 1, threads = ThreadsFor(rows); t < threads; ++t) copies.push_back(nn->CloneForThread());
+    std::vector<KaEstimatorGrid*> workers{nn};
+    for (unsigned t = 1, threads = ThreadsFor(rows); t < threads; ++t) {
+        copies.push_back(nn->CloneForThread());
+        workers.push_back(copies.back().get());
+    }
     double zMin = kKaMaxDouble, zMax = -kKaMaxDouble;
-    if (copies.empty())
-        EstimateRowsInOrder(*nn, p, matrix, nullptr, zMin, zMax);
-    else
-        EstimateRowsInParallel(*nn, copies, p, matrix, nullptr, zMin, zMax);
+    EstimateRows(workers, p, matrix, nullptr, zMin, zMax);
     SetSurfaceLimits(*surface, zMin, zMax);
     if (!surface->SetGridDataArray(std::move(matrix))) {
-        failure_ = "the surface refused the grid";
-        return false;
+        return Fail(KaJobFailureKind::BadSetup, "the surface refused the grid");
     }
     return true;
 }

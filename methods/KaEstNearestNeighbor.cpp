@@ -3,10 +3,10 @@
 double KaEstNearestNeighbor::EstimateNode(double x, double y)
 {
     double decided;
-    if (SearchOrDecide(x, y, neighbours_, decided)) return decided;
+    if (SearchOrDecide(x, y, Neighbours(), decided)) return decided;
     double best = 1.7976931348623157e308;
     const Ka3DPoint* chosen = nullptr;
-    for (const Ka3DPoint& s : neighbours_) {
+    for (const Ka3DPoint& s : Neighbours()) {
         const double d2 = (s.x - x) * (s.x - x) + (s.y - y) * (s.y - y);
         if (d2 < best) {
             best = d2;

@@ -10,7 +10,4 @@ class KaEstNearestNeighbor : public KaEstGridSearcher {
 public:
     double EstimateNode(double x, double y) override;
     KA_CLONE_FOR_THREAD(KaEstNearestNeighbor)
-
-private:
-    KaNeighbours neighbours_;
 };

@@ -62,23 +62,18 @@ void KaEstRadialBasis::SetParam(std::unique_ptr<KaEstimatorGridParam> param)
 {
     KaEstGridSearcher::SetParam(std::move(param));
     basisParam_ = dynamic_cast<const KaEstRadialBasisParam*>(GetParam());
-}
-
-std::unique_ptr<KaEstimatorGrid> KaEstRadialBasis::CloneForThread() const
-{
     // The transform is cached lazily inside const distance requests: make it
-    // now, on this thread, so that the threads sharing the record never write it.
+    // now, so that the record is not written again while threads share it.
     if (basisParam_) basisParam_->anisotropy.SquaredDistance(0.0, 0.0, 0.0);
-    return std::make_unique<KaEstRadialBasis>(*this);
 }
 
 double KaEstRadialBasis::EstimateNode(double x, double y)
 {
     double value;
-    if (SearchOrDecide(x, y, neighbours_, value)) return value;
-    if (!BuildSystem(neighbours_)) return BlankValue();
-    if (!Solve(static_cast<int32_t>(neighbours_.size()))) return BlankValue();
-    return Evaluate(x, y, neighbours_);
+    if (SearchOrDecide(x, y, Neighbours(), value)) return value;
+    if (!BuildSystem(Neighbours())) return BlankValue();
+    if (!Solve(static_cast<int32_t>(Neighbours().size()))) return BlankValue();
+    return Evaluate(x, y, Neighbours());
 }
 
 bool KaEstRadialBasis::BuildSystem(const KaNeighbours& nb)

@@ -30,10 +30,10 @@ public:
 // weight per neighbour, and the weighted basis values are summed at the node.
 class KaEstRadialBasis : public KaEstGridSearcher {
 public:
+    // Also builds the record's anisotropy transform, which from then on is only read.
     void SetParam(std::unique_ptr<KaEstimatorGridParam> param) override;
     double EstimateNode(double x, double y) override;
-    // Also builds the record's anisotropy transform, which the copies then only read.
-    std::unique_ptr<KaEstimatorGrid> CloneForThread() const override;
+    KA_CLONE_FOR_THREAD(KaEstRadialBasis)
 
 protected:
     bool BuildSystem(const KaNeighbours& nb);
@@ -47,5 +47,4 @@ protected:
     // Provision for a constant term; never filled, so the term stays 0.0.
     std::vector<double> constantCoefficients_;
     double constantOffset_ = 0.0;
-    KaNeighbours neighbours_;
 };

@@ -1,11 +1,7 @@
 #include "methods/KaPredict.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cmath>
-#include <exception>
-#include <mutex>
-#include <thread>
 
 #include "core/KaGridJob.h"
 #include "methods/KaMethodRegistry.h"
@@ -43,48 +39,25 @@ KaPrediction KaPredictAt(const KaMethodInfo& method, std::unique_ptr<KaEstimator
     const bool sd = withStdDev && first->FormsStdDev();
     if (sd) out.stdDev.assign(n, std::nan(""));
 
-    // Positions are handed out in chunks; each is estimated by whichever
-    // estimator takes it, and the value depends on the position alone. The
-    // calling thread works too and reports progress between its chunks.
-    std::atomic<std::size_t> next{0}, done{0};
-    std::atomic<bool> stop{false};
-    bool cancelled = false;
-    std::mutex failureLock;
-    std::size_t failedAt = n;
-    std::exception_ptr failure;
-    auto work = [&](KaEstimatorGrid& e, bool reporting) {
-        constexpr std::size_t chunk = 256;
-        for (;;) {
-            if (reporting && progress && !progress(done.load())) {
-                cancelled = true;
-                stop = true;
+    // Positions go through the row driver in chunks; each is estimated by
+    // whichever estimator takes it, and the value depends on the position
+    // alone. The lowest failing position is the one reported, whatever the
+    // threads; progress counts the chunks done in order.
+    std::vector<KaEstimatorGrid*> workers{first.get()};
+    for (auto& c : copies) workers.push_back(c.get());
+    constexpr std::size_t chunk = 256;
+    const std::size_t chunks = (n + chunk - 1) / chunk;
+    KaRunItems(
+        chunks, static_cast<unsigned>(workers.size()),
+        [&](unsigned w, uint64_t c) {
+            KaEstimatorGrid& e = *workers[w];
+            const std::size_t end = std::min<std::size_t>((c + 1) * chunk, n);
+            for (std::size_t i = c * chunk; i < end; ++i) {
+                out.z[i] = e.EstimateAt(x[i], y[i]);
+                if (sd) out.stdDev[i] = e.NodeStdDev();
             }
-            if (stop.load(std::memory_order_relaxed)) return;
-            const std::size_t begin = next.fetch_add(chunk);
-            if (begin >= n) return;
-            const std::size_t end = std::min(begin + chunk, n);
-            for (std::size_t i = begin; i < end; ++i) {
-                try {
-                    out.z[i] = e.EstimateAt(x[i], y[i]);
-                    if (sd) out.stdDev[i] = e.NodeStdDev();
-                } catch (...) {
-                    // The lowest failing position is the one reported, whatever the threads.
-                    std::lock_guard<std::mutex> lock(failureLock);
-                    if (i < failedAt) failedAt = i, failure = std::current_exception();
-                    stop = true;
-                    return;
-                }
-            }
-            done += end - begin;
-        }
-    };
-    {
-        std::vector<std::jthread> pool;
-        for (auto& c : copies) pool.emplace_back([&work, e = c.get()] { work(*e, false); });
-        work(*first, true);
-    }
-    if (failure) std::rethrow_exception(failure);
-    if (cancelled) throw KaCancelled();
+        },
+        [&](uint64_t c) { return !progress || progress(static_cast<std::size_t>(c) * chunk); });
     if (progress) progress(n);
     return out;
 }

@@ -8,6 +8,7 @@
 
 #include "core/KaEstimatorGridParam.h"
 #include "core/KaEstimatorSample.h"
+#include "core/KaRowDriver.h"  // KaCancelled
 
 struct KaMethodInfo;
 
@@ -18,12 +19,6 @@ struct KaMethodInfo;
 struct KaPrediction {
     std::vector<double> z;
     std::vector<double> stdDev;  // empty unless asked for and the method forms one
-};
-
-// A run stopped by its caller's progress callback.
-class KaCancelled : public std::runtime_error {
-public:
-    KaCancelled() : std::runtime_error("stopped") {}
 };
 
 // `samples` must outlive the call. `threads` as the grid

@@ -2,9 +2,10 @@
 
 #include <algorithm>
 #include <cmath>
-#include <thread>
 #include <vector>
 
+#include "core/KaBlank.h"
+#include "core/KaRowDriver.h"
 #include "methods/KaEstLinearTriangulation.h"
 #include "platform/kadata/KaDelaunayTriangle.h"
 
@@ -13,21 +14,15 @@ std::unique_ptr<KaEstimatorGrid> KaTriangulationJob::CreateEstimator()
     return std::make_unique<KaEstLinearTriangulation>();
 }
 
-bool KaTriangulationJob::Fail(std::string reason)
-{
-    failure_ = std::move(reason);
-    return false;
-}
-
 bool KaTriangulationJob::EstimateSurface(KaSurface* surface)
 {
-    if (!surface) return Fail("no output surface");
+    if (!surface) return Fail(KaJobFailureKind::BadSetup, "no output surface");
     auto* estimator = dynamic_cast<KaEstLinearTriangulation*>(estimator_.get());
-    if (!estimator) return Fail("the estimator is not a triangulation estimator");
-    if (!estimator->GetParam()) return Fail("no parameter record");
-    if (!samples_) return Fail("no samples");
+    if (!estimator) return Fail(KaJobFailureKind::BadSetup, "the estimator is not a triangulation estimator");
+    if (!estimator->GetParam()) return Fail(KaJobFailureKind::BadSetup, "no parameter record");
+    if (!samples_) return Fail(KaJobFailureKind::BadSetup, "no samples");
     const auto* p = dynamic_cast<const KaEstLinearTriangulationParam*>(estimator->GetParam());
-    if (!p) return Fail("the parameter record is not a triangulation record");
+    if (!p) return Fail(KaJobFailureKind::BadSetup, "the parameter record is not a triangulation record");
     estimator->SetOutputGrid(surface);
 
     Message("Ready to griding");
@@ -39,7 +34,9 @@ bool KaTriangulationJob::EstimateSurface(KaSurface* surface)
     std::vector<Ka3DPoint> points;
     points.reserve(samples_->size());
     for (const KaSample& s : *samples_)
-        if (std::fabs(s.point.z - p->originalInvalidValue) >= 1e-20) points.push_back(s.point);
+        // kept: a NaN z is dropped as well
+        if (!KaIsBlank(s.point.z, p->originalInvalidValue) && !std::isnan(s.point.z - p->originalInvalidValue))
+            points.push_back(s.point);
     mesh->SetScatteredPoint(points);
     const std::size_t usable = mesh->UsedPoints().size();
     std::vector<Ka3DPoint>().swap(points);
@@ -48,52 +45,50 @@ bool KaTriangulationJob::EstimateSurface(KaSurface* surface)
     const std::shared_ptr<const KaTriangleSet> triangles = mesh->GetTriangles();
     if (p->createDelaunayObject && observer_) observer_->CreatedObject(std::move(mesh));
 
-    Percent(0, "Estimating");
+    Progress(0, KaProgressId::Estimating);
     if (!triangles || triangles->empty()) {
         if (usable < 3)
-            return Fail("fewer than three usable samples to triangulate (" + std::to_string(usable) +
+            return Fail(KaJobFailureKind::TooFewSamples, "fewer than three usable samples to triangulate (" + std::to_string(usable) +
                         " after dropping invalid values and repeated positions)");
-        return Fail("all " + std::to_string(usable) + " usable samples lie on one line: no triangles");
+        return Fail(KaJobFailureKind::Collinear, "all " + std::to_string(usable) + " usable samples lie on one line: no triangles");
     }
 
     const uint32_t cols = surface->GetColCount(), rows = surface->GetRowCount();
     KaTDataMatrix2D<double> matrix(kKaMaxDouble);
     if (!matrix.Create(cols, rows))
-        return Fail("cannot allocate the grid of " + std::to_string(cols) + " x " + std::to_string(rows) +
+        return Fail(KaJobFailureKind::OutOfMemory, "cannot allocate the grid of " + std::to_string(cols) + " x " + std::to_string(rows) +
                     " nodes");
     matrix.Fill(surface->GetInvalidValue());
 
     // Bands of rows, one per thread, each drawing every triangle in the set's
-    // order within its rows: the grid is the one a single pass draws. This
-    // thread draws the first band and reports the progress by triangle.
+    // order within its rows: the grid is the one a single pass draws. The
+    // first band is drawn on this thread, which reports the progress by triangle.
     const KaTriangleSet& set = *triangles;
     const std::size_t count = set.size();
     const unsigned bands = ThreadsFor(rows);
-    auto bandStart = [&](unsigned b) { return static_cast<int64_t>(uint64_t{rows} * b / bands); };
-    {
-        std::vector<std::jthread> pool;
-        for (unsigned b = 1; b < bands; ++b)
-            pool.emplace_back([&, b] {
-                const int64_t r0 = bandStart(b), r1 = bandStart(b + 1);
-                for (std::size_t k = 0; k < count; ++k) estimator->RasterizeTriangle(set[k], matrix, r0, r1);
-            });
-        const int64_t r1 = bandStart(1);
+    auto bandStart = [&](uint64_t b) { return static_cast<int64_t>(uint64_t{rows} * b / bands); };
+    KaRunItems(bands, bands, [&](unsigned, uint64_t b) {
+        const int64_t r0 = bandStart(b), r1 = bandStart(b + 1);
+        if (b != 0) {
+            for (std::size_t k = 0; k < count; ++k) estimator->RasterizeTriangle(set[k], matrix, r0, r1);
+            return;
+        }
         std::size_t lastPercent = 0;  // the 0 sent with "Estimating"
         for (std::size_t k = 0; k < count; ++k) {
             const std::size_t percent = k * 100 / count;
             if (percent != lastPercent) {
-                Percent(static_cast<int>(percent), "");
+                Progress(static_cast<int>(percent), KaProgressId::None);
                 lastPercent = percent;
             }
-            estimator->RasterizeTriangle(set[k], matrix, 0, r1);
+            estimator->RasterizeTriangle(set[k], matrix, r0, r1);
         }
-    }  // joins
+    });
 
     double zMin = kKaMaxDouble, zMax = -kKaMaxDouble;
     const double blank = p->blankValue;
     for (std::size_t i = 0, n = matrix.Size(); i < n; ++i) {
         const double v = matrix.data[i];
-        if (std::fabs(v - blank) > 1e-20) {
+        if (KaHasValue(v, blank)) {
             zMax = std::max(zMax, v);
             zMin = std::min(zMin, v);
         }
@@ -101,6 +96,6 @@ bool KaTriangulationJob::EstimateSurface(KaSurface* surface)
     SetSurfaceLimits(*surface, zMin, zMax);
     mesh.reset();  // still held only when the mesh was not asked for
 
-    if (!surface->SetGridDataArray(std::move(matrix))) return Fail("the surface refused the grid");
+    if (!surface->SetGridDataArray(std::move(matrix))) return Fail(KaJobFailureKind::BadSetup, "the surface refused the grid");
     return true;
 }

@@ -21,8 +21,4 @@ public:
 
     std::unique_ptr<KaEstimatorGrid> CreateEstimator() override;  // a new KaEstLinearTriangulation
     bool EstimateSurface(KaSurface* surface) override;
-
-private:
-    // Keeps the reason for FailureReason() and answers false.
-    bool Fail(std::string reason);
 };

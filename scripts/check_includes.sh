@@ -58,10 +58,7 @@ allowed_for() {
 # with its reason.
 #   The variogram's components carry the anisotropic distance of the search
 #   (one class, defined with the search by the design's layout).
-exceptions="methods/numeric/KaVario.h:search/KaAnisotropy.h
-core/KaGridJob.cpp:search/KaEstGridSearcher.h"
-# The last one is temporary: the job reaches the searching estimator until the
-# row driver no longer needs it; delete the line when it stops matching.
+exceptions="methods/numeric/KaVario.h:search/KaAnisotropy.h"
 
 qt_free=" kamessageroute kadata $engine io tune lib "
 

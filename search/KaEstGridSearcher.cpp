@@ -1,19 +1,42 @@
 #include "search/KaEstGridSearcher.h"
 
-KaEstGridSearcher::KaEstGridSearcher(const KaEstGridSearcher& other)
-    : KaEstimatorGrid(other),
-      searchParam_(other.searchParam_),
-      grid_(other.grid_),
-      nearest_(other.nearest_),
-      excluded_(other.excluded_),
-      skip_(other.skip_)
+bool KaSearchNeighbours(const KaSearchContext& context, KaNodeWorkspace& workspace, double x, double y,
+                        KaNeighbours& result, bool stopAtCoincident)
 {
+    if (!context.record) return false;
+    if (context.nearest)
+        return context.nearest->Search(x, y, result, stopAtCoincident, workspace.excluded, workspace.search.nearest);
+    if (!context.grid) return false;
+    return KaRingSearch(*context.grid, *context.record, workspace.search, x, y, result, stopAtCoincident,
+                        workspace.skip);
+}
+
+KaRingValues KaSearchNeighbourValues(const KaSearchContext& context, KaNodeWorkspace& workspace, double x, double y,
+                                     std::span<const double>& values)
+{
+    values = {};
+    if (!context.record || context.nearest || !context.grid) return KaRingValues::Undecided;
+    return KaRingSearchValues(*context.grid, *context.record, workspace.search, x, y, workspace.skip, values);
+}
+
+void KaExcludeSample(const KaSearchContext& context, KaNodeWorkspace& workspace, std::size_t index)
+{
+    workspace.excluded = index;
+    workspace.skip = context.grid ? context.grid->SkipFor(index) : KaSampleSkip{};
+}
+
+KaEstGridSearcher::KaEstGridSearcher(const KaEstGridSearcher& other)
+    : KaEstimatorGrid(other), searchParam_(other.searchParam_), context_(other.context_)
+{
+    workspace_.excluded = other.workspace_.excluded;
+    workspace_.skip = other.workspace_.skip;
 }
 
 void KaEstGridSearcher::SetParam(std::unique_ptr<KaEstimatorGridParam> param)
 {
     KaEstimatorGrid::SetParam(std::move(param));
     searchParam_ = dynamic_cast<const KaEstGridSearcherParam*>(param_.get());
+    context_.record = searchParam_;
 }
 
 double KaEstGridSearcher::EstimateNode(double, double) { return BlankValue(); }
@@ -21,15 +44,16 @@ double KaEstGridSearcher::EstimateNode(double, double) { return BlankValue(); }
 const KaSearchGridInfo& KaEstGridSearcher::SearchGridInfo() const
 {
     static const KaSearchGridInfo none;
-    return grid_ ? grid_->Info() : none;
+    return context_.grid ? context_.grid->Info() : none;
 }
 
 std::span<const Ka3DPoint> KaEstGridSearcher::Bucket(std::size_t b) const
 {
-    if (!grid_ || b >= grid_->BucketCount()) return {};
-    const std::size_t cols = static_cast<std::size_t>(grid_->Info().columnCount);
-    return grid_->RowRun(static_cast<int64_t>(b / cols), static_cast<int64_t>(b % cols),
-                         static_cast<int64_t>(b % cols) + 1);
+    const KaSearchGrid* grid = context_.grid.get();
+    if (!grid || b >= grid->BucketCount()) return {};
+    const std::size_t cols = static_cast<std::size_t>(grid->Info().columnCount);
+    return grid->RowRun(static_cast<int64_t>(b / cols), static_cast<int64_t>(b % cols),
+                        static_cast<int64_t>(b % cols) + 1);
 }
 
 bool KaEstGridSearcher::SearchOrDecide(double x, double y, KaNeighbours& out, double& value, bool* onSample)
@@ -47,11 +71,7 @@ bool KaEstGridSearcher::SearchOrDecide(double x, double y, KaNeighbours& out, do
     return on;
 }
 
-void KaEstGridSearcher::SetExcludedSample(std::size_t index)
-{
-    excluded_ = index;
-    skip_ = grid_ ? grid_->SkipFor(index) : KaSampleSkip{};
-}
+void KaEstGridSearcher::SetExcludedSample(std::size_t index) { KaExcludeSample(context_, workspace_, index); }
 
 KaSampleList* KaEstGridSearcher::SetSampleList(KaSampleList* samples)
 {
@@ -62,35 +82,33 @@ KaSampleList* KaEstGridSearcher::SetSampleList(KaSampleList* samples)
 
 void KaEstGridSearcher::BuildSearchGrid(KaSampleList* samples)
 {
-    grid_.reset();
-    nearest_.reset();
+    context_.grid.reset();
+    context_.nearest.reset();
     const KaEstGridSearcherParam* p = searchParam_;
     // The method's own record decides validity (it may check more than the search).
     if (p && param_->IsValid() && samples && !samples->empty()) {
         if (p->searchMode == kKaSearchNearest) {
             auto nearest = std::make_shared<KaNearestSearch>();
             nearest->Build(*samples, *p);
-            if (nearest->IsBuilt()) nearest_ = std::move(nearest);
+            if (nearest->IsBuilt()) context_.nearest = std::move(nearest);
         } else {
-            grid_ = KaSearchGrid::Build(*p, *samples, PreparationThreads(), UsesRingValues());
+            context_.grid = KaSearchGrid::Build(*p, *samples, PreparationThreads(), UsesRingValues());
         }
     }
-    SetExcludedSample(excluded_);
+    SetExcludedSample(workspace_.excluded);
 }
 
 bool KaEstGridSearcher::Search(double x, double y, KaNeighbours& result, bool stopAtCoincident)
 {
-    const KaEstGridSearcherParam* p = searchParam_;
-    if (!p || !param_->IsValid()) return false;
-    if (nearest_) return nearest_->Search(x, y, result, stopAtCoincident, excluded_, workspace_.nearest);
-    if (!grid_) return false;
-    return KaRingSearch(*grid_, *p, workspace_, x, y, result, stopAtCoincident, skip_);
+    // The method's own record decides validity, at every node (kept).
+    if (!searchParam_ || !param_->IsValid()) return false;
+    return KaSearchNeighbours(context_, workspace_, x, y, result, stopAtCoincident);
 }
 
 KaRingValues KaEstGridSearcher::SearchValues(double x, double y, std::span<const double>& values)
 {
     values = {};
     // The conditions of Search and of the method's opening, in their order.
-    if (!GetSampleList() || !searchParam_ || !param_->IsValid() || nearest_ || !grid_) return KaRingValues::Undecided;
-    return KaRingSearchValues(*grid_, *searchParam_, workspace_, x, y, skip_, values);
+    if (!GetSampleList() || !searchParam_ || !param_->IsValid()) return KaRingValues::Undecided;
+    return KaSearchNeighbourValues(context_, workspace_, x, y, values);
 }

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <numbers>
 
+#include "core/KaBlank.h"
 #include "search/KaEstGridSearcher.h"
 #include "search/KaEstGridSearcherParam.h"
 
@@ -79,7 +80,7 @@ void KaNearestSearch::Build(const KaSampleList& samples, const KaEstGridSearcher
     double uMin = HUGE_VAL, uMax = -HUGE_VAL, vMin = HUGE_VAL, vMax = -HUGE_VAL, mag = 0;
     for (const KaSample& s : samples) {
         const uint32_t i = index++;
-        if (std::fabs(s.point.z - p.originalInvalidValue) < 1e-20) continue;
+        if (KaIsBlank(s.point.z, p.originalInvalidValue)) continue;
         const double u = metric_.U(s.point.x, s.point.y), v = metric_.V(s.point.x, s.point.y);
         if (!std::isfinite(u) || !std::isfinite(v)) continue;  // cannot be near any node
         items.push_back({{s.point, i}, u, v});

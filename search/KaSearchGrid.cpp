@@ -10,6 +10,8 @@
 #include <numeric>
 #include <thread>
 
+#include "core/KaBlank.h"
+
 namespace {
 
 // Bucket coordinate of a sample: truncated, clamped into [0, count - 1].
@@ -272,7 +274,7 @@ std::shared_ptr<const KaSearchGrid> KaSearchGrid::Build(const KaEstGridSearcherP
         grid->valuesInvalid_ = p.originalInvalidValue;
         // The walk's own test, so that the answer is the walk's.
         grid->anyInvalid_ = std::any_of(points.begin(), points.end(), [&](const Ka3DPoint& s) {
-            return std::fabs(s.z - p.originalInvalidValue) < 1e-20;
+            return KaIsBlank(s.z, p.originalInvalidValue);
         });
     }
     static std::atomic<uint64_t> serials{0};
@@ -395,7 +397,7 @@ enum class Test { Reject, Accept, Coincident };
         runs += next;
         at = next ? runs->data() : at;
         end = next ? runs->data() + runs->size() : end;
-        if (std::fabs(s.z - invalid) < 1e-20 || &s == skipRow || &s == skipColumn) continue;
+        if (KaIsBlank(s.z, invalid) || &s == skipRow || &s == skipColumn) continue;
         const double dx = s.x - nx, dy = s.y - ny;
         const double dist2 = dx * dx + dy * dy;  // (x - sx)^2 + (y - sy)^2 to the last bit
         if (dist2 > out2) continue;

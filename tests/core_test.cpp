@@ -3,6 +3,7 @@
 #include <cmath>
 
 #include "KaTestSupport.h"
+#include "core/KaBlank.h"
 #include "core/KaRecordFill.h"
 #include "methods/KaEstInverseDistance.h"
 #include "methods/KaEstMovingAverage.h"
@@ -68,6 +69,30 @@ TEST(SampleList, PointsKeepOrderAndDuplicatesAndOldListIsDeletedEvenOnFailure)
     ASSERT_TRUE(BuildSampleList(list, &none));  // an empty set is not an error here
     EXPECT_TRUE(list->empty());
     delete list;
+}
+
+TEST(Blank, TheThreeTestsPartOnNaNInfinityAndTheToleranceItself)
+{
+    // Each caller keeps its own form: a NaN estimate is neither blank nor a
+    // value for the job, and blank for a picture.
+    const double b = 1.70141e38, inf = HUGE_VAL, nan = std::nan("");
+    struct Case {
+        double v, blank;
+        bool isBlank, hasValue, isBlankNode;
+    } const cases[] = {
+        {b, b, true, false, true},         {b * (1 + 1e-15), b, false, true, false},
+        {1e-20, 0, false, false, true},    {5e-21, 0, true, false, true},
+        {nan, b, false, false, true},      {1, nan, false, false, false},
+        {inf, b, false, true, true},       {inf, inf, false, false, true},
+        {-3.5, b, false, true, false},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::to_string(c.v) + " against " + std::to_string(c.blank));
+        EXPECT_EQ(KaIsBlank(c.v, c.blank), c.isBlank);
+        EXPECT_EQ(KaHasValue(c.v, c.blank), c.hasValue);
+        EXPECT_EQ(KaIsBlankNode(c.v, c.blank), c.isBlankNode);
+    }
+    EXPECT_TRUE(KaIsBlank(1e-16, 0, 1e-15));
 }
 
 TEST(Record, ValidationRulesAndSpacings)
@@ -208,6 +233,54 @@ TEST(Job, AllBlankKeepsExtremeRangeOneRowEmitsOnlyZeroLastPercentNeverHundred)
     ASSERT_TRUE(katest::RunJob(std::make_unique<KaEstMovingAverage>(), std::move(q), katest::Samples({{0, 0, 4}}), &o));
     EXPECT_EQ(o.percents.back(), (std::pair<int, std::string>{99, "Estimated 248 Rows"}));
     EXPECT_EQ(o.percents.size(), 2u + 100u);
+}
+
+TEST(Job, FailuresAreKindsAndProgressStepsCarryTheirRow)
+{
+    // Callers decide by the kind, never by the message's words.
+    struct Case {
+        const char* method;
+        std::vector<Ka3DPoint> points;
+        KaJobFailureKind kind;
+    } const cases[] = {
+        {"inverse-distance", {{0, 0, 1}, {2, 2, 3}}, KaJobFailureKind::None},
+        {"minimum-curvature", {{0, 0, 1}, {2, 2, 3}}, KaJobFailureKind::NoNodeEstimator},
+        {"triangulation", {{0, 0, 1}, {2, 2, 3}}, KaJobFailureKind::TooFewSamples},
+        {"triangulation", {{0, 0, 1}, {1, 1, 3}, {2, 2, 3}}, KaJobFailureKind::Collinear},
+        {"triangulation", {{0, 0, 1}, {2, 0, 3}, {2, 2, 3}}, KaJobFailureKind::None},
+    };
+    struct Steps : katest::RecordingObserver {
+        std::vector<KaJobProgress> steps;
+        void Progress(const KaJobProgress& p) override
+        {
+            steps.push_back(p);
+            KaJobObserver::Progress(p);
+        }
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.method) + " over " + std::to_string(c.points.size()) + " samples");
+        const KaMethodInfo* method = FindMethod(c.method);
+        ASSERT_NE(method, nullptr);
+        auto record = method->makeParam();
+        record->xMax = record->yMax = 2;
+        record->columnCount = record->rowCount = 3;
+        Steps seen;
+        std::unique_ptr<KaGridJob> job = MakeJob(*method, &seen);
+        job->SetEstimator(method->makeEstimator());
+        job->SetSampleList(katest::Samples(c.points));
+        ASSERT_TRUE(job->StartEstimate(std::move(record)));
+        const bool surface = job->Run() != nullptr;
+        EXPECT_EQ(surface, c.kind == KaJobFailureKind::None);
+        EXPECT_EQ(job->Failure().kind, c.kind);
+        EXPECT_EQ(job->Failure().message.empty(), c.kind == KaJobFailureKind::None);
+        ASSERT_EQ(seen.steps.size(), seen.percents.size());
+        for (std::size_t i = 0; i < seen.steps.size(); ++i) {
+            EXPECT_EQ(seen.steps[i].percent, seen.percents[i].first);
+            EXPECT_EQ(KaProgressText(seen.steps[i]), seen.percents[i].second);
+            if (seen.steps[i].id == KaProgressId::EstimatedRows)
+                EXPECT_EQ(seen.percents[i].second, "Estimated " + std::to_string(seen.steps[i].row) + " Rows");
+        }
+    }
 }
 
 TEST(Job, NonSearcherEndsWithoutSurfaceAndStartEstimateQuirk)

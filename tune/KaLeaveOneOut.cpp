@@ -1,14 +1,12 @@
 #include "tune/KaLeaveOneOut.h"
 
-#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstdlib>
-#include <exception>
-#include <mutex>
 #include <stdexcept>
-#include <thread>
 
+#include "core/KaBlank.h"
+#include "core/KaRowDriver.h"
 #include "io/KaParamJson.h"
 #include "core/KaGridJob.h"
 #include "search/KaEstGridSearcher.h"
@@ -63,7 +61,7 @@ KaLeaveOneOut::KaLeaveOneOut(const KaMethodInfo& method, KaSampleList& samples, 
     KaRequireLeaveOneOut(method);
     std::size_t index = 0;
     for (const KaSample& s : samples) {
-        if (!(std::fabs(s.point.z - invalidValue) < 1e-20)) {
+        if (!KaIsBlank(s.point.z, invalidValue)) {
             points_.push_back(s.point);
             listIndex_.push_back(index);
         }
@@ -113,52 +111,44 @@ std::vector<double> KaLeaveOneOut::Run(KaEstimatorGridParam& record, const std::
         copies.push_back(std::move(copy));
     }
 
+    std::vector<KaEstGridSearcher*> workers{static_cast<KaEstGridSearcher*>(first_.get())};
+    for (auto& c : copies) workers.push_back(static_cast<KaEstGridSearcher*>(c.get()));
+
+    // Chunks of samples through the row driver: each is estimated by the
+    // worker that takes it, and an estimate depends on its sample alone. The
+    // lowest failing sample is the one reported. Progress goes out now and
+    // then (every 50 ms at most), counting the chunks done in order.
     std::vector<double> estimated(points_.size(), NAN);
-    std::atomic<std::size_t> nextPoint{0}, done{0};
-    std::exception_ptr failure;
-    std::mutex failureMutex;
-    std::atomic<bool> failed{false};
-    auto work = [&](KaEstimatorGrid& estimator) {
-        auto& searcher = static_cast<KaEstGridSearcher&>(estimator);
-        try {
-            const double blank = searcher.BlankValue();
-            constexpr std::size_t chunk = 64;
-            for (;;) {
-                const std::size_t first = nextPoint.fetch_add(chunk);
-                if (first >= points_.size() || failed) break;
-                const std::size_t last = std::min(first + chunk, points_.size());
-                for (std::size_t i = first; i < last; ++i) {
-                    searcher.SetExcludedSample(listIndex_[i]);
-                    const double v = searcher.EstimateAt(points_[i].x, points_[i].y);
-                    if (std::fabs(v - blank) > 1e-20) estimated[i] = v;
-                }
-                done += last - first;
-            }
-        } catch (...) {
-            const std::lock_guard<std::mutex> lock(failureMutex);
-            if (!failure) failure = std::current_exception();
-            failed = true;
+    constexpr std::size_t chunk = 64;
+    const std::size_t chunks = (points_.size() + chunk - 1) / chunk;
+    using Clock = std::chrono::steady_clock;
+    Clock::time_point lastProgress = Clock::now();
+    auto work = [&](unsigned w, uint64_t c) {
+        KaEstGridSearcher& searcher = *workers[w];
+        const double blank = searcher.BlankValue();
+        const std::size_t last = std::min<std::size_t>((c + 1) * chunk, points_.size());
+        for (std::size_t i = c * chunk; i < last; ++i) {
+            searcher.SetExcludedSample(listIndex_[i]);
+            const double v = searcher.EstimateAt(points_[i].x, points_[i].y);
+            if (KaHasValue(v, blank)) estimated[i] = v;
         }
-        searcher.SetExcludedSample(KaEstGridSearcher::kNoSample);
     };
-    std::vector<std::thread> pool;
-    for (auto& c : copies) pool.emplace_back(work, std::ref(*c));
-    if (progress) {
-        std::thread own(work, std::ref(*first_));
-        while (done < points_.size() && !failed) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-            progress(done);
+    auto told = [&](uint64_t c) {
+        if (progress && c > 0 && Clock::now() - lastProgress >= std::chrono::milliseconds(50)) {
+            progress(static_cast<std::size_t>(c) * chunk);
+            lastProgress = Clock::now();
         }
-        own.join();
-    } else {
-        work(*first_);
-    }
-    for (auto& t : pool) t.join();
-    if (failure) {
+        return true;
+    };
+    try {
+        KaRunItems(chunks, static_cast<unsigned>(workers.size()), work, told);
+    } catch (...) {
+        for (KaEstGridSearcher* w : workers) w->SetExcludedSample(KaEstGridSearcher::kNoSample);
         // An estimator that failed midway may hold a half-used structure: build anew next time.
         builtFor_.clear();
-        std::rethrow_exception(failure);
+        throw;
     }
+    for (KaEstGridSearcher* w : workers) w->SetExcludedSample(KaEstGridSearcher::kNoSample);
     return estimated;
 }
 

@@ -11,6 +11,7 @@
 #include <ogrsf_frmts.h>
 
 #include "io/KaGridRequest.h"
+#include "core/KaBlank.h"
 #include "apps/kagrid/KaProgress.h"
 #include "apps/kagrid/KaRunSetup.h"
 #include "apps/kagrid/KaSubcommands.h"
@@ -228,7 +229,7 @@ int RunPredict(const KaSubOptions& o)
     std::size_t estimated = 0;
     for (std::size_t i = 0; i < at.x.size(); ++i) {
         // Blank and non-finite estimates are written empty (a null attribute).
-        const bool has = std::fabs(p.z[i] - blank) > 1e-20 && std::isfinite(p.z[i]);
+        const bool has = !KaIsBlankNode(p.z[i], blank);
         estimated += has;
         rows.push_back({at.x[i], at.y[i], has ? p.z[i] : std::nan("")});
         if (withStdDev) rows.back().push_back(has && !p.stdDev.empty() ? p.stdDev[i] : std::nan(""));

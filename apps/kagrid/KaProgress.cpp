@@ -13,12 +13,19 @@ void KaProgress::Message(const std::string& text)
     Draw(0, "");
 }
 
-void KaProgress::Percent(int percent, const std::string& text)
+void KaProgress::Progress(const KaJobProgress& progress)
 {
-    if (!text.empty() && text.rfind("Estimated ", 0) != 0) stage_ = text;
+    Show(progress.percent, KaProgressText(progress), progress.id == KaProgressId::EstimatedRows);
+}
+
+void KaProgress::Percent(int percent, const std::string& text) { Show(percent, text, false); }
+
+void KaProgress::Show(int percent, const std::string& text, bool rowCount)
+{
+    if (!text.empty() && !rowCount) stage_ = text;
     if (quiet_) return;
     if (tty_) {
-        Draw(percent, text);
+        Draw(percent, rowCount ? text : "");
     } else if (percent / 10 != lastPlain_ / 10 || lastPlain_ < 0) {
         lastPlain_ = percent;
         std::fprintf(stderr, "kagrid: %3d%% %s\n", percent, text.empty() ? stage_.c_str() : text.c_str());
@@ -27,14 +34,13 @@ void KaProgress::Percent(int percent, const std::string& text)
 
 void KaProgress::CreatedObject(std::unique_ptr<KaDataObject> object) { created_.push_back(std::move(object)); }
 
-void KaProgress::Draw(int percent, const std::string& text)
+void KaProgress::Draw(int percent, const std::string& rowText)
 {
     constexpr int width = 30;
     const int filled = percent * width / 100;
     std::string bar(filled, '#');
     bar.append(width - filled, '.');
-    std::fprintf(stderr, "\r\033[K%-26s [%s] %3d%% %s", stage_.c_str(), bar.c_str(), percent,
-                 text.rfind("Estimated ", 0) == 0 ? text.c_str() : "");
+    std::fprintf(stderr, "\r\033[K%-26s [%s] %3d%% %s", stage_.c_str(), bar.c_str(), percent, rowText.c_str());
     std::fflush(stderr);
     open_ = true;
 }

@@ -13,6 +13,8 @@ class KaProgress : public KaJobObserver {
 public:
     explicit KaProgress(bool quiet);
     void Message(const std::string& text) override;
+    void Progress(const KaJobProgress& progress) override;
+    // Steps of other work (cross-validation, tuning): `text` names the stage.
     void Percent(int percent, const std::string& text) override;
     void CreatedObject(std::unique_ptr<KaDataObject> object) override;
     // Ends the bar's line.
@@ -21,7 +23,9 @@ public:
     const std::vector<std::unique_ptr<KaDataObject>>& Created() const { return created_; }
 
 private:
-    void Draw(int percent, const std::string& text);
+    // `rowCount`: the text is a row counter shown beside the bar, not a stage.
+    void Show(int percent, const std::string& text, bool rowCount);
+    void Draw(int percent, const std::string& rowText);
 
     bool quiet_;
     bool tty_;

@@ -1,4 +1,5 @@
 #include "apps/vesk/KaContours.h"
+#include "core/KaBlank.h"
 
 #include <cmath>
 #include <cstdio>
@@ -59,7 +60,7 @@ void CheckInterval(const KaSurface& surface, double interval, const std::string&
     if (m.IsEmpty()) throw KaIoError(name, "the surface holds no grid");
     for (std::size_t i = 0; i < m.Size(); ++i) {
         const double v = m.data[i];
-        if (!std::isfinite(v) || std::fabs(v - info.invalidValue) <= 1e-20) continue;
+        if (KaIsBlankNode(v, info.invalidValue)) continue;
         lo = any ? std::min(lo, v) : v;
         hi = any ? std::max(hi, v) : v;
         any = true;

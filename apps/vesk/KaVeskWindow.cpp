@@ -1,4 +1,5 @@
 #include "apps/vesk/KaVeskWindow.h"
+#include "core/KaBlank.h"
 
 #include <QAction>
 #include <QApplication>
@@ -900,7 +901,7 @@ QString KaVeskWindow::Properties(const KaDataObject& o)
               << tr("Blank value: %1").arg(Num(i.invalidValue));
         std::size_t blank = 0;
         const KaTDataMatrix2D<double>& m = s->GridData();
-        for (std::size_t k = 0; k < m.Size(); ++k) blank += std::fabs(m.data[k] - i.invalidValue) <= 1e-20 || !std::isfinite(m.data[k]);
+        for (std::size_t k = 0; k < m.Size(); ++k) blank += KaIsBlankNode(m.data[k], i.invalidValue);
         lines << tr("Blank nodes: %1 of %2").arg(blank).arg(m.Size());
     } else if (auto* p = dynamic_cast<const KaScatteredPoints*>(&o)) {
         const Ka3DLimit& l = p->GetLimit();
