@@ -6,6 +6,7 @@ KaEstGridSearcher::KaEstGridSearcher(const KaEstGridSearcher& other)
       grid_(other.grid_),
       nearest_(other.nearest_),
       excluded_(other.excluded_),
+      searchNodes_(other.searchNodes_),
       skip_(other.skip_)
 {
 }
@@ -72,7 +73,7 @@ void KaEstGridSearcher::BuildSearchGrid(KaSampleList* samples)
             nearest->Build(*samples, *p);
             if (nearest->IsBuilt()) nearest_ = std::move(nearest);
         } else {
-            grid_ = KaSearchGrid::Build(*p, *samples, PreparationThreads(), UsesRingValues());
+            grid_ = KaSearchGrid::Build(*p, *samples, PreparationThreads(), UsesRingValues(), searchNodes_);
         }
     }
     SetExcludedSample(excluded_);

@@ -46,6 +46,11 @@ public:
     static constexpr std::size_t kNoSample = KaNearestSearch::kNone;
     void SetExcludedSample(std::size_t index);
 
+    // The number of nodes the next search grid will serve when only part of
+    // the record's grid is estimated (a tile); sizes its lookups only, the
+    // neighbours found are the same. Negative: the record's whole grid.
+    void SetSearchNodeCount(double nodes) { searchNodes_ = nodes; }
+
     const KaSearchGridInfo& SearchGridInfo() const;
     std::size_t BucketCount() const { return grid_ ? grid_->BucketCount() : 0; }
     // Samples of one bucket, in sample-list order.
@@ -86,6 +91,7 @@ private:
     // shared by the thread copies like the grid.
     std::shared_ptr<const KaNearestSearch> nearest_;
     std::size_t excluded_ = kNoSample;
+    double searchNodes_ = -1;
     KaSampleSkip skip_;  // the excluded sample's copies in the search grid
     KaSearchWorkspace workspace_;
 };
