@@ -29,6 +29,7 @@
 #include "apps/kagrid/KaProgress.h"
 #include "apps/kagrid/KaRunSetup.h"
 #include "apps/kagrid/KaSubcommands.h"
+#include "apps/kagrid/KaTile.h"
 #include "apps/kagrid/KaTuneCommand.h"
 #include "core/KaRecordFill.h"
 #include "methods/KaEstDataMetrics.h"
@@ -53,6 +54,8 @@ const char* kUsage =
     "       kagrid cross-validate METHOD INPUT [options]   leave-one-out statistics\n"
     "       kagrid variogram INPUT [options]               experimental variogram and fit\n"
     "       kagrid tune METHOD INPUT [options]             settings chosen by cross-validation\n"
+    "       kagrid plan METHOD INPUT PLANDIR --tile-size N [options]   cut the grid into tiles\n"
+    "       kagrid tile PLANDIR INDEX | kagrid merge PLANDIR OUT.vrt|OUT.tif   grid one, mosaic all\n"
     "\n"
     "INPUT   points: CSV or whitespace-separated x y z text, or any vector file GDAL reads;\n"
     "        a raster GDAL reads: its nodes become the samples\n"
@@ -420,6 +423,7 @@ int Run(const Options& o)
 int main(int argc, char** argv)
 {
     if (argc > 1 && IsSubcommand(argv[1])) return RunSubcommand(argc - 1, argv + 1);
+    if (argc > 1 && IsTileCommand(argv[1])) return RunTileCommand(argc - 1, argv + 1);
     const Options o = ParseArguments(argc, argv);
     // The job's own log lines (an allocation failure) reach the user as the
     // run's one-line failure instead.
