@@ -361,7 +361,7 @@ std::string ShardBytes(uint64_t planId, uint64_t tile, const std::vector<Ka3DPoi
 std::unique_ptr<KaSampleList> ReadShard(const Plan& p, uint64_t tile)
 {
     const std::string path = p.ShardPath(tile);
-    const std::string who = "tile " + std::to_string(tile) + ": shard " + path + ": ";
+    const std::string who = "tile " + std::to_string(tile) + " of " + p.file + ": shard " + path + ": ";
     std::ifstream in(path, std::ios::binary);
     if (!in) throw std::runtime_error(who + "missing");
     std::string b((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
@@ -841,8 +841,12 @@ bool TileComplete(const Plan& p, uint64_t t, const std::string& path, std::strin
         if (why) *why = "not a kagrid tile";
         return false;
     }
-    if (id != p.id || std::string(index) != std::to_string(t)) {
+    if (id != p.id) {
         if (why) *why = "belongs to another plan";
+        return false;
+    }
+    if (std::string(index) != std::to_string(t)) {
+        if (why) *why = std::string("is the raster of tile ") + index;
         return false;
     }
     if (static_cast<uint64_t>(ds->GetRasterXSize()) != ti.cols || static_cast<uint64_t>(ds->GetRasterYSize()) != ti.rows) {
@@ -1019,7 +1023,10 @@ int RunTile(const Args& a)
     char* end = nullptr;
     errno = 0;
     const unsigned long long t = std::strtoull(text.c_str(), &end, 10);
-    if (text.empty() || !std::isdigit(static_cast<unsigned char>(text[0])) || *end || errno || t >= p.tiles.size())
+    if (text.empty() || !std::isdigit(static_cast<unsigned char>(text[0])) || *end || errno)
+        throw std::runtime_error(p.file + ": tile " + text + " is not a tile index (0 to " +
+                                 std::to_string(p.tiles.size() - 1) + ")");
+    if (t >= p.tiles.size())
         throw std::runtime_error(p.file + ": tile " + text + " is out of range (the plan has " +
                                  std::to_string(p.tiles.size()) + " tiles, 0 to " +
                                  std::to_string(p.tiles.size() - 1) + ")");
