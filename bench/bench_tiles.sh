@@ -22,8 +22,8 @@ trap 'rm -rf "$work"' EXIT
 PY=/usr/bin/python3
 
 $PY "$root/bench/make_points.py" "$work/points.csv" "$n" 20261124
-h=$($PY -c "print(0.5 / $nodes)")
-args=(--bounds "$h,$h,$(echo "1 - $h" | bc -l),$(echo "1 - $h" | bc -l)" --size "$nodes,$nodes"
+bounds=$($PY -c "h = 0.5 / $nodes; print(f'{h!r},{h!r},{1 - h!r},{1 - h!r}')")
+args=(--bounds "$bounds" --size "$nodes,$nodes"
       --set sectorCount=1 --set blankSectors=1 --set minInAll=8 --set maxFromAll=16 --set maxFromEach=16
       --set radius1=0.0015 --set radius2=0.0015 --set tolerance=1e-9 -q)
 

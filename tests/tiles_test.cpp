@@ -145,6 +145,29 @@ TEST(Tiles, EmptyTileIsBlank)
     EXPECT_EQ(fewest, 0u) << "no tile without points: the case is not tested";
 }
 
+// The n nearest within a radius wider than the survey: each tile reads only
+// the samples its nodes' n nearest can come from, and the mosaic is exact.
+TEST(Tiles, NearestFirstHaloFollowsTheNearestSamples)
+{
+    katest::TempDir d;
+    katest::WriteFile(d / "p.csv", BorderPoints());
+    TiledEqualsSingle(d, "kriging", "14,10",
+                      "--set searchMode=nearest --set radius1=1000 --set radius2=1000 --set maxFromAll=8 "
+                      "--set maxFromEach=8 --set sectorCount=1 --set minInAll=1 --set nuggetOnDiagonal=false");
+    const nlohmann::json plan = Plan(d);
+    uint64_t read = 0;
+    for (const auto& t : plan["tiles"]) read += t["points"].get<uint64_t>();
+    EXPECT_LT(read / plan["tiles"].size(), plan["samples"].get<uint64_t>() / 2) << "points read per tile";
+    // Sectors whose caps bind keep the ellipse as the halo: every sample.
+    ASSERT_EQ(Kagrid("plan inverse-distance " + d / "p.csv " + d / "caps --tile-size 14,10 -q" + kGrid +
+                     "--set searchMode=nearest --set radius1=1000 --set radius2=1000 --set maxFromAll=8 "
+                     "--set maxFromEach=2 --set sectorCount=4")
+                  .status,
+              0);
+    const nlohmann::json caps = Plan(d, "caps");
+    for (const auto& t : caps["tiles"]) EXPECT_EQ(t["points"], plan["samples"]);
+}
+
 TEST(Tiles, TileIsRetrySafeAndRefusesWhatDoesNotMatch)
 {
     katest::TempDir d;

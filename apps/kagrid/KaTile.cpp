@@ -43,6 +43,7 @@
 #include "platform/kadata/KaDelaunayTriangle.h"
 #include "platform/kadata/KaEventsLog.h"
 #include "search/KaEstGridSearcher.h"
+#include "search/KaNearestSearch.h"
 
 namespace fs = std::filesystem;
 using Json = nlohmann::ordered_json;
@@ -599,6 +600,49 @@ void PlanTriangulation(const KaEstimatorGridParam& r, const std::vector<Ka3DPoin
     }
 }
 
+// Nearest first taking the n nearest (one sector, or caps per sector that
+// never bind before n): a node q takes no sample farther than its n-th
+// nearest, and the n nearest samples of the tile's centre c lie within
+// d_n(c) of c, so within d_n(c) + |q - c| of q (in the ellipse's own
+// coordinates, where its distance is a plain one). Each tile's halo is that
+// bound over its corners, when it is below the ellipse's; the selection is
+// then the one the whole survey gives, ties by input order included.
+void NearestHalos(const KaEstGridSearcherParam& r, const std::vector<Ka3DPoint>& points,
+                  const std::vector<TileInfo>& tiles, double mag, std::vector<double>& halos)
+{
+    const int64_t sectors = std::max<int32_t>(r.sectorCount, 1);
+    if (r.maxFromAll < 1 || r.maxFromEach < 1 || (sectors > 1 && r.maxFromEach < r.maxFromAll)) return;
+    const int64_t n = sectors == 1 ? std::min(r.maxFromAll, r.maxFromEach) : r.maxFromAll;
+    if (!(r.radius1 > 0 && r.radius2 > 0)) return;
+    KaSampleList list;
+    for (const Ka3DPoint& q : points) list.Append(q);
+    KaNearestSearch index;
+    index.Build(list, r);
+    list.clear();
+    if (!index.IsBuilt()) return;
+    const KaEllipseMetric& metric = index.Metric();
+    // From metric units back to plane distance: the ellipse's longer axis.
+    const double toPlane = r.radius1 == r.radius2 ? 1.0 : std::max(r.radius1, r.radius2);
+    KaNearestSearch::Workspace ws;
+    std::vector<Ka3DPoint> found;
+    for (std::size_t k = 0; k < tiles.size(); ++k) {
+        const TileInfo& t = tiles[k];
+        // The node box (rect holds it before any halo).
+        const double x0 = t.rect[0], y0 = t.rect[1], x1 = t.rect[2], y1 = t.rect[3];
+        const double cx = (x0 + x1) / 2, cy = (y0 + y1) / 2;
+        index.Search(cx, cy, found, false, KaNearestSearch::kNone, ws);
+        if (static_cast<int64_t>(found.size()) < n) continue;  // fewer within the ellipse: its radius it is
+        double key = 0;
+        for (const Ka3DPoint& s : found) key = std::max(key, metric.Key(s.x - cx, s.y - cy));
+        double corner = 0;
+        for (double qx : {x0, x1})
+            for (double qy : {y0, y1}) corner = std::max(corner, metric.Key(qx - cx, qy - cy));
+        const double bound = (std::sqrt(key) + std::sqrt(corner)) * toPlane;
+        const double halo = std::max(bound * (1 + 1e-9) + 1e-12 * (mag + bound), std::fabs(r.tolerance) * (1 + 1e-9));
+        halos[k] = std::min(halos[k], halo);
+    }
+}
+
 std::string SlurmScript(const Plan& p, const std::string& kagrid, uint64_t perTask)
 {
     const uint64_t tiles = p.tiles.size();
@@ -741,11 +785,16 @@ int RunPlan(const Args& a)
         double mag = std::max({std::fabs(record->xMin), std::fabs(record->xMax), std::fabs(record->yMin),
                                std::fabs(record->yMax)});
         p.halo = h * (1 + 1e-9) + 1e-12 * (mag + h);
-        for (TileInfo& t : p.tiles) {
-            t.rect[0] -= p.halo;
-            t.rect[1] -= p.halo;
-            t.rect[2] += p.halo;
-            t.rect[3] += p.halo;
+        std::vector<double> halos(p.tiles.size(), p.halo);
+        if (p.family == Family::Nearest) NearestHalos(*searchRecord, points, p.tiles, mag, halos);
+        p.halo = 0;
+        for (std::size_t k = 0; k < p.tiles.size(); ++k) {
+            TileInfo& t = p.tiles[k];
+            t.rect[0] -= halos[k];
+            t.rect[1] -= halos[k];
+            t.rect[2] += halos[k];
+            t.rect[3] += halos[k];
+            p.halo = std::max(p.halo, halos[k]);
         }
     }
     p.record = RecordToJson(*record);
@@ -816,6 +865,12 @@ int RunPlan(const Args& a)
                   p.samples ? static_cast<double>(total) / static_cast<double>(p.samples) : 0.0,
                   static_cast<unsigned long long>(p.samples));
     note(line);
+    if (p.tiles.size() > 4 && p.samples > 1000 && 2 * most > p.samples)
+        std::fprintf(stderr,
+                     "kagrid plan: warning: a tile's halo holds %llu of the %llu samples: each tile reads most of "
+                     "the survey; radius1 and radius2 no larger than the neighbourhood the method needs keep "
+                     "the tiles small\n",
+                     static_cast<unsigned long long>(most), static_cast<unsigned long long>(p.samples));
     note("wrote " + p.file);
     return 0;
 }
