@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Tiled gridding against the single run on the same two cores: 10 million
 # random points of the unit square to 10000 x 10000 nodes by inverse distance
-# (one sector, 8 to 16 samples within 0.0015). The single run uses two
+# (one sector, 8 to 16 samples within 0.0014). The single run uses two
 # threads; the tiled run is `kagrid plan` (one process), every tile on a local
 # Dask cluster of two single-threaded worker processes, each tile's process
 # limited to 1 GB, and `kagrid merge` to a VRT. Prints wall times and their
@@ -22,12 +22,13 @@ trap 'rm -rf "$work"' EXIT
 PY=/usr/bin/python3
 
 $PY "$root/bench/make_points.py" "$work/points.csv" "$n" 20261124
-# Node rows off the points' 1e-9 steps by 3.7e-10: a sample due west of a
-# node and a hair below it stops a one-sector walk (kept).
-bounds=$($PY -c "h = 0.5 / $nodes + 3.7e-10; print(f'{h!r},{h!r},{1 - h!r},{1 - h!r}')")
-args=(--bounds "$bounds" --size "$nodes,$nodes"
+# Nodes 1e-4 apart from 5e-5 + 3.7e-10: off the points' 1e-9 steps, since a
+# sample due west of a node and a hair below it stops a one-sector walk (kept).
+start=$($PY -c "print(repr(0.5 / $nodes + 3.7e-10))")
+radius=$($PY -c "print(repr(2 * (16 / (3.14159 * $n)) ** 0.5))")  # twice the radius that holds 16 samples
+args=(--bounds "$start,$start,1,1" --cell "$($PY -c "print(repr(1 / $nodes))")"
       --set sectorCount=1 --set blankSectors=1 --set minInAll=8 --set maxFromAll=16 --set maxFromEach=16
-      --set radius1=0.0015 --set radius2=0.0015 --set tolerance=1e-9 -q)
+      --set radius1="$radius" --set radius2="$radius" --set tolerance=1e-9 -q)
 
 # timed NAME COMMAND...: wall seconds and peak KiB into $work/NAME.t
 timed() {
