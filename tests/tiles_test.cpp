@@ -133,6 +133,25 @@ TEST(Tiles, MosaicEqualsSingleRunForEveryFamily)
     for (const Case& c : cases) TiledEqualsSingle(d, c.method, c.tiles, c.settings, c.stdDev);
 }
 
+// Every searching method of the registry (the shells aside) on one tiling.
+TEST(Tiles, EverySearchingMethodOfTheRegistry)
+{
+    katest::TempDir d;
+    katest::WriteFile(d / "p.csv", BorderPoints());
+    int tested = 0;
+    for (const KaMethodInfo& m : KaMethods()) {
+        if (m.note || m.makeJob) continue;  // shells, and triangulation (tested above)
+        const std::string s = "--set radius1=5 --set radius2=5 --set minInAll=3 --set maxFromAll=16 --set maxFromEach=16";
+        const auto probe = Kagrid("plan " + std::string(m.key) + " " + d / "p.csv " + d / "probe --tile-size 60 -q" +
+                                  kGrid + s);
+        // A method not known to be node by node is refused, never tiled inexactly.
+        if (probe.output.find("only the searching methods and triangulation") != std::string::npos) continue;
+        TiledEqualsSingle(d, m.key, "20,14", s);
+        ++tested;
+    }
+    EXPECT_GE(tested, 8);
+}
+
 // A tile whose halo holds no point is written blank and still merges.
 TEST(Tiles, EmptyTileIsBlank)
 {

@@ -309,10 +309,21 @@ Plan LoadPlan(const std::string& dir)
     return p;
 }
 
+// A temporary name's suffix unique across the machines that share a plan:
+// two runs of one tile on two machines may write at once; the later rename wins
+// and both wrote the same values.
+std::string TempSuffix()
+{
+    char host[256] = "host";
+    ::gethostname(host, sizeof host - 1);
+    host[sizeof host - 1] = '\0';
+    return std::string(".tmp.") + host + "." + std::to_string(::getpid());
+}
+
 // Writes `bytes` to `path` through a temporary name beside it.
 void WriteFileAtomically(const std::string& path, const std::string& bytes)
 {
-    const std::string temp = path + ".tmp." + std::to_string(::getpid());
+    const std::string temp = path + TempSuffix();
     {
         std::ofstream out(temp, std::ios::binary | std::ios::trunc);
         out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
@@ -600,6 +611,18 @@ void PlanTriangulation(const KaEstimatorGridParam& r, const std::vector<Ka3DPoin
     }
 }
 
+// The methods known to estimate each node from its searched neighbours alone,
+// so that a tile needs only the samples of its halo. A method that fits
+// anything to all samples (or one added later and not yet checked) is refused.
+bool NodeByNode(std::string_view key)
+{
+    for (const char* k : {"kriging", "linear-kriging", "inverse-distance", "nearest-neighbor", "moving-average",
+                          "modified-shepard", "data-metrics", "radial-basis", "polynomial-regression",
+                          "local-polynomial"})
+        if (key == k) return true;
+    return false;
+}
+
 // Nearest first taking the n nearest (one sector, or caps per sector that
 // never bind before n): a node q takes no sample farther than its n-th
 // nearest, and the n nearest samples of the tile's centre c lie within
@@ -735,7 +758,8 @@ int RunPlan(const Args& a)
     const auto* searchRecord = dynamic_cast<const KaEstGridSearcherParam*>(record.get());
     if (std::string_view(method->key) == "triangulation") {
         p.family = Family::Triangulation;
-    } else if (searchRecord && dynamic_cast<KaEstGridSearcher*>(estimator.get()) && !method->makeJob) {
+    } else if (searchRecord && dynamic_cast<KaEstGridSearcher*>(estimator.get()) && !method->makeJob &&
+               NodeByNode(method->key)) {
         p.family = searchRecord->searchMode == kKaSearchNearest ? Family::Nearest : Family::Rings;
     } else {
         throw KaParamError(std::string(method->key) +
@@ -919,8 +943,7 @@ void WriteTileRaster(const Plan& p, const KaEstimatorGridParam& r, uint64_t t, c
     GlobalGeoTransform(r, gt);
     gt[0] += static_cast<double>(ti.col0) * gt[1];
     gt[3] += static_cast<double>(p.rows - (ti.row0 + ti.rows)) * gt[5];
-    const std::string temp = (fs::path(path).parent_path() / ("." + fs::path(path).filename().string() + ".tmp." +
-                                                               std::to_string(::getpid()))).string();
+    const std::string temp = (fs::path(path).parent_path() / ("." + fs::path(path).filename().string() + TempSuffix())).string();
     GDALDriver* drv = GetGDALDriverManager()->GetDriverByName("GTiff");
     CPLStringList opts;
     opts.SetNameValue("COMPRESS", "DEFLATE");
@@ -1149,8 +1172,7 @@ void BuildMosaic(const Plan& p, const KaEstimatorGridParam& r, const std::vector
     const bool vrt = lower == ".vrt";
     if (!vrt && lower != ".tif" && lower != ".tiff")
         throw KaIoError(out, "the mosaic is a .vrt or a .tif");
-    const std::string temp = (fs::path(out).parent_path() / ("." + fs::path(out).filename().string() + ".tmp." +
-                                                              std::to_string(::getpid()) + ext)).string();
+    const std::string temp = (fs::path(out).parent_path() / ("." + fs::path(out).filename().string() + TempSuffix() + ext)).string();
     const std::string vrtName = vrt ? temp : "/vsimem/kagrid_mosaic_" + std::to_string(::getpid()) + ".vrt";
     std::vector<const char*> names;
     for (const std::string& s : tiles) names.push_back(s.c_str());
