@@ -99,10 +99,21 @@ bool KaEstLinearTriangulation::RasterizeTriangle(const Ka3DTriangle& t, KaTDataM
 bool KaEstLinearTriangulation::RasterizeTriangle(const Ka3DTriangle& t, KaTDataMatrix2D<double>& matrix,
                                                  int64_t rowBegin, int64_t rowEnd) const
 {
+    if (!typed_ || !geometry_) return false;
+    const Geometry& g = *geometry_;
+    if (matrix.IsEmpty() || matrix.columnCount != g.columnCount || matrix.rowCount != g.rowCount) return false;
+    rowBegin = std::clamp<int64_t>(rowBegin, 0, matrix.rowCount);
+    rowEnd = std::clamp<int64_t>(rowEnd, rowBegin, matrix.rowCount);  // an empty band draws nothing
+    return RasterizeTriangleWindow(t, matrix.data + static_cast<std::size_t>(rowBegin) * matrix.columnCount, 0,
+                                   matrix.columnCount, rowBegin, rowEnd);
+}
+
+bool KaEstLinearTriangulation::RasterizeTriangleWindow(const Ka3DTriangle& t, double* window, int64_t col0,
+                                                       int64_t col1, int64_t row0, int64_t row1) const
+{
     const KaEstLinearTriangulationParam* p = typed_;
     if (!p || !geometry_) return false;
     const Geometry& g = *geometry_;
-    if (matrix.IsEmpty() || matrix.columnCount != g.columnCount || matrix.rowCount != g.rowCount) return false;
     const Ka3DVertex &v0 = t.v[0], &v1 = t.v[1], &v2 = t.v[2];
 
     if (p->limitEdgeLength && p->edgeLengthLimit > 0) {
@@ -138,13 +149,14 @@ bool KaEstLinearTriangulation::RasterizeTriangle(const Ka3DTriangle& t, KaTDataM
 
     const int64_t i0 = static_cast<int64_t>(firstCol), i1 = static_cast<int64_t>(lastCol);
     const int64_t j0 = static_cast<int64_t>(firstRow), j1 = static_cast<int64_t>(lastRow);
-    for (int64_t j = std::max(j0, rowBegin); j <= j1 && j < rowEnd; ++j) {
+    const int64_t width = col1 - col0;
+    for (int64_t j = std::max(j0, row0); j <= j1 && j < row1; ++j) {
         const double y = y0 + j * dy;
-        double* row = matrix.data + static_cast<std::size_t>(j) * matrix.columnCount;
-        for (int64_t i = i0; i <= i1; ++i) {
+        double* row = window + static_cast<std::size_t>(j - row0) * static_cast<std::size_t>(width);
+        for (int64_t i = std::max(i0, col0); i <= i1 && i < col1; ++i) {
             const double x = x0 + i * dx;
             if (InTriangle(x, y, v0.x, v0.y, v1.x, v1.y, v2.x, v2.y))
-                row[i] = -(a * x + b * y + d) / c;
+                row[i - col0] = -(a * x + b * y + d) / c;
         }
     }
     return true;

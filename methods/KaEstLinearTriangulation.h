@@ -51,6 +51,12 @@ public:
     // order, so that the later triangle still wins on shared edges.
     bool RasterizeTriangle(const Ka3DTriangle& t, KaTDataMatrix2D<double>& matrix, int64_t rowBegin,
                            int64_t rowEnd) const;
+    // The same for a window of the output grid (a tile): only the nodes of
+    // columns [col0, col1) and rows [row0, row1) are written, node (i, j) at
+    // window[(j - row0) * (col1 - col0) + (i - col0)]. The skip rules look at
+    // the whole output grid, so every node gets the value the whole grid has.
+    bool RasterizeTriangleWindow(const Ka3DTriangle& t, double* window, int64_t col0, int64_t col1,
+                                 int64_t row0, int64_t row1) const;
 
     // P inside triangle ABC (either orientation), on one of its edges, or on a
     // vertex (within 1e-20).

@@ -5,7 +5,8 @@ set -euo pipefail
 
 packages=(cmake ninja-build g++ pkg-config libgdal-dev gdal-bin libcgal-dev
           nlohmann-json3-dev libgtest-dev qt6-base-dev clang libclang-rt-14-dev
-          qt6-qpa-plugins fonts-dejavu-core xvfb xauth xdotool "$@")
+          qt6-qpa-plugins fonts-dejavu-core xvfb xauth xdotool
+          python3-distributed slurm-wlm munge "$@")
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -26,7 +26,8 @@ void KaExcludeSample(const KaSearchContext& context, KaNodeWorkspace& workspace,
 }
 
 KaEstGridSearcher::KaEstGridSearcher(const KaEstGridSearcher& other)
-    : KaEstimatorGrid(other), searchParam_(other.searchParam_), context_(other.context_)
+    : KaEstimatorGrid(other), searchParam_(other.searchParam_), context_(other.context_),
+      searchNodes_(other.searchNodes_)
 {
     workspace_.excluded = other.workspace_.excluded;
     workspace_.skip = other.workspace_.skip;
@@ -92,7 +93,7 @@ void KaEstGridSearcher::BuildSearchGrid(KaSampleList* samples)
             nearest->Build(*samples, *p);
             if (nearest->IsBuilt()) context_.nearest = std::move(nearest);
         } else {
-            context_.grid = KaSearchGrid::Build(*p, *samples, PreparationThreads(), UsesRingValues());
+            context_.grid = KaSearchGrid::Build(*p, *samples, PreparationThreads(), UsesRingValues(), searchNodes_);
         }
     }
     SetExcludedSample(workspace_.excluded);

@@ -78,6 +78,11 @@ public:
     static constexpr std::size_t kNoSample = KaNearestSearch::kNone;
     void SetExcludedSample(std::size_t index);
 
+    // The number of nodes the next search grid will serve when only part of
+    // the record's grid is estimated (a tile); sizes its lookups only, the
+    // neighbours found are the same. Negative: the record's whole grid.
+    void SetSearchNodeCount(double nodes) { searchNodes_ = nodes; }
+
     const KaSearchGridInfo& SearchGridInfo() const;
     std::size_t BucketCount() const { return context_.grid ? context_.grid->BucketCount() : 0; }
     // Samples of one bucket, in sample-list order.
@@ -119,6 +124,7 @@ private:
     const KaEstGridSearcherParam* searchParam_ = nullptr;  // the record, when a search record
     KaSearchContext context_;
     KaNodeWorkspace workspace_;
+    double searchNodes_ = -1;  // SetSearchNodeCount
 };
 
 // CloneForThread for a searching method whose members are all per-node storage

@@ -184,7 +184,7 @@ int64_t KaBucketLines::NextDistance(int64_t line, int64_t pos, int64_t k, int64_
 }
 
 std::shared_ptr<const KaSearchGrid> KaSearchGrid::Build(const KaEstGridSearcherParam& p, const KaSampleList& samples,
-                                                      unsigned threads, bool values)
+                                                      unsigned threads, bool values, double nodeCount)
 {
     if (!p.IsValid() || samples.empty()) return nullptr;
 
@@ -238,7 +238,9 @@ std::shared_ptr<const KaSearchGrid> KaSearchGrid::Build(const KaEstGridSearcherP
     auto grid = std::make_shared<KaSearchGrid>();
     grid->info_ = g;
     grid->sampleCount_ = n;
-    const double items = static_cast<double>(n) + static_cast<double>(p.columnCount) * static_cast<double>(p.rowCount);
+    const double nodes =
+        nodeCount >= 0 ? nodeCount : static_cast<double>(p.columnCount) * static_cast<double>(p.rowCount);
+    const double items = static_cast<double>(n) + nodes;
     const bool dense = cols * rows <= kDenseBucketsPerItem * (items + 1024);
     // A table of lines costs 4 bytes a line: kept while the lines are not many
     // more than the samples and nodes.

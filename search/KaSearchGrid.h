@@ -163,9 +163,13 @@ public:
     // Null when there is nothing to search: invalid record, no samples, or an
     // output grid without extent. With `threads` above 1 the samples by row
     // and by column are sorted at the same time; the grid is the same. With
-    // `values` the grid also keeps what KaRingSearchValues needs.
+    // `values` the grid also keeps what KaRingSearchValues needs. `nodeCount`,
+    // when not negative, is the number of nodes that will be searched (a tile
+    // of the record's grid) instead of the record's; it only sizes the lookup
+    // structures, never the bucket lattice or the answers.
     static std::shared_ptr<const KaSearchGrid> Build(const KaEstGridSearcherParam& p, const KaSampleList& samples,
-                                                     unsigned threads = 1, bool values = false);
+                                                     unsigned threads = 1, bool values = false,
+                                                     double nodeCount = -1);
 
     const KaSearchGridInfo& Info() const { return info_; }
     std::size_t BucketCount() const

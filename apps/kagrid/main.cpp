@@ -32,6 +32,7 @@
 #include "apps/kagrid/KaProgress.h"
 #include "apps/kagrid/KaRunSetup.h"
 #include "apps/kagrid/KaSubcommands.h"
+#include "apps/kagrid/KaTile.h"
 #include "apps/kagrid/KaTuneCommand.h"
 #include "methods/KaMemoryGuard.h"
 #include "methods/KaMethodRegistry.h"
@@ -58,6 +59,8 @@ const std::string& Usage()
         "       kagrid variogram INPUT [options]               experimental variogram and fit\n"
         "       kagrid tune METHOD INPUT [options]             settings chosen by cross-validation\n"
         "       kagrid predict METHOD INPUT LOCATIONS OUTPUT   estimates at the points of LOCATIONS\n"
+        "       kagrid plan METHOD INPUT PLANDIR --tile-size N [options]   cut the grid into tiles\n"
+        "       kagrid tile PLANDIR INDEX | kagrid merge PLANDIR OUT.vrt|OUT.tif   grid one, mosaic all\n"
         "\n"
         "INPUT   points: CSV or whitespace-separated x y z text, or any vector file GDAL reads;\n"
         "        a raster GDAL reads: its nodes become the samples\n"
@@ -357,6 +360,7 @@ int Run(const Options& o)
 int main(int argc, char** argv)
 {
     if (argc > 1 && IsSubcommand(argv[1])) return RunSubcommand(argc - 1, argv + 1);
+    if (argc > 1 && IsTileCommand(argv[1])) return RunTileCommand(argc - 1, argv + 1);
     const Options o = ParseArguments(argc, argv);
     // The job's own log lines (an allocation failure) reach the user as the
     // run's one-line failure instead.
