@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "core/KaRecordFill.h"
+#include "io/KaDriftRasters.h"
 #include "io/KaIoError.h"
 #include "io/KaOutputFiles.h"
 #include "io/KaParamJson.h"
@@ -87,6 +88,7 @@ KaGridRunResult KaRunGrid(const KaMethodInfo& method, std::unique_ptr<KaEstimato
     const unsigned grids = options.stdDev ? 2 : 1;
     KaCheckMemory(KaGridRunMemory(method, *record, *samples, options.threads, grids, options.gridAdvice));
     const std::string gridSize = KaGridMemoryText(record->columnCount, record->rowCount, grids);
+    KaAttachDriftRasters(*record, *samples);  // kriging with an external drift: its values, read here
 
     std::unique_ptr<KaGridJob> job = MakeJob(method, options.observer);
     job->SetThreadCount(options.threads);
