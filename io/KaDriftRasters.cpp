@@ -72,7 +72,14 @@ void KaAttachDriftRasters(KaEstimatorGridParam& record, const KaSampleList& samp
     for (const std::string& path : SplitPaths(krig->driftRasters)) {
         DriftRaster d;
         d.path = path;
-        d.surface = ReadRasterSurface(path);
+        try {
+            d.surface = ReadRasterSurface(path);
+        } catch (const KaIoError& e) {
+            // The reader's reason, said of the key.
+            std::string why = e.what();
+            if (why.rfind(path + ": ", 0) == 0) why.erase(0, path.size() + 2);
+            throw KaIoError(path, "driftRasters: " + why);
+        }
         const KaSurfaceObjInfo& info = d.surface->GetSurfaceObjInfo();
         d.cols = info.columnCount, d.rows = info.rowCount;
         if (d.cols < 2 || d.rows < 2)
