@@ -5,7 +5,6 @@
 #include <unordered_map>
 #include <vector>
 
-#include "platform/kadata/Ka3DPoint.h"
 
 // kagrid only: the drift of kriging with drift (universal kriging and
 // kriging with an external drift).
