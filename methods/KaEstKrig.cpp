@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <stdexcept>
 
 #include "core/KaFieldVisitor.h"
 #include "methods/numeric/KaMatrix.h"
@@ -115,6 +116,14 @@ void KaEstKrigParam::SetOutputNames(const std::string& objectName, const std::st
 {
     KaEstGridSearcherParam::SetOutputNames(objectName, suffix);
     stdDevName = objectName + "StdDev";  // no underscore
+}
+
+void KaRefuseExternalDrift(const KaEstimatorGridParam& record, const char* what)
+{
+    const auto* krig = dynamic_cast<const KaEstKrigParam*>(&record);
+    if (krig && krig->drift == kKaDriftExternal)
+        throw std::invalid_argument(std::string("drift: an external drift is sampled at the grid's nodes only; ") +
+                                    what + " takes drift none, linear or quadratic");
 }
 
 void KaEstKrig::SetParam(std::unique_ptr<KaEstimatorGridParam> param)

@@ -42,6 +42,12 @@ public:
     std::shared_ptr<const KaDriftValues> driftValues;
 };
 
+// Throws std::invalid_argument (naming the key) when the record krigs with an
+// external drift: its raster values exist at the samples and the grid's nodes
+// only, attached by the gridding pipeline, so `what` (prediction at other
+// positions, cross-validation) cannot use it.
+void KaRefuseExternalDrift(const KaEstimatorGridParam& record, const char* what);
+
 // Kriging from the neighbours of each node with the record's variogram model,
 // written in semivariances: simple kriging solves G w = g0, ordinary kriging
 // the system bordered by the unbiasedness row, both by Gauss-Jordan.

@@ -15,6 +15,8 @@
 #include "io/KaNumericJson.h"
 #include "io/KaRasterIo.h"
 #include "methods/KaEstKrig.h"
+#include "methods/KaMethodRegistry.h"
+#include "methods/KaPredict.h"
 
 using katest::Kagrid;
 
@@ -219,6 +221,16 @@ TEST(KagridDrift, NoneIsOrdinaryKrigingAndBadInputIsRefusedInOneLine)
         EXPECT_EQ(std::count(r.output.begin(), r.output.end(), '\n'), 1) << r.output;
         EXPECT_FALSE(std::filesystem::exists(d / "c.tif"));
     }
+    // The external drift's values exist at the samples and nodes only.
+    const auto cv = Kagrid("cross-validate " + base + grid + " --set drift=external --set driftRasters=" + d / "full.asc");
+    EXPECT_EQ(cv.status, 1);
+    EXPECT_NE(cv.output.find("drift: an external drift is sampled at the grid's nodes only"), std::string::npos)
+        << cv.output;
+    auto samples = katest::Samples(katest::RandomPoints(30, 2, 0, 100, 0, 100));
+    const double at[] = {50.5};
+    EXPECT_THROW(KaPredictAt(*FindMethod("kriging"), Record(kKaDriftExternal, 0, 100, 3, 10), *samples, at, at, true, 1),
+                 std::invalid_argument);
+    EXPECT_NO_THROW(KaPredictAt(*FindMethod("kriging"), Record(kKaDriftLinear, 0, 100, 3, 10), *samples, at, at, true, 1));
     // Both rasters cover: it runs, two drift terms.
     EXPECT_EQ(Kagrid(base + d / "c.tif" + grid + " --set drift=external --set driftRasters=" + d / "full.asc").status, 0);
 }
