@@ -11,9 +11,10 @@
 # The drift rasters are meuse.grid's 40 m lattice written as ASCII grids;
 # kagrid samples a raster at the cell holding the point, and the samples'
 # values given to gstat are taken the same way. The quadratic drift is also
-# run on coordinates shifted by an exact translation ("quadratic-shifted"):
-# the shift leaves the drift's span and so the kriging unchanged, yet moves
-# gstat's raw-coordinate answer by about 1e-3 (its system's conditioning);
+# run on coordinates shifted by an exact translation ("-shifted", the linear
+# too): the shift leaves the drift's span and so the kriging unchanged, yet
+# moves gstat's raw-coordinate answer by up to 6e-4 relative for the
+# quadratic drift, 2e-10 for the linear (its system's conditioning);
 # kagrid centres and scales the drift at each node.
 #
 # KA_BUILD_DIR picks the build directory (default: build/ of the source tree).
@@ -48,11 +49,11 @@ meuse$dem <- gd[cell(meuse$x, meuse$y)]; meuse$sdem <- gs[cell(meuse$x, meuse$y)
 meuse$lzinc <- log(meuse$zinc)
 writeLines(c("x,y,lzinc", sprintf("%.17g,%.17g,%.17g", meuse$x, meuse$y, meuse$lzinc)), file.path(w, "meuse.csv"))
 m <- vgm(0.5, "Sph", 900, 0.05)
-fs <- list(linear = lzinc ~ x + y, quadratic = lzinc ~ x + y + I(x^2) + I(y^2) + I(x*y),
+fs <- list(linear = lzinc ~ x + y, "linear-shifted" = lzinc ~ x + y, quadratic = lzinc ~ x + y + I(x^2) + I(y^2) + I(x*y),
            "quadratic-shifted" = lzinc ~ x + y + I(x^2) + I(y^2) + I(x*y),
            external = lzinc ~ dem, external2 = lzinc ~ dem + sdem)
 krig <- function(name, nodes, nmax) {
-  s <- if (name == "quadratic-shifted") c(180000, 331000) else c(0, 0)
+  s <- if (grepl("shifted", name)) c(180000, 331000) else c(0, 0)
   a <- meuse; a$x <- a$x - s[1]; a$y <- a$y - s[2]; coordinates(a) <- ~x + y
   g <- nodes; g$x <- g$x - s[1]; g$y <- g$y - s[2]; coordinates(g) <- ~x + y
   t <- system.time(k <- krige(fs[[name]], a, g, model = m, nmax = nmax, debug.level = 0))[["elapsed"]]
@@ -108,6 +109,7 @@ common=(--set nuggetOnDiagonal=false --set searchMode=nearest --set sectorCount=
         --set 'variogram={"components": [{"model": "Nugget", "sill": 0.05}, {"model": "Spherical", "sill": 0.5, "range": 900}]}')
 drift() {
   case $1 in
+    linear-shifted) echo "--set drift=linear" ;;
     quadratic-shifted) echo "--set drift=quadratic" ;;
     external) echo "--set drift=external --set driftRasters=$work/dist.asc" ;;
     external2) echo "--set drift=external --set driftRasters=$work/dist.asc,$work/sdist.asc" ;;
@@ -116,7 +118,7 @@ drift() {
 }
 echo "meuse, log(zinc), Nugget 0.05 + Spherical 0.5/900: kagrid against gstat, largest relative differences"
 for nmax in 20 50 155; do
-  for name in linear quadratic quadratic-shifted external external2; do
+  for name in linear linear-shifted quadratic quadratic-shifted external external2; do
     # shellcheck disable=SC2046
     "$kagrid" kriging "$work/meuse.csv" "$work/k.asc" --stddev "$work/s.asc" -of AAIGrid -q "${common[@]}" \
       --set xMin=178460 --set xMax=181540 --set yMin=329620 --set yMax=333740 --set columnCount=78 \
