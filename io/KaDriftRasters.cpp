@@ -127,3 +127,11 @@ void KaAttachDriftRasters(KaEstimatorGridParam& record, const KaSampleList& samp
     }
     krig->driftValues = std::move(values);
 }
+
+long double KaDriftRasterBytes(const KaEstimatorGridParam& record)
+{
+    const auto* krig = dynamic_cast<const KaEstKrigParam*>(&record);
+    if (!krig || krig->drift != kKaDriftExternal) return 0;
+    return static_cast<long double>(SplitPaths(krig->driftRasters).size()) * sizeof(double) *
+           static_cast<long double>(record.columnCount) * static_cast<long double>(record.rowCount);
+}

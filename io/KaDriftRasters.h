@@ -10,3 +10,7 @@
 // raster that cannot be read or does not cover a sample or the grid; a node
 // on a nodata cell is left blank by the estimate, a sample on one is refused.
 void KaAttachDriftRasters(KaEstimatorGridParam& record, const KaSampleList& samples);
+
+// What the external drift's values at the nodes take (8 bytes per node and
+// raster); 0 for any other record.
+long double KaDriftRasterBytes(const KaEstimatorGridParam& record);
