@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "core/KaRecordFill.h"
+#include "io/KaDriftRasters.h"
 #include "io/KaIoError.h"
 #include "io/KaOutputFiles.h"
 #include "io/KaParamJson.h"
@@ -85,8 +86,13 @@ KaGridRunResult KaRunGrid(const KaMethodInfo& method, std::unique_ptr<KaEstimato
                           std::unique_ptr<KaSampleList> samples, const KaGridRunOptions& options)
 {
     const unsigned grids = options.stdDev ? 2 : 1;
-    KaCheckMemory(KaGridRunMemory(method, *record, *samples, options.threads, grids, options.gridAdvice));
+    std::vector<KaMemoryItem> memory = KaGridRunMemory(method, *record, *samples, options.threads, grids, options.gridAdvice);
+    if (const long double drift = KaDriftRasterBytes(*record); drift > 0)
+        memory.push_back({"the drift rasters' values at the nodes need " + KaBytesText(drift),
+                          "name fewer driftRasters or " + options.gridAdvice, drift});
+    KaCheckMemory(memory);
     const std::string gridSize = KaGridMemoryText(record->columnCount, record->rowCount, grids);
+    KaAttachDriftRasters(*record, *samples);  // kriging with an external drift: its values, read here
 
     std::unique_ptr<KaGridJob> job = MakeJob(method, options.observer);
     job->SetThreadCount(options.threads);

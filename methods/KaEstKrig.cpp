@@ -1,6 +1,8 @@
 #include "methods/KaEstKrig.h"
 
+#include <algorithm>
 #include <cmath>
+#include <stdexcept>
 
 #include "core/KaFieldVisitor.h"
 #include "methods/numeric/KaMatrix.h"
@@ -9,6 +11,13 @@ namespace {
 
 const char* const kKrigTypes[] = {"Simple", "Ordinary"};
 const char* const kDriftTypes[] = {"None", "Linear", "Quadratic"};
+const char* const kDrifts[] = {"none", "linear", "quadratic", "external"};
+const char* const kDriftHelp[] = {
+    "ordinary kriging, as without the key",
+    "a drift linear in x and y (universal kriging, as gstat's z ~ x + y)",
+    "a drift quadratic in x and y (as gstat's z ~ x + y + I(x^2) + I(y^2) + I(x*y))",
+    "a drift linear in the values of driftRasters (kriging with an external drift, as gstat's z ~ dem)",
+};
 
 }  // namespace
 
@@ -28,7 +37,10 @@ KaEstKrigParam::KaEstKrigParam(const KaEstKrigParam& other)
       createStdDev(other.createStdDev),
       stdDevName(other.stdDevName),
       variogram(other.variogram ? other.variogram->Clone().release() : nullptr),
-      nuggetOnDiagonal(other.nuggetOnDiagonal)
+      nuggetOnDiagonal(other.nuggetOnDiagonal),
+      drift(other.drift),
+      driftRasters(other.driftRasters),
+      driftValues(other.driftValues)
 {
 }
 
@@ -42,6 +54,9 @@ KaEstKrigParam& KaEstKrigParam::operator=(const KaEstKrigParam& other)
     stdDevName = other.stdDevName;
     SetVariogram(other.variogram ? other.variogram->Clone().release() : nullptr);
     nuggetOnDiagonal = other.nuggetOnDiagonal;
+    drift = other.drift;
+    driftRasters = other.driftRasters;
+    driftValues = other.driftValues;
     return *this;
 }
 
@@ -60,6 +75,15 @@ std::string KaEstKrigParam::Validate() const
     if (!search.empty()) return search;
     if (!variogram || !variogram->IsValid()) return "variogram: must hold at least one component";
     if (createStdDev && stdDevName.empty()) return "stdDevName: must not be empty when createStdDev is set";
+    if (drift == kKaDriftExternal && driftRasters.find_first_not_of(" ,") == std::string::npos)
+        return "driftRasters: must name one or more rasters when drift is external";
+    if (drift != kKaDriftExternal && !driftRasters.empty())
+        return "driftRasters: only read when drift is external";
+    if (drift != kKaDriftNone) {
+        if (krigType != 1) return "drift: needs krigType Ordinary";
+        if (searchMode != kKaSearchNearest) return "drift: needs searchMode nearest";
+        if (nuggetOnDiagonal) return "drift: needs nuggetOnDiagonal=false (the textbook nugget)";
+    }
     return {};
 }
 
@@ -78,12 +102,28 @@ void KaEstKrigParam::VisitFields(KaFieldVisitor& v)
     v.Field("nuggetOnDiagonal", nuggetOnDiagonal,
             "true: the variogram at zero separation is the nugget sill, so for ordinary kriging a nugget "
             "changes nothing; false: it is 0 and a nugget smooths the estimate");
+    v.Choice("drift", drift, kDrifts,
+             KaField("kagrid only: kriging with drift, fitted in each node's neighbourhood (ordinary kriging, "
+                     "searchMode nearest, nuggetOnDiagonal=false); driftType stays carried only")
+                 .Choices(kDriftHelp));
+    v.Field("driftRasters", driftRasters,
+            "kagrid only: for drift=external, one or more rasters (comma-separated), each sampled at every "
+            "sample and node from the cell holding it (nearest, no interpolation); they must cover the samples "
+            "and the grid, and a node on a nodata cell is blank");
 }
 
 void KaEstKrigParam::SetOutputNames(const std::string& objectName, const std::string& suffix)
 {
     KaEstGridSearcherParam::SetOutputNames(objectName, suffix);
     stdDevName = objectName + "StdDev";  // no underscore
+}
+
+void KaRefuseExternalDrift(const KaEstimatorGridParam& record, const char* what)
+{
+    const auto* krig = dynamic_cast<const KaEstKrigParam*>(&record);
+    if (krig && krig->drift == kKaDriftExternal)
+        throw std::invalid_argument(std::string("drift: an external drift is sampled at the grid's nodes only; ") +
+                                    what + " takes drift none, linear or quadratic");
 }
 
 void KaEstKrig::SetParam(std::unique_ptr<KaEstimatorGridParam> param)
@@ -107,6 +147,7 @@ double KaEstKrig::EstimateNode(double x, double y)
     if (!p || !p->variogram) return BlankValue();
 
     krigingVariance_ = p->blankValue;
+    if (p->drift != kKaDriftNone) return EstimateWithDrift(*p, x, y);
     count_ = static_cast<int32_t>(Neighbours().size());
     order_ = count_ + (p->krigType == 1 ? 1 : 0);
     if (!BuildMatrix(*p, Neighbours())) return p->blankValue;
@@ -182,6 +223,89 @@ double KaEstKrig::Combine(const KaEstKrigParam& p, const KaNeighbours& nb)
         variance += weights_[count_];
         magnitude += std::fabs(weights_[count_]);
     }
+    nodeStdDev_ = KaStdDevFromVariance(variance, magnitude);
+    return estimate;
+}
+
+double KaEstKrig::EstimateWithDrift(const KaEstKrigParam& p, double x, double y)
+{
+    const KaNeighbours& nb = Neighbours();
+    const int32_t m = static_cast<int32_t>(nb.size());
+    const KaDriftValues* values = p.drift == kKaDriftExternal ? p.driftValues.get() : nullptr;
+    if (p.drift == kKaDriftExternal && !values) return p.blankValue;  // no values attached
+    const uint32_t k = values ? values->Rasters() : 0;
+    const int32_t terms = KaDriftTerms(p.drift, k);
+    if (m < terms) return p.blankValue;  // too few neighbours to fit the drift
+
+    // External values: the node's, each neighbour's, and the spread about
+    // the node's that scales them.
+    const std::size_t uk = k;
+    driftWork_.resize(static_cast<std::size_t>(m) * uk + 2 * uk + static_cast<std::size_t>(terms));
+    double* ext = driftWork_.data();
+    double* extScale = ext + static_cast<std::size_t>(m) * uk;
+    const double* ext0 = nullptr;
+    if (values) {
+        ext0 = values->AtNode(x, y);
+        if (!ext0) return p.blankValue;
+        for (uint32_t r = 0; r < k; ++r)
+            if (std::isnan(ext0[r])) return p.blankValue;  // a nodata cell
+        for (uint32_t r = 0; r < k; ++r) extScale[r] = 0.0;
+        for (int32_t j = 0; j < m; ++j) {
+            const double* e = values->AtSample(nb[j].x, nb[j].y);
+            if (!e) return p.blankValue;
+            for (uint32_t r = 0; r < k; ++r) {
+                ext[j * uk + r] = e[r];
+                extScale[r] = std::max(extScale[r], std::fabs(e[r] - ext0[r]));
+            }
+        }
+        for (uint32_t r = 0; r < k; ++r)
+            if (!(extScale[r] > 0)) extScale[r] = 1.0;  // constant here: the system is singular anyway
+    }
+    double scale = 0.0;
+    for (int32_t j = 0; j < m; ++j) scale = std::max({scale, std::fabs(nb[j].x - x), std::fabs(nb[j].y - y)});
+    if (!(scale > 0)) scale = 1.0;
+    double* f = extScale + uk;
+
+    // [G F; F' 0] [w; mu] = [g0; f0]
+    const int32_t n = m + terms;
+    const std::size_t stride = static_cast<std::size_t>(n);
+    matrix_.assign(stride * stride, 0.0);
+    rhs_.resize(stride);
+    weights_.resize(stride);
+    double* a = matrix_.data();
+    for (int32_t j = 0; j < m; ++j) {
+        const Ka3DPoint& pj = nb[j];
+        for (int32_t i = 0; i < j; ++i) {
+            const double v = Gamma(p, nb[i].x - pj.x, nb[i].y - pj.y);
+            a[j * stride + i] = v;
+            a[i * stride + j] = v;
+        }
+        a[j * stride + j] = Gamma(p, 0.0, 0.0);
+        KaDriftFunctions(p.drift, pj.x, pj.y, x, y, scale, ext + j * uk, ext0, extScale, k, f);
+        for (int32_t t = 0; t < terms; ++t) {
+            a[j * stride + (m + t)] = f[t];
+            a[(m + t) * stride + j] = f[t];
+        }
+        rhs_[j] = weights_[j] = Gamma(p, x - pj.x, y - pj.y);
+    }
+    // At the node itself the centred functions are 1, 0, 0, ...
+    KaDriftFunctions(p.drift, x, y, x, y, scale, ext0, ext0, extScale, k, f);
+    for (int32_t t = 0; t < terms; ++t) rhs_[m + t] = weights_[m + t] = f[t];
+    if (GaussJordanSolution(a, n, weights_.data()) == 0) return p.blankValue;
+
+    double estimate = 0.0, variance = 0.0, magnitude = 0.0;
+    for (int32_t j = 0; j < m; ++j) {
+        estimate += nb[j].z * weights_[j];
+        const double t = rhs_[j] * weights_[j];
+        variance += t;
+        magnitude += std::fabs(t);
+    }
+    for (int32_t t = 0; t < terms; ++t) {
+        const double v = rhs_[m + t] * weights_[m + t];
+        variance += v;
+        magnitude += std::fabs(v);
+    }
+    krigingVariance_ = variance;
     nodeStdDev_ = KaStdDevFromVariance(variance, magnitude);
     return estimate;
 }

@@ -1,9 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "methods/KaKrigDrift.h"
 #include "methods/numeric/KaVario.h"
 #include "search/KaEstGridSearcher.h"
 
@@ -31,7 +33,20 @@ public:
     // true: the variogram at zero separation is the nugget sill (the design);
     // false: it is 0, and the nugget applies to every separation above 0.
     bool nuggetOnDiagonal = true;
+    // kagrid only (the dialogs never set them): kriging with drift, the
+    // drift's functions as further unknowns of each node's system.
+    int32_t drift = kKaDriftNone;
+    std::string driftRasters;  // external drift: raster files, comma-separated
+    // The rasters' values at the samples and nodes, attached by the front end
+    // before the run (no file is read here); not a field.
+    std::shared_ptr<const KaDriftValues> driftValues;
 };
+
+// Throws std::invalid_argument (naming the key) when the record krigs with an
+// external drift: its raster values exist at the samples and the grid's nodes
+// only, attached by the gridding pipeline, so `what` (prediction at other
+// positions, cross-validation) cannot use it.
+void KaRefuseExternalDrift(const KaEstimatorGridParam& record, const char* what);
 
 // Kriging from the neighbours of each node with the record's variogram model,
 // written in semivariances: simple kriging solves G w = g0, ordinary kriging
@@ -52,6 +67,9 @@ protected:
     bool BuildMatrix(const KaEstKrigParam& p, const KaNeighbours& n);
     bool BuildRightHandSide(const KaEstKrigParam& p, double x, double y, const KaNeighbours& n);
     double Combine(const KaEstKrigParam& p, const KaNeighbours& n);
+    // Kriging with drift: the neighbours' variogram bordered by the drift
+    // functions (universal kriging; the constant is ordinary kriging's row).
+    double EstimateWithDrift(const KaEstKrigParam& p, double x, double y);
     // The variogram between two points, with the zero-separation rule.
     static double Gamma(const KaEstKrigParam& p, double dx, double dy)
     {
@@ -67,4 +85,5 @@ protected:
     std::vector<double> weights_;
     int32_t order_ = 0;  // neighbours, plus 1 for ordinary kriging
     int32_t count_ = 0;  // neighbours
+    std::vector<double> driftWork_;  // drift functions and external values per neighbour
 };

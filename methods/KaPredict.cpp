@@ -4,6 +4,7 @@
 #include <cmath>
 
 #include "core/KaGridJob.h"
+#include "methods/KaEstKrig.h"
 #include "methods/KaMethodRegistry.h"
 
 KaPrediction KaPredictAt(const KaMethodInfo& method, std::unique_ptr<KaEstimatorGridParam> record,
@@ -17,6 +18,7 @@ KaPrediction KaPredictAt(const KaMethodInfo& method, std::unique_ptr<KaEstimator
         throw std::invalid_argument(std::string(method.key) + " draws its grid as a whole and cannot estimate "
                                     "at single positions");
     if (!record || !record->IsValid()) throw std::invalid_argument("invalid record: " + (record ? record->Validate() : "none"));
+    KaRefuseExternalDrift(*record, "prediction at arbitrary positions");
 
     std::unique_ptr<KaEstimatorGrid> first = method.makeEstimator();
     first->SetParam(std::move(record));

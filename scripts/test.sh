@@ -3,7 +3,9 @@
 # AddressSanitizer and UndefinedBehaviorSanitizer.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-"$root/scripts/deps.sh" gmt r-cran-gstat r-cran-sp  # the references of the block, spline and variogram comparisons
+# The references of the comparisons: GMT (block reduction, splines), R and
+# gstat (variogram lags, kriging with drift).
+"$root/scripts/deps.sh" gmt r-base-core r-cran-gstat r-cran-sp
 "$root/scripts/check_includes.sh" "$root"
 
 "$root/scripts/build.sh" "$root/build"

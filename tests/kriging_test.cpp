@@ -116,10 +116,11 @@ TEST(KrigParam, DefaultsNamesAndFields)
 
     EXPECT_EQ(katest::OwnKeys(p, KaEstGridSearcherParam()),
               (std::vector<std::string>{"krigType", "driftType", "createStdDev", "stdDevName", "variogram",
-                                        "nuggetOnDiagonal"}));
+                                        "nuggetOnDiagonal", "drift", "driftRasters"}));
     EXPECT_EQ(katest::Choices(p), (std::map<std::string, std::vector<std::string>>{
                                       {"krigType", {"Simple", "Ordinary"}},
                                       {"driftType", {"None", "Linear", "Quadratic"}},
+                                      {"drift", {"none", "linear", "quadratic", "external"}},
                                       {"searchMode", {"rings", "nearest"}}}));
 }
 

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
@@ -214,4 +215,31 @@ TEST(Library, ProgressCallbackCancelsAndMemoryIsCheckedFirst)
             << e.what();
     }
     ::unsetenv("KAGRID_MACHINE_MEMORY");
+}
+
+TEST(Library, KrigingWithAnExternalDriftIsKagrids)
+{
+    TempDir dir;
+    const kagrid::Points points = kagrid::readPoints(kInput);
+    // The drift raster: the samples' inverse-distance grid on the same lattice.
+    const std::string dem = (dir.path / "dem.tif").string(), file = (dir.path / "k.tif").string();
+    ASSERT_EQ(RunKagrid(std::string("inverse-distance ") + kInput + " " + dem + SetArgs(kCases[1]) +
+                        " --set columnCount=40 --set rowCount=30"),
+              0);
+    std::vector<std::pair<std::string, std::string>> settings = {
+        {"columnCount", "40"}, {"rowCount", "30"},          {"searchMode", "nearest"}, {"nuggetOnDiagonal", "false"},
+        {"maxFromAll", "16"},  {"maxFromEach", "16"},       {"drift", "external"},     {"driftRasters", dem}};
+    std::string args;
+    for (const auto& [k, v] : settings) args += " --set " + k + "=" + v;
+    ASSERT_EQ(RunKagrid(std::string("kriging ") + kInput + " " + file + args), 0);
+    const kagrid::Record record = kagrid::Record::make("kriging", points.view(), {}, settings);
+    const kagrid::Grid grid = kagrid::grid(record, points.view());
+    const auto expected = ReadRasterSurface(file);
+    ASSERT_EQ(grid.z.size(), expected->GridData().Size());
+    EXPECT_EQ(0, std::memcmp(grid.z.data(), expected->GridData().data, grid.z.size() * sizeof(double)));
+    EXPECT_EQ(std::count(grid.z.begin(), grid.z.end(), record.blankValue()), 0);
+    // Not the ordinary kriging grid.
+    settings[6].second = "none";
+    settings.pop_back();
+    EXPECT_NE(kagrid::grid(kagrid::Record::make("kriging", points.view(), {}, settings), points.view()).z, grid.z);
 }

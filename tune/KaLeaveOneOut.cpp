@@ -7,8 +7,9 @@
 
 #include "core/KaBlank.h"
 #include "core/KaRowDriver.h"
-#include "io/KaParamJson.h"
 #include "core/KaGridJob.h"
+#include "io/KaParamJson.h"
+#include "methods/KaEstKrig.h"
 #include "search/KaEstGridSearcher.h"
 
 namespace {
@@ -82,6 +83,7 @@ std::vector<double> KaLeaveOneOut::Observed() const
 
 std::vector<double> KaLeaveOneOut::Run(KaEstimatorGridParam& record, const std::function<void(std::size_t)>& progress)
 {
+    KaRefuseExternalDrift(record, "cross-validation");
     // The first estimator builds the search structure (the ring walk's
     // buckets, or the nearest-first index) and keeps it while the search
     // settings stay the same; the other threads run its thread copies, which
