@@ -75,6 +75,9 @@ const Option kOptions[] = {
     Option("--write-params", "FILE", kKaTune, "the best settings as a parameter file for --params"),
     Option("--max-blank", "PERCENT", kKaTune,
            "a candidate leaving more samples than this not estimable loses\nto one that does not (default 1)"),
+    Option("--folds", "K", kKaTune,
+           "score by blocked K-fold cross-validation instead of leave-one-out\n(needs --block; see the README)"),
+    Option("--block", "SIZE", kKaTune, "the side of the square blocks the folds are made of"),
     Option("--x", "COL", kKaAllCommands,
            "text input: columns by 1-based number or header name (default: the\n"
            "header's x, y, z (easting, lon, ...) when it has them, else 1 2 3);\n"
