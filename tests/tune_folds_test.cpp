@@ -11,6 +11,7 @@
 
 #include "KaTestSupport.h"
 #include "io/KaParamJson.h"
+#include "methods/KaEstLinearTriangulation.h"
 #include "methods/KaEstLocalPolynomial.h"
 #include "methods/KaEstModifiedShepard.h"
 #include "tune/KaFolds.h"
@@ -80,6 +81,30 @@ TEST(Folds, EachFoldEstimatedFromTheOthers)
             EXPECT_NE(est[k], points[k].z) << "sample " << k << " saw its own fold";
         }
     }
+}
+
+// Triangulation scored by folds: the plane through the other folds' triangle
+// (exact on a plane), blank outside their hull and where the edge limit drops
+// the triangle.
+TEST(Folds, TriangulationFoldsAreLinearAndBlankOutsideTheHull)
+{
+    auto points = katest::RandomPoints(400, 17, 0, 1000, 0, 800);
+    for (Ka3DPoint& p : points) p.z = 0.25 * p.x - 0.5 * p.y + 7;
+    const std::vector<int> fold = KaBlockedFolds(points, 5, 150);
+    KaEstLinearTriangulationParam record;
+    const std::vector<double> est = KaRunTriangulationFolds(record, points, fold);
+    std::size_t blank = 0;
+    for (std::size_t k = 0; k < points.size(); ++k) {
+        if (std::isnan(est[k])) {
+            ++blank;
+            continue;
+        }
+        EXPECT_NEAR(est[k], points[k].z, 1e-9) << k;
+    }
+    EXPECT_GT(blank, 0u);                  // blocks on the border lie outside the others' hull
+    EXPECT_LT(blank, points.size() / 2);
+    record.limitEdgeLength = true, record.edgeLengthLimit = 1;  // every triangle dropped
+    for (double v : KaRunTriangulationFolds(record, points, fold)) EXPECT_TRUE(std::isnan(v));
 }
 
 // Grids of modified Shepard's method do not depend on power (its local
@@ -159,7 +184,7 @@ TEST(Folds, AutoPicksTheBestMethodAndNamesIt)
                           d / "best.json");
     ASSERT_EQ(t.status, 0) << t.output;
     EXPECT_NE(t.output.find("blocked 4-fold"), std::string::npos) << t.output;
-    EXPECT_NE(t.output.find("not scored"), std::string::npos) << t.output;
+    EXPECT_EQ(t.output.find("not scored"), std::string::npos) << t.output;  // triangulation too, by folds
     std::map<std::string, double> rmse;
     std::string starred;
     std::istringstream lines(t.output);
@@ -172,6 +197,7 @@ TEST(Folds, AutoPicksTheBestMethodAndNamesIt)
         if (number.back() == '*') starred = method;
     }
     ASSERT_GE(rmse.size(), 6u) << t.output;
+    EXPECT_TRUE(rmse.count("triangulation")) << t.output;
     ASSERT_FALSE(starred.empty()) << t.output;
     // RMSEs closer than a billionth of the z range (here about 2e-6) tie; the earlier method keeps its place.
     for (const auto& [method, value] : rmse) EXPECT_LE(rmse[starred], value + 1e-5) << method;

@@ -12,6 +12,8 @@
 #include <utility>
 
 #include "io/KaParamJson.h"
+#include "methods/KaEstLinearTriangulation.h"
+#include "platform/kadata/KaDelaunayTriangle.h"
 #include "search/KaEstGridSearcher.h"
 
 namespace {
@@ -109,5 +111,99 @@ std::vector<double> KaRunFolds(const KaMethodInfo& method, const KaEstimatorGrid
     for (auto& t : pool) t.join();
     if (progress) progress(done);
     if (failure) std::rethrow_exception(failure);
+    return estimated;
+}
+
+namespace {
+
+double SquaredEdge(const Ka3DVertex& a, const Ka3DVertex& b, bool withZ)
+{
+    const double dx = a.x - b.x, dy = a.y - b.y, dz = withZ ? a.z - b.z : 0.0;
+    return dx * dx + dy * dy + dz * dz;
+}
+
+// The triangles of a set bucketed by their bounding boxes, for point location.
+class TriangleIndex {
+public:
+    explicit TriangleIndex(std::vector<Ka3DTriangle> triangles) : triangles_(std::move(triangles))
+    {
+        x0_ = y0_ = INFINITY;
+        double x1 = -INFINITY, y1 = -INFINITY;
+        for (const Ka3DTriangle& t : triangles_)
+            for (const Ka3DVertex& v : t.v)
+                x0_ = std::min(x0_, v.x), y0_ = std::min(y0_, v.y), x1 = std::max(x1, v.x), y1 = std::max(y1, v.y);
+        side_ = std::max<std::size_t>(1, static_cast<std::size_t>(std::sqrt(static_cast<double>(triangles_.size()))));
+        cw_ = std::max((x1 - x0_) / side_, 1e-300), ch_ = std::max((y1 - y0_) / side_, 1e-300);
+        cells_.resize(side_ * side_);
+        for (std::size_t k = 0; k < triangles_.size(); ++k) {
+            const Ka3DTriangle& t = triangles_[k];
+            const auto [i0, j0] = CellOf(std::min({t.v[0].x, t.v[1].x, t.v[2].x}), std::min({t.v[0].y, t.v[1].y, t.v[2].y}));
+            const auto [i1, j1] = CellOf(std::max({t.v[0].x, t.v[1].x, t.v[2].x}), std::max({t.v[0].y, t.v[1].y, t.v[2].y}));
+            for (std::size_t j = j0; j <= j1; ++j)
+                for (std::size_t i = i0; i <= i1; ++i) cells_[j * side_ + i].push_back(k);
+        }
+    }
+
+    double At(double x, double y) const
+    {
+        if (triangles_.empty()) return NAN;
+        const auto [i, j] = CellOf(x, y);
+        for (std::size_t k : cells_[j * side_ + i]) {
+            const Ka3DTriangle& t = triangles_[k];
+            const Ka3DVertex &a = t.v[0], &b = t.v[1], &c = t.v[2];
+            if (!KaEstLinearTriangulation::PointInTriangle(x, y, a.x, a.y, b.x, b.y, c.x, c.y)) continue;
+            const double det = (b.x - a.x) * (c.y - a.y) - (c.x - a.x) * (b.y - a.y);
+            if (det == 0) continue;
+            const double u = ((x - a.x) * (c.y - a.y) - (c.x - a.x) * (y - a.y)) / det;
+            const double v = ((b.x - a.x) * (y - a.y) - (x - a.x) * (b.y - a.y)) / det;
+            return a.z + u * (b.z - a.z) + v * (c.z - a.z);
+        }
+        return NAN;
+    }
+
+private:
+    std::pair<std::size_t, std::size_t> CellOf(double x, double y) const
+    {
+        auto clamp = [&](double v) {
+            return static_cast<std::size_t>(std::clamp(std::floor(v), 0.0, static_cast<double>(side_ - 1)));
+        };
+        return {clamp((x - x0_) / cw_), clamp((y - y0_) / ch_)};
+    }
+
+    std::vector<Ka3DTriangle> triangles_;
+    double x0_, y0_, cw_ = 1, ch_ = 1;
+    std::size_t side_ = 1;
+    std::vector<std::vector<std::size_t>> cells_;
+};
+
+}  // namespace
+
+std::vector<double> KaRunTriangulationFolds(const KaEstLinearTriangulationParam& record,
+                                            const std::vector<Ka3DPoint>& points, const std::vector<int>& fold)
+{
+    const int folds = fold.empty() ? 0 : *std::max_element(fold.begin(), fold.end()) + 1;
+    std::vector<double> estimated(points.size(), NAN);
+    const bool limited = record.limitEdgeLength && record.edgeLengthLimit > 0;
+    const double limit2 = record.edgeLengthLimit * record.edgeLengthLimit;
+    for (int f = 0; f < folds; ++f) {
+        std::vector<Ka3DPoint> training;
+        for (std::size_t k = 0; k < points.size(); ++k)
+            if (fold[k] != f) training.push_back(points[k]);
+        KaDelaunayTriangle mesh;
+        mesh.SetScatteredPoint(training);
+        std::vector<Ka3DTriangle> kept;
+        if (const std::shared_ptr<const KaTriangleSet> set = mesh.GetTriangles())
+            for (const Ka3DTriangle& t : *set) {
+                const bool z = record.useXYZLength;
+                // an edge exactly as long as the limit is kept, as in gridding
+                if (limited && (SquaredEdge(t.v[0], t.v[1], z) > limit2 || SquaredEdge(t.v[1], t.v[2], z) > limit2 ||
+                                SquaredEdge(t.v[2], t.v[0], z) > limit2))
+                    continue;
+                kept.push_back(t);
+            }
+        const TriangleIndex index(std::move(kept));
+        for (std::size_t k = 0; k < points.size(); ++k)
+            if (fold[k] == f) estimated[k] = index.At(points[k].x, points[k].y);
+    }
     return estimated;
 }

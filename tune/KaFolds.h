@@ -34,3 +34,13 @@ std::vector<int> KaBlockedFolds(const std::vector<Ka3DPoint>& points, int folds,
 std::vector<double> KaRunFolds(const KaMethodInfo& method, const KaEstimatorGridParam& record,
                                const std::vector<Ka3DPoint>& points, const std::vector<int>& fold, unsigned threads,
                                const std::function<void(std::size_t)>& progress = {});
+
+class KaEstLinearTriangulationParam;
+
+// Triangulation has no search to leave a sample out of: each fold's points
+// are estimated on the Delaunay triangulation of the other folds' points (the
+// plane through the triangle holding the point, NaN outside the hull or in a
+// triangle the record's edge limit drops). Blocked folds only: leave-one-out
+// would re-triangulate once per sample.
+std::vector<double> KaRunTriangulationFolds(const KaEstLinearTriangulationParam& record,
+                                            const std::vector<Ka3DPoint>& points, const std::vector<int>& fold);

@@ -15,6 +15,8 @@
 #include "io/KaOutputFiles.h"
 #include "io/KaParamJson.h"
 #include "methods/KaMemoryGuard.h"
+#include "methods/KaEstLinearTriangulation.h"
+#include "tune/KaFolds.h"
 #include "tune/KaTune.h"
 #include "core/KaGridJob.h"
 #include "search/KaEstGridSearcher.h"
@@ -128,6 +130,34 @@ void WarnFarValues(const KaMethodInfo& method, const KaEstimatorGridParam& recor
                      "the samples: %s\n", method.key, kKaFarValueLattice, kKaFarValueLattice, w.c_str());
 }
 
+// Triangulation has no settings to tune here: the record as filled, scored by
+// the blocked folds (see KaRunTriangulationFolds).
+Timed ScoreTriangulation(const KaMethodInfo& method, KaEstimatorGridParam& record, const KaSampleList& samples,
+                         const KaTuneOptions& options)
+{
+    const auto* tri = dynamic_cast<const KaEstLinearTriangulationParam*>(&record);
+    if (!tri) throw KaParamError(std::string(method.key) + " cannot be scored");
+    const auto start = std::chrono::steady_clock::now();
+    const std::vector<Ka3DPoint> points = ValidPoints(samples, record.originalInvalidValue);
+    std::vector<int> folds;
+    try {
+        folds = KaBlockedFolds(points, options.folds, options.block);
+    } catch (const std::invalid_argument& e) {
+        throw KaParamError(e.what());
+    }
+    std::vector<double> observed;
+    for (const Ka3DPoint& p : points) observed.push_back(p.z);
+    Timed t;
+    KaTuneCandidate c;
+    c.stage = "method";
+    c.label = "as given";
+    c.search = c.method = c.settings = nlohmann::ordered_json::object();
+    t.result.rows.push_back(KaTuneRow{c, KaSummarise(observed, KaRunTriangulationFolds(*tri, points, folds))});
+    t.result.record = method.cloneParam(record);
+    t.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    return t;
+}
+
 // kagrid tune auto: every method that can be scored, each tuned, the best of the bests.
 int RunTuneAuto(const KaSubOptions& o)
 {
@@ -157,9 +187,13 @@ int RunTuneAuto(const KaSubOptions& o)
     for (const KaMethodInfo& m : KaMethods()) {
         // Shells and data metrics do not estimate z.
         if (m.note || !m.review.zValues) continue;
+        bool searched = true;
         try {
             KaRequireLeaveOneOut(m);
         } catch (const KaParamError&) {
+            searched = false;
+        }
+        if (!searched && !(m.can.mesh && options.folds)) {
             unscored.push_back(m.key);
             continue;
         }
@@ -167,7 +201,8 @@ int RunTuneAuto(const KaSubOptions& o)
         if (!samples) samples = TakeSamples(*setup.input, input);
         setup.input.reset();
         if (!o.quiet) std::fprintf(stderr, "kagrid tune auto: %s\n", m.key);
-        Timed t = Tune(m, *setup.record, *samples, options, o.quiet);
+        Timed t = searched ? Tune(m, *setup.record, *samples, options, o.quiet)
+                           : ScoreTriangulation(m, *setup.record, *samples, options);
         scored.push_back(Entry{&m, std::move(t), std::move(setup.record)});
     }
     if (scored.empty()) throw KaParamError("no method can be scored");
@@ -197,7 +232,10 @@ int RunTuneAuto(const KaSubOptions& o)
     std::string skipped;
     for (const std::string& k : unscored) skipped += (skipped.empty() ? "" : ", ") + k;
     if (!skipped.empty())
-        std::printf("not scored (they do not estimate from searched samples): %s\n", skipped.c_str());
+        std::printf("not scored (%s): %s\n",
+                    options.folds ? "they do not estimate from searched samples"
+                                  : "leave-one-out would re-triangulate once per sample; --folds scores triangulation",
+                    skipped.c_str());
     const Entry& pick = scored[best];
     const KaTuneRow& row = pick.t.result.rows[pick.t.result.best];
     std::printf("\nbest: %s, %s (rmse %.8g, %s%% not estimable); %zu methods in %.1f s on %u thread%s\n",
