@@ -55,6 +55,7 @@ const std::string& Usage()
         "       kagrid cross-validate METHOD INPUT [options]   leave-one-out statistics\n"
         "       kagrid variogram INPUT [options]               experimental variogram and fit\n"
         "       kagrid tune METHOD INPUT [options]             settings chosen by cross-validation\n"
+        "       kagrid tune auto INPUT [options]               the method and its settings chosen together\n"
         "\n"
         "INPUT   points: CSV or whitespace-separated x y z text, or any vector file GDAL reads;\n"
         "        a raster GDAL reads: its nodes become the samples\n"
