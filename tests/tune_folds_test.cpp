@@ -105,6 +105,12 @@ TEST(Folds, TriangulationFoldsAreLinearAndBlankOutsideTheHull)
     EXPECT_LT(blank, points.size() / 2);
     record.limitEdgeLength = true, record.edgeLengthLimit = 1;  // every triangle dropped
     for (double v : KaRunTriangulationFolds(record, points, fold)) EXPECT_TRUE(std::isnan(v));
+
+    const std::string in = std::string(KA_SOURCE_DIR) + "/data/sample_points.csv ";
+    const auto scored = Kagrid("tune triangulation " + in + "--folds 5 --block 1000 -q");
+    EXPECT_EQ(scored.status, 0) << scored.output;
+    EXPECT_NE(scored.output.find("1*  method"), std::string::npos) << scored.output;
+    EXPECT_EQ(Kagrid("tune triangulation " + in + "-q").status, 1);  // leave-one-out: refused
 }
 
 // Grids of modified Shepard's method do not depend on power (its local

@@ -158,6 +158,31 @@ Timed ScoreTriangulation(const KaMethodInfo& method, KaEstimatorGridParam& recor
     return t;
 }
 
+// kagrid tune triangulation --folds K --block SIZE: the record as given, scored.
+int RunTuneTriangulation(const KaSubOptions& o, const KaMethodInfo& method)
+{
+    if (o.positional.size() < 2) throw KaUsageError{"no INPUT given"};
+    if (o.positional.size() > 2) throw KaUsageError{"unexpected argument " + o.positional[2]};
+    KaTuneOptions options;
+    ParseScoring(o, options);
+    KaRunSetup setup = PrepareRun(method, o.positional[1], o.columns, o.given, o.paramsFile, o.settings);
+    CheckWritable(o.Value("--write-params"));
+    std::unique_ptr<KaSampleList> samples = TakeSamples(*setup.input, o.positional[1]);
+    setup.input.reset();
+    const Timed t = ScoreTriangulation(method, *setup.record, *samples, options);
+    std::fputs(ScoringLine(options).c_str(), stdout);
+    PrintTable(t.result);
+    const KaTuneRow& best = t.result.rows[0];
+    std::printf("\nbest: %s (rmse %.8g, %s%% not estimable); 1 candidate in %.1f s\n", best.candidate.label.c_str(),
+                best.stats.rmse, Percent(best.stats.BlankShare()).c_str(), t.seconds);
+    if (o.Has("--write-params")) {
+        WriteTextFile(o.Value("--write-params"),
+                      KaTunedParameters(*t.result.record, t.result, setup.given).dump(2) + "\n");
+        if (!o.quiet) std::fprintf(stderr, "kagrid tune: wrote %s\n", o.Value("--write-params").c_str());
+    }
+    return 0;
+}
+
 // kagrid tune auto: every method that can be scored, each tuned, the best of the bests.
 int RunTuneAuto(const KaSubOptions& o)
 {
@@ -259,6 +284,9 @@ int RunTuneAuto(const KaSubOptions& o)
 int RunTune(const KaSubOptions& o)
 {
     if (!o.positional.empty() && o.positional[0] == "auto") return RunTuneAuto(o);
+    // Triangulation has no search to leave samples out of; blocked folds score it as it is.
+    const KaMethodInfo* mesh = o.positional.empty() ? nullptr : FindMethod(o.positional[0]);
+    if (mesh && mesh->can.mesh && !mesh->can.pointwise && o.Has("--folds")) return RunTuneTriangulation(o, *mesh);
     const auto [method, input, threads] = LooArguments(o);
     KaTuneOptions options;
     options.threads = threads;
