@@ -24,7 +24,20 @@ KaPreparedRecord KaPrepareRecord(const KaMethodInfo& method, const KaDataObject&
     std::set<std::string>& given = out.given;
     ApplyGridRequest(request.grid, record, given);
     if (request.mesh) ApplySetting(record, "createDelaunayObject=true");
-    if (!request.paramsFile.empty()) ApplyJson(record, ReadParamFile(request.paramsFile), request.paramsFile, &given);
+    if (!request.paramsFile.empty()) {
+        nlohmann::json params = ReadParamFile(request.paramsFile);
+        // `kagrid tune auto` names the method it chose; the run must be of that method.
+        if (params.is_object() && params.contains("method")) {
+            const nlohmann::json& named = params["method"];
+            if (!named.is_string() || named.get<std::string>() != method.key)
+                throw KaParamError(request.paramsFile + ": \"method\" is " + named.dump() + " but this run uses " +
+                                   method.key + "; grid with " +
+                                   (named.is_string() ? named.get<std::string>() : std::string("that method")) +
+                                   " or drop the key");
+            params.erase("method");
+        }
+        ApplyJson(record, params, request.paramsFile, &given);
+    }
     for (const std::string& s : request.settings) ApplySetting(record, s, &given);
 
     // Zero width fills as the dialogs do (one column); only zero height needs the grid given.

@@ -60,13 +60,6 @@ std::vector<KaTuneOption> InverseDistanceCandidates(const KaTuneShape& shape)
     return out;
 }
 
-std::vector<KaTuneOption> ModifiedShepardCandidates(const KaTuneShape&)
-{
-    std::vector<KaTuneOption> out;
-    for (int64_t power : {1, 2, 3}) out.push_back({"", {{"power", power}}});
-    return out;
-}
-
 // The variogram is fitted to at most this many samples (every k-th): the
 // experimental variogram looks at every pair.
 constexpr std::size_t kVariogramSamples = 3000;
@@ -186,7 +179,8 @@ const KaMethodInfo kMethods[] = {
     {.key = "modified-shepard", .title = "Modified Shepard's Method", .suffix = "_shepard",
      .makeParam = Param<KaEstModifiedShepardParam>, .cloneParam = Clone<KaEstModifiedShepardParam>,
      .makeEstimator = Estimator<KaEstModifiedShepard>,
-     .tune = {.candidates = ModifiedShepardCandidates},
+     // No candidates of its own: the power is read only where the quadratic fit
+     // fails, and grids with power 1, 2 and 3 come out the same (tune_test).
      .review = {.keys = "quadraticNeighbors, weightingNeighbors, smoothingFactor"}},
     {.key = "data-metrics", .title = "Data Metrics", .suffix = "_Metrics",
      .makeParam = Param<KaEstDataMetricsParam>, .cloneParam = Clone<KaEstDataMetricsParam>,
@@ -219,7 +213,7 @@ const KaMethodInfo kMethods[] = {
     {.key = "natural-neighbor", .title = "Natural Neighbor", .suffix = "_NatNeighbor",
      .makeParam = Param<KaEstNaturalNeighborParam>, .cloneParam = Clone<KaEstNaturalNeighborParam>,
      .makeEstimator = Estimator<KaEstNaturalNeighbor>, .makeJob = Job<KaNaturalNeighborJob>,
-     .can = {.searching = false, .pointwise = false},
+     .can = {.searching = false, .pointwise = false, .rebuilds = true},
      .review = {.keys = "anisotropyRatio, anisotropyAngle",
                 .allBlank = "no node lies inside the samples' convex hull; check the grid's bounds"},
      .inPlugin = false},

@@ -22,6 +22,10 @@ struct KaMethodCapabilities {
     bool mesh = false;       // hands over its triangle mesh (--mesh)
     bool searching = true;   // estimates from searched samples: the search keys apply
     bool pointwise = true;   // estimates position by position: leave-one-out, prediction
+    // Estimates any position from a structure built over all the samples it is
+    // given (natural neighbour): prediction takes it, and blocked folds score it
+    // by building the structure again for each fold's training samples.
+    bool rebuilds = false;
 };
 
 // The samples a tuning looks at, and the keys the user set (a candidate never

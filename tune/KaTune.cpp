@@ -4,13 +4,16 @@
 #include <cmath>
 #include <cstdio>
 #include <map>
+#include <stdexcept>
 #include <type_traits>
 #include <variant>
 
+#include "io/KaGridPipeline.h"
 #include "io/KaNumericJson.h"
 #include "io/KaParamJson.h"
 #include "methods/numeric/KaVario.h"
 #include "search/KaEstGridSearcher.h"
+#include "tune/KaFolds.h"
 
 namespace {
 
@@ -115,6 +118,13 @@ public:
           loo_(method, samples, base.originalInvalidValue, options.threads), observed_(loo_.Observed())
     {
         shape_ = ShapeOf(loo_.Points());
+        if (options.folds > 0) {
+            try {
+                folds_ = KaBlockedFolds(loo_.Points(), options.folds, options.block);
+            } catch (const std::invalid_argument& e) {
+                throw KaParamError(e.what());
+            }
+        }
         tie_ = 1e-9 * std::max(shape_.zRange, 1e-300);
     }
 
@@ -205,10 +215,14 @@ private:
             const std::string invalid = ValidateForRun(*record);
             if (!invalid.empty()) throw KaParamError("a tuning candidate is invalid: " + invalid);
             const std::size_t total = loo_.Points().size();
-            std::vector<double> estimated = loo_.Run(*record, [&](std::size_t done) {
+            const auto report = [&](std::size_t done) {
                 if (progress_)
                     progress_(static_cast<int>((k + static_cast<double>(done) / total) * 100.0 / stage.size()), text);
-            });
+            };
+            std::vector<double> estimated = folds_.empty()
+                                                ? loo_.Run(*record, report)
+                                                : KaRunFolds(method_, *record, loo_.Points(), folds_, options_.threads,
+                                                             report);
             KaTuneRow row{c, KaSummarise(observed_, estimated)};
             result_.rows.push_back(std::move(row));
             labels_.push_back(ownLabels_[key]);
@@ -247,6 +261,7 @@ private:
     const KaTuneProgress& progress_;
     KaLeaveOneOut loo_;
     const std::vector<double> observed_;
+    std::vector<int> folds_;  // each point's fold; empty: leave-one-out
     Shape shape_;
     double tie_ = 0;
     KaTuneResult result_;
@@ -283,4 +298,24 @@ nlohmann::ordered_json KaTunedParameters(KaEstimatorGridParam& record, const KaT
     for (auto it = all.begin(); it != all.end(); ++it)
         if (given.count(it.key()) || chosen.contains(it.key())) out[it.key()] = it.value();
     return out;
+}
+
+std::vector<std::string> KaFarValueWarnings(const KaMethodInfo& method, const KaEstimatorGridParam& record,
+                                            const std::vector<Ka3DPoint>& points, unsigned threads)
+{
+    if (points.empty()) return {};
+    double x0 = points[0].x, x1 = x0, y0 = points[0].y, y1 = y0;
+    for (const Ka3DPoint& p : points) {
+        x0 = std::min(x0, p.x), x1 = std::max(x1, p.x);
+        y0 = std::min(y0, p.y), y1 = std::max(y1, p.y);
+    }
+    if (!(x1 > x0) || !(y1 > y0)) return {};
+    std::unique_ptr<KaEstimatorGridParam> coarse = method.cloneParam(record);
+    coarse->xMin = x0, coarse->xMax = x1, coarse->yMin = y0, coarse->yMax = y1;
+    coarse->columnCount = coarse->rowCount = kKaFarValueLattice;
+    auto samples = std::make_unique<KaSampleList>();
+    for (const Ka3DPoint& p : points) samples->Append(p);
+    KaGridRunOptions options;
+    options.threads = threads;
+    return KaRunGrid(method, std::move(coarse), std::move(samples), options).warnings;
 }

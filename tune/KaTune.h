@@ -39,6 +39,10 @@ struct KaTuneOptions {
     double maxBlankShare = 0.01;  // more samples than this not estimable loses
     unsigned threads = 1;
     std::set<std::string> given;  // keys the user set
+    // Blocked k-fold cross-validation instead of leave-one-out when folds > 0
+    // (see tune/KaFolds.h): `folds` folds of square blocks of side `block`.
+    int folds = 0;
+    double block = 0;
 };
 
 struct KaTuneResult {
@@ -67,3 +71,14 @@ KaTuneResult KaTune(const KaMethodInfo& method, KaEstimatorGridParam& base, KaSa
 // sweep chose, with the values of `record`, in field order.
 nlohmann::ordered_json KaTunedParameters(KaEstimatorGridParam& record, const KaTuneResult& result,
                                          const std::set<std::string>& given);
+
+// Nodes per side of the lattice KaFarValueWarnings grids on.
+constexpr uint32_t kKaFarValueLattice = 65;
+
+// Cross-validation only looks at the samples; a local quadratic or cubic fit
+// can still explode between them. Grids `record` on a kKaFarValueLattice-square
+// lattice over the points' extent and returns the shared run review's warnings
+// (estimates far beyond the samples' z range, non-finite nodes); none for
+// points without an area.
+std::vector<std::string> KaFarValueWarnings(const KaMethodInfo& method, const KaEstimatorGridParam& record,
+                                            const std::vector<Ka3DPoint>& points, unsigned threads);

@@ -89,6 +89,9 @@ const Option kOptions[] = {
     Option("--locations-y", "COL", kKaPredict, nullptr),
     Option("--stddev", nullptr, kKaPredict, "also the kriging standard deviation (kriging methods)"),
     Option("--outside", nullptr, kKaPredict, "estimate locations beyond the samples' extent too (refused otherwise)"),
+    Option("--folds", "K", kKaTune,
+           "score by blocked K-fold cross-validation instead of leave-one-out\n(needs --block; see the README)"),
+    Option("--block", "SIZE", kKaTune, "the side of the square blocks the folds are made of"),
     Option("--x", "COL", kKaAllCommands,
            "text input: columns by 1-based number or header name (default: the\n"
            "header's x, y, z (easting, lon, ...) when it has them, else 1 2 3);\n"

@@ -20,7 +20,6 @@
 #include "io/KaParamJson.h"
 #include "io/KaPointTableWriter.h"
 #include "io/KaRasterIo.h"
-#include "methods/KaEstNaturalNeighbor.h"
 #include "methods/KaPredict.h"
 #include "search/KaEstGridSearcher.h"
 #include "tune/KaLeaveOneOut.h"
@@ -157,7 +156,7 @@ int RunPredict(const KaSubOptions& o)
     if (!found) throw KaUsageError{"unknown method '" + o.positional[0] + "' (one of: " + MethodNames() + ")"};
     // Natural neighbour is drawn by its own job but estimates position by position.
     KaMethodInfo method = *found;
-    if (dynamic_cast<KaEstNaturalNeighbor*>(method.makeEstimator().get())) method.makeJob = nullptr;
+    if (method.can.rebuilds) method.makeJob = nullptr;
     if (method.makeJob)
         throw KaParamError(std::string(method.key) + " draws its grid as a whole and cannot estimate at single "
                            "locations; grid it and sample the grid instead");

@@ -37,11 +37,13 @@ const Command kCommands[] = {
      RunVariogram},
     {"tune", kKaTune,
      "usage: kagrid tune METHOD INPUT [options]\n"
+     "       kagrid tune auto INPUT [options]\n"
      "  Tries a short list of settings for the method (search counts, sectors and mode, and\n"
      "  the method's own settings; see the README), scores each by leave-one-out\n"
      "  cross-validation, prints them with RMSE, MAE, mean error and the share of samples\n"
      "  not estimable, and marks the best with '*'. Keys given with --set or --params are\n"
-     "  held as given.\n",
+     "  held as given. 'auto' tunes every method that can be scored and picks the method\n"
+     "  and its settings together; its --write-params file names the method under \"method\".\n",
      RunTune},
     {"predict", kKaPredict,
      "usage: kagrid predict METHOD INPUT LOCATIONS OUTPUT [options]\n"

@@ -58,6 +58,7 @@ const std::string& Usage()
         "       kagrid cross-validate METHOD INPUT [options]   leave-one-out statistics\n"
         "       kagrid variogram INPUT [options]               experimental variogram and fit\n"
         "       kagrid tune METHOD INPUT [options]             settings chosen by cross-validation\n"
+        "       kagrid tune auto INPUT [options]               the method and its settings chosen together\n"
         "       kagrid predict METHOD INPUT LOCATIONS OUTPUT   estimates at the points of LOCATIONS\n"
         "       kagrid plan METHOD INPUT PLANDIR --tile-size N [options]   cut the grid into tiles\n"
         "       kagrid tile PLANDIR INDEX | kagrid merge PLANDIR OUT.vrt|OUT.tif   grid one, mosaic all\n"
