@@ -164,8 +164,13 @@ std::unique_ptr<KaDataObject> ReadInput(const std::string& path, const KaPointCo
                                         KaPointReadReport* report)
 {
     KaIoInit();
+    kaio::Checkpoint("read: start");
     kaio::CheckInputFile(path);
-    if (LooksLikeTextPoints(path)) return ReadPointFile(path, columns, report);
+    if (LooksLikeTextPoints(path)) {
+        auto points = ReadPointFile(path, columns, report);
+        kaio::Checkpoint("read: done");
+        return points;
+    }
     // GDAL opens a file several times, which a pipe or a device cannot serve.
     std::error_code ec;
     if (!fs::is_regular_file(path, ec))
@@ -189,9 +194,14 @@ std::unique_ptr<KaDataObject> ReadInput(const std::string& path, const KaPointCo
         std::unique_ptr<KaSurface> surface = ReadRasterSurface(path);
         const KaSurfaceObjInfo& info = surface->GetSurfaceObjInfo();
         if (!(info.zMin <= info.zMax)) throw KaIoError(path, "every cell is nodata; there are no samples to grid");
+        kaio::Checkpoint("read: done");
         return surface;
     }
-    if (vector) return ReadPointFile(path, columns, report);
+    if (vector) {
+        auto points = ReadPointFile(path, columns, report);
+        kaio::Checkpoint("read: done");
+        return points;
+    }
     throw KaIoError(path, "holds neither a raster band nor a vector layer");
 }
 
@@ -485,6 +495,7 @@ void WriteSurface(const KaSurface& surface, const std::string& path, const KaRas
                 CE_None)
                 return nullptr;
             if ((rr + 1) % flushRows == 0 && rr + 1 < rows && band->FlushCache(false) != CE_None) return nullptr;
+            if ((rr + 1) % std::max(1, rows / 4) == 0) kaio::Checkpoint("write: rows");
         }
         if (direct) return ds;
         return GdalDatasetPtr(

@@ -4,17 +4,21 @@
 
 #include <cstdio>
 
+#include "io/KaIoSupport.h"
+
 KaProgress::KaProgress(bool quiet) : quiet_(quiet), tty_(isatty(STDERR_FILENO) != 0) {}
 
 void KaProgress::Message(const std::string& text)
 {
     stage_ = text;
+    kaio::Checkpoint("estimate: stage");
     if (quiet_ || !tty_) return;
     Draw(0, "");
 }
 
 void KaProgress::Percent(int percent, const std::string& text)
 {
+    kaio::Checkpoint("estimate: progress");
     if (!text.empty() && text.rfind("Estimated ", 0) != 0) stage_ = text;
     if (quiet_) return;
     if (tty_) {

@@ -415,10 +415,18 @@ int Run(const Options& o)
     return 0;
 }
 
+// Runs before any shared library's initialiser, so every thread a library
+// starts (OpenBLAS starts its workers at load) inherits the blocked
+// interrupts; only kagrid's signal thread receives them.
+void BlockInterruptsAtLoad(int, char**, char**) { KaBlockInterruptSignals(); }
+__attribute__((section(".preinit_array"), used)) void (*const kBlockInterruptsAtLoad)(int, char**, char**) =
+    BlockInterruptsAtLoad;
+
 }  // namespace
 
 int main(int argc, char** argv)
 {
+    KaInstallTemporaryCleanup();
     if (argc > 1 && IsSubcommand(argv[1])) return RunSubcommand(argc - 1, argv + 1);
     const Options o = ParseArguments(argc, argv);
     // The job's own log lines (an allocation failure) reach the user as the
