@@ -52,7 +52,8 @@ struct PageFixture {
         dialog.SetTaskParameter(record);
         dialog.show();
         dialog.activateWindow();
-        EXPECT_TRUE(QTest::qWaitForWindowActive(&dialog));
+        // Until activated, however long a busy machine takes (qWaitForWindowActive gives up after 5 s).
+        EXPECT_TRUE(katest::WaitFor([this] { return dialog.isActiveWindow(); }));
     }
     bool HasFocus(QWidget* w) const { return QApplication::focusWidget() == w; }
 
