@@ -13,8 +13,8 @@
 
 namespace {
 
-// Counts beyond this are refused outright; memory refuses smaller ones.
-constexpr double kMaxCount = 1e12;
+// The largest raster side (the surface keeps 32-bit counts, GDAL int sides).
+constexpr double kMaxCount = 2147483647;
 
 std::vector<double> Numbers(const std::string& option, const std::string& text, std::size_t least,
                             std::size_t most, const char* form)
@@ -43,8 +43,9 @@ uint64_t NodesAtStep(double lo, double hi, double step, const char* axis)
     double n = (hi - lo) / step;
     const double whole = std::round(n);
     if (std::fabs(n - whole) <= 1e-9 * std::max(1.0, whole)) n = whole;
-    if (!(n + 1 < kMaxCount))
-        throw KaParamError(std::string("--cell: ") + axis + " would need more than 10^12 nodes");
+    if (!(n + 1 <= kMaxCount))
+        throw KaParamError(std::string("--cell: ") + axis + " would need more than 2147483647 nodes (the largest "
+                           "raster side); choose a larger cell");
     return static_cast<uint64_t>(std::floor(n)) + 1;
 }
 
@@ -62,8 +63,7 @@ void ApplyGridRequest(const KaGridRequest& q, KaEstimatorGridParam& r, std::set<
         if (!q.bounds.empty()) Refuse("--like", "--bounds");
         if (!q.cell.empty()) Refuse("--like", "--cell");
         if (!q.size.empty()) Refuse("--like", "--size");
-        const auto surface = ReadRasterSurface(q.like);
-        const KaSurfaceObjInfo& info = surface->GetSurfaceObjInfo();
+        const KaSurfaceObjInfo info = ReadRasterLattice(q.like);
         r.xMin = info.xMin;
         r.xMax = info.xMax;
         r.yMin = info.yMin;
@@ -95,8 +95,9 @@ void ApplyGridRequest(const KaGridRequest& q, KaEstimatorGridParam& r, std::set<
     } else if (!q.size.empty()) {
         const auto s = Numbers("--size", q.size, 2, 2, "COLS,ROWS");
         for (double v : s)
-            if (!(v >= 1) || v != std::floor(v) || !(v < kMaxCount))
-                throw KaParamError("--size " + q.size + ": the counts must be whole numbers from 1");
+            if (!(v >= 1) || v != std::floor(v) || !(v <= kMaxCount))
+                throw KaParamError("--size " + q.size + ": the counts must be whole numbers from 1 to 2147483647 "
+                                   "(the largest raster side)");
         r.columnCount = static_cast<uint64_t>(s[0]);
         r.rowCount = static_cast<uint64_t>(s[1]);
         given.insert({"columnCount", "rowCount"});
@@ -106,7 +107,9 @@ void ApplyGridRequest(const KaGridRequest& q, KaEstimatorGridParam& r, std::set<
             throw KaParamError("--bounds " + q.bounds + ": give --cell or --size as well (the box has no height "
                                "or the grid has one row)");
         const double columns = std::round((r.xMax - r.xMin) / dy);
-        if (!(columns + 1 < kMaxCount)) throw KaParamError("--bounds " + q.bounds + ": give --cell or --size as well");
+        if (!(columns + 1 <= kMaxCount))
+            throw KaParamError("--bounds " + q.bounds + ": square cells would need more than 2147483647 columns; give "
+                               "--cell or --size as well");
         r.columnCount = static_cast<uint64_t>(columns) + 1;
         given.insert("columnCount");
     }

@@ -68,7 +68,8 @@ int RunVariogram(const KaSubOptions& o)
     const std::vector<uint32_t> models = o.Has("--fit") ? Models(o.Value("--fit")) : std::vector<uint32_t>{};
     CheckWritable(o.Value("--json"));
     CheckWritable(o.Value("--plot"));
-    CheckDistinctOutputs({{"--json", o.Value("--json")}, {"--plot", o.Value("--plot")}});
+    CheckDistinctOutputs({{"--json", o.Value("--json")}, {"--plot", o.Value("--plot")}},
+                         {{"INPUT", o.positional.empty() ? std::string() : o.positional[0]}});
 
     const std::string input = o.positional[0];
     KaPointColumns columns = o.columns;

@@ -321,10 +321,8 @@ int Run(const Options& o)
     // The standard deviation: --stddev, or beside the output when the record asks for it.
     std::string stdDevPath = o.stdDev;
     if (const auto* krig = dynamic_cast<const KaEstKrigParam*>(record.get());
-        stdDevPath.empty() && krig && krig->createStdDev) {
-        const std::filesystem::path out(o.output);
-        stdDevPath = (out.parent_path() / (krig->stdDevName + out.extension().string())).string();
-    }
+        stdDevPath.empty() && krig && krig->createStdDev)
+        stdDevPath = StdDevBesideOutput(o.output, krig->stdDevName);
     if (!stdDevPath.empty() && !method->makeEstimator()->FormsStdDev())
         throw KaParamError(std::string("--stddev: ") + method->key + " forms no kriging variance");
     CheckWritable(stdDevPath);
@@ -335,7 +333,8 @@ int Run(const Options& o)
                           {"--preview", o.preview},
                           {"--mesh", o.mesh},
                           {o.stdDev.empty() ? "the standard deviation (createStdDev)" : "--stddev", stdDevPath},
-                          {"--stddev-preview", o.stdDevPreview}});
+                          {"--stddev-preview", o.stdDevPreview}},
+                         {{"INPUT", o.input}, {"--params file", o.paramsFile}, {"--like raster", o.grid.like}});
     KaRasterWriteOptions how;
     how.format = o.format;
     how.crsWkt = outputCrs;
