@@ -376,6 +376,22 @@ void KaRemoveStaleTemporaries(const std::string& outputPath)
     for (const fs::path& f : stale) fs::remove_all(f, ec);
 }
 
+std::string KaTerminalSafe(const std::string& message)
+{
+    std::string out;
+    for (const char ch : message) {
+        const unsigned char c = static_cast<unsigned char>(ch);
+        if (c >= 0x20 && c != 0x7f) {
+            out += ch;
+        } else {
+            char hex[8];
+            std::snprintf(hex, sizeof hex, "\\x%02x", c);
+            out += hex;
+        }
+    }
+    return out;
+}
+
 std::size_t KaBlankNonFiniteNodes(KaSurface& surface)
 {
     const KaTDataMatrix2D<double>& grid = surface.GridData();

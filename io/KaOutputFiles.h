@@ -58,6 +58,10 @@ void KaInstallTemporaryCleanup();
 // pattern (".kagrid-PID-XXXXXXXX.tmp") whose process no longer exists.
 void KaRemoveStaleTemporaries(const std::string& outputPath);
 
+// A message fit for a terminal: control bytes (a file name may hold any)
+// become \xNN; UTF-8 text is kept.
+std::string KaTerminalSafe(const std::string& message);
+
 // Sets every node that is not finite to the surface's blank value and returns
 // how many there were (z values or coordinates near the largest double
 // overflow the estimators' sums).

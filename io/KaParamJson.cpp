@@ -387,12 +387,21 @@ json ReadParamFile(const std::string& path)
 {
     std::error_code ec;
     if (std::filesystem::is_directory(path, ec)) throw KaParamError(path + ": is a folder, not a parameter file");
+    const auto status = std::filesystem::status(path, ec);
+    if (std::filesystem::is_character_file(status) || std::filesystem::is_block_file(status))
+        throw KaParamError(path + ": is a device, not a parameter file");
     std::ifstream in(path, std::ios::binary);
     if (!in) throw KaParamError(path + ": cannot open the parameter file: " + std::strerror(errno));
-    std::ostringstream text;
-    text << in.rdbuf();
+    // A pipe may feed it (--params <(...)), so no size up front: read at most 16 MiB.
+    constexpr std::size_t kMaxParamBytes = std::size_t(16) << 20;
+    std::string text;
+    char chunk[65536];
+    while (in.read(chunk, sizeof chunk) || in.gcount() > 0) {
+        text.append(chunk, static_cast<std::size_t>(in.gcount()));
+        if (text.size() > kMaxParamBytes) throw KaParamError(path + ": larger than 16 MiB; not a parameter file");
+    }
     if (in.bad()) throw KaParamError(path + ": cannot read the parameter file");
-    return ParseParamJson(text.str(), path);
+    return ParseParamJson(text, path);
 }
 
 ordered_json RecordToJson(KaEstimatorGridParam& record)
@@ -437,9 +446,39 @@ std::vector<KaFieldDescription> DescribeFields(KaEstimatorGridParam& record)
     return d.rows;
 }
 
+namespace {
+
+// The first choice field whose index lies outside its list of names.
+class ChoiceRange : public KaFieldVisitor {
+public:
+    std::string invalid;
+    void Field(const char*, double&, const char*) override {}
+    void Field(const char*, int32_t&, const char*) override {}
+    void Field(const char*, int64_t&, const char*) override {}
+    void Field(const char*, uint32_t&, const char*) override {}
+    void Field(const char*, uint64_t&, const char*) override {}
+    void Field(const char*, bool&, const char*) override {}
+    void Field(const char*, std::string&, const char*) override {}
+    void Field(const char*, KaAnisotropy&, const char*) override {}
+    void Field(const char*, KaVarioVector*&, const char*) override {}
+    void Choice(const char* key, int32_t& value, std::span<const char* const> names, const char*) override
+    {
+        if (!invalid.empty() || (value >= 0 && static_cast<std::size_t>(value) < names.size())) return;
+        std::string list;
+        for (std::size_t i = 0; i < names.size(); ++i)
+            list += (i ? ", " : "") + std::to_string(i) + " " + names[i];
+        invalid = std::string(key) + ": " + std::to_string(value) + " is not one of the choices (" + list + ")";
+    }
+};
+
+}  // namespace
+
 std::string ValidateForRun(const KaEstimatorGridParam& record)
 {
     constexpr int32_t kMaxSectors = 360;  // sectors of one degree
+    ChoiceRange choices;
+    const_cast<KaEstimatorGridParam&>(record).VisitFields(choices);  // only reads
+    if (!choices.invalid.empty()) return choices.invalid;
     std::string invalid = record.Validate();
     if (!invalid.empty()) return invalid;
     // Also without useSearch: the search runs with the sector count all the same.

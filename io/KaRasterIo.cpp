@@ -4,7 +4,9 @@
 #include <climits>
 #include <cmath>
 #include <cstdio>
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <limits>
 
@@ -421,7 +423,7 @@ void WriteXyzText(const std::string& temp, const KaSurface& surface, const doubl
     else std::snprintf(valueFormat, sizeof valueFormat, "%%.%dg", significant ? std::atoi(significant) : 17);
 
     std::FILE* f = std::fopen(temp.c_str(), "w");
-    if (!f) throw KaIoError(temp, "cannot open the file for writing");
+    if (!f) throw KaIoError(temp, std::string("cannot open the file for writing: ") + std::strerror(errno));
     if (header) std::fprintf(f, "X%sY%sZ\n", separator.c_str(), separator.c_str());
     char value[64];
     const int cols = static_cast<int>(m.columnCount), rows = static_cast<int>(m.rowCount);
@@ -437,8 +439,10 @@ void WriteXyzText(const std::string& temp, const KaSurface& surface, const doubl
                          separator.c_str(), value);
         }
     }
-    const bool ok = std::ferror(f) == 0;
-    if (std::fclose(f) != 0 || !ok) throw KaIoError(temp, "writing the file failed");
+    bool ok = std::ferror(f) == 0 && std::fflush(f) == 0;
+    int why = ok ? 0 : errno;
+    if (std::fclose(f) != 0 && ok) ok = false, why = errno;
+    if (!ok) throw KaIoError(temp, std::string("writing the file failed: ") + std::strerror(why ? why : EIO));
 }
 
 

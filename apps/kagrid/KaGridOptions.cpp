@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -10,6 +11,7 @@
 #include "io/KaParamJson.h"
 #include "io/KaRasterIo.h"
 #include "core/KaEstimatorGridParam.h"
+#include "search/KaEstGridSearcherParam.h"
 
 namespace {
 
@@ -159,4 +161,27 @@ void CheckGridFitsInMemory(const KaEstimatorGridParam& r, unsigned grids)
     if (bytes > memory)
         throw KaParamError(GridMemoryText(r.columnCount, r.rowCount, grids) + ", more than this machine's " + Bytes(memory) +
                            " of memory; choose a coarser --cell or a smaller --size");
+}
+
+void CheckSearchWork(const KaEstimatorGridParam& r)
+{
+    const auto* search = dynamic_cast<const KaEstGridSearcherParam*>(&r);
+    if (!search || search->searchMode != kKaSearchRings || r.columnCount < 2 || r.rowCount < 2) return;
+    const double dx = r.GetDx(), dy = r.GetDy();
+    if (!(dx > 0) || !(dy > 0)) return;
+    // The ring walk's buckets are as small as the finer spacing: with cells far
+    // from square its work grows with the nodes times that ratio (2 x 80000
+    // nodes over a square take a minute and a half, 2 x 2000000 would take days).
+    const double ratio = std::max(dx, dy) / std::min(dx, dy);
+    const double work = static_cast<double>(r.columnCount) * static_cast<double>(r.rowCount) * ratio;
+    if (work > 1e11) {
+        char text[400];
+        std::snprintf(text, sizeof text,
+                      "a %llu \u00d7 %llu grid whose cells are %.3g times longer one way than the other would "
+                      "keep the search busy for hours (its buckets are as small as the finer spacing); choose "
+                      "cells closer to square (--cell DX,DY) or fewer nodes along the long side",
+                      static_cast<unsigned long long>(r.columnCount), static_cast<unsigned long long>(r.rowCount),
+                      ratio);
+        throw KaParamError(text);
+    }
 }

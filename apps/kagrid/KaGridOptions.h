@@ -35,3 +35,7 @@ std::string GridMemoryText(uint64_t columns, uint64_t rows, unsigned grids = 1);
 // Refuses, before any work, `grids` grids of the record's size that together
 // exceed the machine's memory.
 void CheckGridFitsInMemory(const KaEstimatorGridParam& record, unsigned grids = 1);
+
+// Refuses, before any work, a ring-walk search over cells so far from square
+// (nodes times the ratio of the spacings above 10^11) that it would run for hours.
+void CheckSearchWork(const KaEstimatorGridParam& record);

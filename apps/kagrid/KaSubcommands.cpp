@@ -83,7 +83,10 @@ KaSubOptions Parse(const Command& cmd, int argc, char** argv)
             if (i + 1 >= argc) throw KaUsageError{a + " needs a value"};
             return argv[++i];
         };
-        if (a == "-h" || a == "--help") {
+        if (a == "--") {  // the end of the options: a file may start with '-'
+            while (++i < argc) o.positional.push_back(argv[i]);
+            break;
+        } else if (a == "-h" || a == "--help") {
             std::fputs(cmd.usage, stdout);
             std::exit(0);
         } else if (a == "--set") o.settings.push_back(value());
@@ -142,7 +145,7 @@ int RunSubcommand(int argc, char** argv)
         std::fprintf(stderr, "kagrid %s: out of memory\n", cmd.name);
         return 1;
     } catch (const std::exception& e) {
-        std::fprintf(stderr, "kagrid %s: %s\n", cmd.name, e.what());
+        std::fprintf(stderr, "kagrid %s: %s\n", cmd.name, KaTerminalSafe(e.what()).c_str());
         return 1;
     }
 }

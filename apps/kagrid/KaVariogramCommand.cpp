@@ -1,6 +1,7 @@
 // kagrid variogram: the experimental semivariogram of the input, and a
 // weighted least-squares fit of a sum of models to it.
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
@@ -86,6 +87,9 @@ int RunVariogram(const KaSubOptions& o)
     for (const KaSample& s : *samples)
         if (!(std::fabs(s.point.z - invalid) <= 1e-20)) points.push_back(s.point);
     if (points.size() < 2) throw KaIoError(input, "fewer than two samples");
+    if (!o.Has("--cutoff") &&
+        std::all_of(points.begin(), points.end(), [&](const Ka3DPoint& p) { return p.x == points[0].x && p.y == points[0].y; }))
+        throw KaIoError(input, "every sample lies at one place; a variogram needs samples at different places");
 
     std::vector<KaVariogramLag> lags;
     try {

@@ -84,6 +84,7 @@ const char* kUsage =
     "  --threads N        threads that estimate rows, and compress GeoTIFF strips, at once\n"
     "                     (default: one per core); the grid is the same whatever N\n"
     "  -q, --quiet        no progress output\n"
+    "  --                 the end of the options (for a file name starting with '-')\n"
     "  -h, --help         this text\n"
     "  --version          kagrid's and GDAL's versions\n";
 
@@ -118,7 +119,10 @@ Options ParseArguments(int argc, char** argv)
             if (i + 1 >= argc) Usage(a + " needs " + what);
             return argv[++i];
         };
-        if (a == "-h" || a == "--help") {
+        if (a == "--") {  // the end of the options: a file may start with '-'
+            while (++i < argc) positional.push_back(argv[i]);
+            break;
+        } else if (a == "-h" || a == "--help") {
             std::fputs(kUsage, stdout);
             std::exit(0);
         } else if (a == "--version") {
@@ -344,6 +348,7 @@ int Run(const Options& o)
     CheckRasterWrite(o.output, how, record->blankValue);
     const unsigned grids = stdDevPath.empty() ? 1 : 2;
     CheckGridFitsInMemory(*record, grids);
+    CheckSearchWork(*record);
     runGridSize = GridMemoryText(record->columnCount, record->rowCount, grids);
     note("grid: " + DescribeGrid(*record));
     if (!outputCrs.empty()) note("coordinate system: " + CrsLabel(outputCrs));
@@ -444,7 +449,7 @@ int main(int argc, char** argv)
                      runGridSize.empty() ? "" : (": " + runGridSize).c_str());
         return kExitFailure;
     } catch (const std::exception& e) {
-        std::fprintf(stderr, "kagrid: %s\n", e.what());
+        std::fprintf(stderr, "kagrid: %s\n", KaTerminalSafe(e.what()).c_str());
         return kExitFailure;
     }
 }
