@@ -4,12 +4,15 @@
 #include <gtest/gtest.h>
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cmath>
 #include <filesystem>
+#include <functional>
+#include <limits>
 #include <fstream>
 #include <sstream>
 #include <thread>
@@ -21,6 +24,8 @@
 #include "io/KaPointReader.h"
 #include "io/KaPointTableWriter.h"
 #include "io/KaRasterIo.h"
+
+#include <ogrsf_frmts.h>
 
 namespace fs = std::filesystem;
 using katest::Kagrid;
@@ -424,4 +429,226 @@ TEST(Hardening, InterruptAtEveryCheckpointLeavesTheOldFilesOrTheNewOnes)
                               "commit: rename", "commit: renamed"})
         EXPECT_TRUE(phasesSeen.count(phase)) << phase;
     std::printf("interrupted at %d instants over %zu phases\n", instants, phasesSeen.size());
+}
+
+// The bad-input probe's findings, each kept as a reproducer: a refusal of one
+// line naming what to change, and the folder unchanged.
+TEST(Hardening, ProbeFindingsAreRefusedNamingWhatToChange)
+{
+    katest::TempDir d;
+    katest::WriteFile(d / "in.csv", katest::ReadFile(kSample));
+    katest::WriteFile(d / "in.xyz", katest::ReadFile(kSample));
+    katest::WriteFile(d / "p.json", "{}");
+    katest::WriteFile(d / "one.csv", "x,y,z\n1,1,1\n1,1,2\n1,1,3\n");
+    katest::WriteFile(d / "victim.tif", "precious");
+    ASSERT_EQ(mkfifo((d / "fifo.tif").c_str(), 0644), 0);
+    KaIoInit();
+    {  // two layers in different coordinate systems
+        GDALDriver* gpkg = GetGDALDriverManager()->GetDriverByName("GPKG");
+        kaio::GdalDatasetPtr ds(gpkg->Create((d / "two.gpkg").c_str(), 0, 0, 0, GDT_Unknown, nullptr));
+        for (int epsg : {28992, 4326}) {
+            OGRSpatialReference srs;
+            srs.importFromEPSG(epsg);
+            OGRLayer* layer = ds->CreateLayer(epsg == 4326 ? "wgs" : "rd", &srs, wkbPoint25D, nullptr);
+            for (int i = 0; i < 4; ++i) {
+                OGRFeature f(layer->GetLayerDefn());
+                OGRPoint p(i, i * i, i);
+                f.SetGeometry(&p);
+                ASSERT_EQ(layer->CreateFeature(&f), OGRERR_NONE);
+            }
+        }
+    }
+    const std::string in = d / "in.csv", nn = "nearest-neighbor " + in + " ";
+    struct Case {
+        std::string args, expect;
+    };
+    const std::vector<Case> cases{
+        // 4: counts beyond the largest raster side, however given
+        {nn + d / "o.tif --size 4294967396,2", "--size 4294967396,2: the counts must be whole numbers from 1 to 2147483647"},
+        {nn + d / "o.tif --cell 1e-9", "--cell: x would need more than 2147483647 nodes"},
+        // 5: the standard deviation stays beside OUTPUT
+        {"kriging " + in + " " + d / "o.tif --set createStdDev=true --set stdDevName=../victim", "stdDevName: '../victim' is not a plain file name"},
+        {"kriging " + in + " " + d / "o.tif --set createStdDev=true --set stdDevName=" + d / "victim", "is not a plain file name"},
+        // 7: layers in different coordinate systems
+        {"nearest-neighbor " + d / "two.gpkg " + d / "o.tif", "layer 'wgs' is in WGS 84 (EPSG:4326), layer 'rd' in Amersfoort"},
+        // 8: choice indices out of range
+        {"kriging " + in + " " + d / "o.tif --set krigType=99", "krigType: 99 is not one of the choices (0 Simple, 1 Ordinary)"},
+        {"kriging " + in + " " + d / "o.tif --set driftType=99", "driftType: 99 is not one of the choices"},
+        {"radial-basis " + in + " " + d / "o.tif --set basisFunction=-1", "basisFunction: -1 is not one of the choices"},
+        // 10: an elongated ring-walk grid that would run for hours
+        {nn + d / "o.tif --size 2,2000000", "a 2 \u00d7 2000000 grid whose cells are"},
+        // 11: outputs never replace inputs
+        {nn + d / "o.tif --preview " + in, "--preview names the INPUT " + in},
+        {"nearest-neighbor " + d / "in.xyz " + d / "./in.xyz", "OUTPUT names the INPUT"},
+        {nn + d / "p.json -of GTiff --params " + d / "p.json", "OUTPUT names the --params file"},
+        {"cross-validate nearest-neighbor " + in + " --residuals " + in, "--residuals names the INPUT"},
+        {"tune nearest-neighbor " + in + " --params " + d / "p.json --write-params " + d / "p.json", "--write-params names the --params file"},
+        // 12: --like takes a file's lattice, never a pipe's
+        {nn + d / "o.tif --like " + d / "fifo.tif", "fifo.tif: not a regular file"},
+        // 13: messages that name the file and the reason
+        {nn + d / "o.tif --params /dev/zero", "/dev/zero: is a device, not a parameter file"},
+        {"variogram " + d / "one.csv", "one.csv: every sample lies at one place"},
+        {"nearest-neighbor " + d / "$(printf 'a\\033[2Jb').csv " + d / "o.tif", "a\\x1b[2Jb.csv: no such file"},
+    };
+    const auto before = Snapshot(d);
+    for (const Case& c : cases) {
+        const auto r = Kagrid(c.args + " -q");
+        EXPECT_EQ(r.status, 1) << c.args << "\n" << r.output;
+        EXPECT_NE(r.output.find(c.expect), std::string::npos) << c.args << "\n" << r.output;
+        EXPECT_EQ(std::count(r.output.begin(), r.output.end(), '\n'), 1) << r.output;
+        EXPECT_EQ(r.output.find('\033'), std::string::npos) << "a control byte reached the terminal";
+    }
+    EXPECT_EQ(Snapshot(d), before);
+
+    // 13: CR-only line endings read as lines; 14: '--' ends the options, a
+    // 255-byte name is written, a symbolic link is written through.
+    katest::WriteFile(d / "cr.csv", "x,y,z\r0,0,1\r4,0,2\r0,3,3\r4,3,4\r");
+    EXPECT_EQ(ReadPointFile(d / "cr.csv", {})->Points().size(), 4u);
+    katest::WriteFile(d / "-dash.csv", katest::ReadFile(kSample));
+    const auto dash = Kagrid("nearest-neighbor -q --set columnCount=5 --set rowCount=4 -- " + d / "-dash.csv " + d / "-o.tif");
+    EXPECT_EQ(dash.status, 0) << dash.output;
+    const std::string longName = std::string(251, 'n') + ".tif";
+    EXPECT_EQ(Kagrid(nn + d / longName + " -q --set columnCount=5 --set rowCount=4").status, 0);
+    EXPECT_TRUE(fs::is_regular_file(d.path / longName));
+    fs::create_directory(d.path / "real");
+    katest::WriteFile(d / "real/g.tif", "old");
+    fs::create_symlink(d.path / "real/g.tif", d.path / "link.tif");
+    const auto link = Kagrid(nn + d / "link.tif -q --set columnCount=5 --set rowCount=4");
+    EXPECT_EQ(link.status, 0) << link.output;
+    EXPECT_TRUE(fs::is_symlink(d.path / "link.tif"));
+    EXPECT_EQ(ReadRasterSurface(d / "real/g.tif")->GetSurfaceObjInfo().columnCount, 5u);
+    for (const auto& e : fs::recursive_directory_iterator(d.path)) EXPECT_NE(e.path().filename().string()[0], '.');
+}
+
+// A Float32 raster's nodata may be stored rounded; cells at the largest float
+// are blank all the same.
+TEST(Hardening, Float32NodataIsComparedAsTheBandsType)
+{
+    katest::TempDir d;
+    KaIoInit();
+    GDALDriver* gtiff = GetGDALDriverManager()->GetDriverByName("GTiff");
+    {
+        kaio::GdalDatasetPtr ds(gtiff->Create((d / "f.tif").c_str(), 2, 2, 1, GDT_Float32, nullptr));
+        const double gt[6] = {0, 1, 0, 2, 0, -1};
+        ds->SetGeoTransform(const_cast<double*>(gt));
+        GDALRasterBand* b = ds->GetRasterBand(1);
+        b->SetNoDataValue(-3.402823e+38);
+        float cells[4] = {1, -std::numeric_limits<float>::max(), 3, 4};
+        ASSERT_EQ(b->RasterIO(GF_Write, 0, 0, 2, 2, cells, 2, 2, GDT_Float32, 0, 0, nullptr), CE_None);
+    }
+    const auto s = ReadRasterSurface(d / "f.tif");
+    EXPECT_EQ(s->GetSurfaceObjInfo().zMin, 1);
+    EXPECT_EQ(s->GridData().At(1, 1), s->GetSurfaceObjInfo().invalidValue);
+}
+
+// Runs at once on one folder: every output is one run's complete file and
+// nothing else is left; failures mid-run keep the old file.
+TEST(Hardening, ConcurrentRunsAndVanishingFoldersLeaveCompleteFilesOnly)
+{
+    katest::TempDir d;
+    const std::string nn = std::string(KAGRID_EXE) + " nearest-neighbor " + kSample + " ";
+    auto startAll = [](const std::vector<std::string>& commands) {
+        std::vector<FILE*> runs;
+        for (const std::string& c : commands) runs.push_back(popen((c + " 2>&1").c_str(), "r"));
+        std::vector<int> status;
+        for (FILE* f : runs) {
+            char buf[512];
+            while (std::fgets(buf, sizeof buf, f)) {
+            }
+            const int st = pclose(f);
+            status.push_back(WIFEXITED(st) ? WEXITSTATUS(st) : -1);
+        }
+        return status;
+    };
+    // Eight runs, eight outputs in one folder.
+    std::vector<std::string> eight;
+    for (int i = 0; i < 8; ++i)
+        eight.push_back(nn + d / ("g" + std::to_string(i) + ".tif") + " -q --threads 1 --set columnCount=" +
+                        std::to_string(20 + i) + " --set rowCount=30");
+    for (int st : startAll(eight)) EXPECT_EQ(st, 0);
+    for (int i = 0; i < 8; ++i)
+        EXPECT_EQ(ReadRasterSurface(d / ("g" + std::to_string(i) + ".tif"))->GetSurfaceObjInfo().columnCount, 20u + i);
+    EXPECT_EQ(d.Entries().size(), 8u);
+
+    // Two runs onto one output, grid and mesh alike: one run's complete files.
+    for (int round = 0; round < 4; ++round) {
+        const std::string tri = std::string(KAGRID_EXE) + " triangulation " + kSample + " " + d / "same.asc" +
+                                " -q --crs EPSG:28992 --mesh " + d / "m.shp --set rowCount=";
+        for (int st : startAll({tri + "31", tri + "32"})) EXPECT_EQ(st, 0);
+        const auto rows = ReadRasterSurface(d / "same.asc")->GetSurfaceObjInfo().rowCount;
+        EXPECT_TRUE(rows == 31 || rows == 32) << rows;
+        for (const char* part : {"m.shp", "m.shx", "m.dbf", "m.prj", "same.prj"})
+            EXPECT_TRUE(fs::is_regular_file(d.path / part)) << part;
+    }
+    for (const auto& name : d.Entries()) EXPECT_NE(name[0], '.') << name;
+
+    // The folder removed, or made read-only, while the run estimates: the run
+    // fails naming the output, and leaves nothing behind.
+    auto pausedRun = [&](const std::string& out, const std::function<void()>& meanwhile, int at = 3) {
+        const std::string fifo = d / "pause";
+        fs::remove(fifo);
+        EXPECT_EQ(mkfifo(fifo.c_str(), 0644), 0);
+        // Checkpoint 3 is the first row estimated: reading is done, no temporary made yet.
+        FILE* run = popen(("KAGRID_TEST_PAUSE=" + std::to_string(at) + ":" + fifo + " " + nn + out + " -q 2>&1").c_str(), "r");
+        const int fd = open(fifo.c_str(), O_WRONLY);  // returns once kagrid waits at the checkpoint
+        meanwhile();
+        EXPECT_EQ(write(fd, "x", 1), 1);
+        close(fd);
+        std::string output;
+        char buf[512];
+        while (std::fgets(buf, sizeof buf, run)) output += buf;
+        const int st = pclose(run);
+        return std::make_pair(WIFEXITED(st) ? WEXITSTATUS(st) : -1, output);
+    };
+    fs::create_directory(d.path / "gone");
+    const auto gone = pausedRun(d / "gone/g.tif", [&] { fs::remove_all(d.path / "gone"); });
+    EXPECT_EQ(gone.first, 1);
+    EXPECT_NE(gone.second.find("gone/g.tif: cannot create a temporary folder"), std::string::npos) << gone.second;
+
+    // A small file system of its own: read-only mid-run, then full.
+    const fs::path mnt = d.path / "mnt";
+    fs::create_directory(mnt);
+    if (mount("tmpfs", mnt.c_str(), "tmpfs", 0, "size=64k") != 0) {
+        std::printf("no tmpfs could be mounted here (%s): read-only and full-disk cases skipped\n", std::strerror(errno));
+        return;
+    }
+    struct Unmount {
+        std::string at;
+        ~Unmount() { umount2(at.c_str(), MNT_DETACH); }
+    } unmount{mnt.string()};
+    katest::WriteFile((mnt / "g.tif").string(), "precious");
+    const auto ro = pausedRun((mnt / "g.tif").string(), [&] {
+        EXPECT_EQ(mount("tmpfs", mnt.c_str(), "tmpfs", MS_REMOUNT | MS_RDONLY, "size=64k"), 0);
+    });
+    EXPECT_EQ(ro.first, 1);
+    EXPECT_NE(ro.second.find("Read-only file system"), std::string::npos) << ro.second;
+    EXPECT_EQ(katest::ReadFile((mnt / "g.tif").string()), "precious");
+    ASSERT_EQ(mount("tmpfs", mnt.c_str(), "tmpfs", MS_REMOUNT, "size=64k"), 0);
+    // 64 kB cannot hold a 300 x 300 grid of text: the write fails with its reason, the old file stays.
+    const auto full = Kagrid("nearest-neighbor " + kSample + " " + (mnt / "g.asc").string() +
+                             " -q --set columnCount=300 --set rowCount=300");
+    EXPECT_EQ(full.status, 1);
+    EXPECT_NE(full.output.find("g.asc: Write failed, disk full?"), std::string::npos) << full.output;
+    const auto fullXyz = Kagrid("nearest-neighbor " + kSample + " " + (mnt / "g.xyz").string() +
+                                " -q --set columnCount=300 --set rowCount=300");
+    EXPECT_EQ(fullXyz.status, 1);
+    EXPECT_NE(fullXyz.output.find("g.xyz: writing the file failed: No space left on device"), std::string::npos)
+        << fullXyz.output;
+    EXPECT_EQ(katest::ReadFile((mnt / "g.tif").string()), "precious");
+    // Full when the finished file is renamed: a rename needs no space, the new grid lands whole.
+    std::vector<std::string> args{"nearest-neighbor", kSample, (mnt / "g.tif").string(), "-q"};
+    const std::vector<std::string> phases = Checkpoints(args);
+    const int commit = static_cast<int>(std::find(phases.begin(), phases.end(), "commit: begin") - phases.begin()) + 1;
+    const auto atRename = pausedRun((mnt / "g.tif").string(), [&] {
+        std::ofstream filler((mnt / "filler").string(), std::ios::binary);
+        const std::string block(4096, 'f');
+        while (filler.write(block.data(), block.size())) {
+        }
+    }, commit);
+    EXPECT_EQ(atRename.first, 0) << atRename.second;
+    EXPECT_EQ(ReadRasterSurface((mnt / "g.tif").string())->GetSurfaceObjInfo().rowCount, 100u);
+    fs::remove(mnt / "filler");
+    std::set<std::string> left;
+    for (const auto& e : fs::directory_iterator(mnt)) left.insert(e.path().filename().string());
+    EXPECT_EQ(left, std::set<std::string>{"g.tif"});
 }
