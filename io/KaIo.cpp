@@ -1,6 +1,3 @@
-#include <fcntl.h>
-#include <pthread.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,7 +7,6 @@
 #include <cstring>
 #include <filesystem>
 #include <mutex>
-#include <random>
 
 #include "io/KaIoError.h"
 #include "io/KaIoSupport.h"

@@ -112,11 +112,12 @@ private:
 };
 
 // Creates a raster file without ever leaving a half-written `target`: `build`
-// makes the complete dataset at the temporary path it is given (a hidden name
-// next to `target` with the same extension) and returns it open; it is
-// closed, reopened as a check and only then renamed over `target` (through
-// the driver when the format has more than one file). On any failure every
-// temporary file is removed and KaIoError is thrown naming `target`.
+// makes the complete dataset at the temporary path it is given (`target`'s
+// own file name in a private temporary folder beside it) and returns it open;
+// it is closed, reopened as a check and only then renamed over `target`, with
+// every file of the dataset (side files last-but-the-main-file), now or when
+// the open batch commits. On any failure the temporary folder is removed and
+// KaIoError is thrown naming `target`.
 void WriteThroughTemp(GDALDriver* driver, const std::string& target,
                       const std::function<GdalDatasetPtr(const std::string& tempPath)>& build);
 
