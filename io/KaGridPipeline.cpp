@@ -5,6 +5,7 @@
 
 #include "core/KaRecordFill.h"
 #include "io/KaDriftRasters.h"
+#include "io/KaGridRequest.h"
 #include "io/KaIoError.h"
 #include "io/KaOutputFiles.h"
 #include "io/KaParamJson.h"
@@ -104,6 +105,7 @@ KaGridRunResult KaRunGrid(const KaMethodInfo& method, std::unique_ptr<KaEstimato
         memory.push_back({"the drift rasters' values at the nodes need " + KaBytesText(drift),
                           "name fewer driftRasters or " + options.gridAdvice, drift});
     KaCheckMemory(memory);
+    CheckSearchWork(*record);  // and the time a thin lattice would keep the ring walk busy
     const std::string gridSize = KaGridMemoryText(record->columnCount, record->rowCount, grids);
     KaAttachDriftRasters(*record, *samples);  // kriging with an external drift: its values, read here
 

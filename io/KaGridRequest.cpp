@@ -1,5 +1,6 @@
 #include "io/KaGridRequest.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -8,11 +9,12 @@
 #include "io/KaParamJson.h"
 #include "io/KaRasterIo.h"
 #include "core/KaEstimatorGridParam.h"
+#include "search/KaEstGridSearcherParam.h"
 
 namespace {
 
-// Counts beyond this are refused outright; memory refuses smaller ones.
-constexpr double kMaxCount = 1e12;
+// The largest raster side (the surface keeps 32-bit counts, GDAL int sides).
+constexpr double kMaxCount = 2147483647;
 
 std::vector<double> Numbers(const std::string& option, const std::string& text, std::size_t least,
                             std::size_t most, const char* form)
@@ -41,8 +43,9 @@ uint64_t NodesAtStep(double lo, double hi, double step, const char* axis)
     double n = (hi - lo) / step;
     const double whole = std::round(n);
     if (std::fabs(n - whole) <= 1e-9 * std::max(1.0, whole)) n = whole;
-    if (!(n + 1 < kMaxCount))
-        throw KaParamError(std::string("--cell: ") + axis + " would need more than 10^12 nodes");
+    if (!(n + 1 <= kMaxCount))
+        throw KaParamError(std::string("--cell: ") + axis + " would need more than 2147483647 nodes (the largest "
+                           "raster side); choose a larger cell");
     return static_cast<uint64_t>(std::floor(n)) + 1;
 }
 
@@ -60,8 +63,7 @@ void ApplyGridRequest(const KaGridRequest& q, KaEstimatorGridParam& r, std::set<
         if (!q.bounds.empty()) Refuse("--like", "--bounds");
         if (!q.cell.empty()) Refuse("--like", "--cell");
         if (!q.size.empty()) Refuse("--like", "--size");
-        const auto surface = ReadRasterSurface(q.like);
-        const KaSurfaceObjInfo& info = surface->GetSurfaceObjInfo();
+        const KaSurfaceObjInfo info = ReadRasterLattice(q.like);
         r.xMin = info.xMin;
         r.xMax = info.xMax;
         r.yMin = info.yMin;
@@ -93,8 +95,9 @@ void ApplyGridRequest(const KaGridRequest& q, KaEstimatorGridParam& r, std::set<
     } else if (!q.size.empty()) {
         const auto s = Numbers("--size", q.size, 2, 2, "COLS,ROWS");
         for (double v : s)
-            if (!(v >= 1) || v != std::floor(v) || !(v < kMaxCount))
-                throw KaParamError("--size " + q.size + ": the counts must be whole numbers from 1");
+            if (!(v >= 1) || v != std::floor(v) || !(v <= kMaxCount))
+                throw KaParamError("--size " + q.size + ": the counts must be whole numbers from 1 to 2147483647 "
+                                   "(the largest raster side)");
         r.columnCount = static_cast<uint64_t>(s[0]);
         r.rowCount = static_cast<uint64_t>(s[1]);
         given.insert({"columnCount", "rowCount"});
@@ -104,7 +107,9 @@ void ApplyGridRequest(const KaGridRequest& q, KaEstimatorGridParam& r, std::set<
             throw KaParamError("--bounds " + q.bounds + ": give --cell or --size as well (the box has no height "
                                "or the grid has one row)");
         const double columns = std::round((r.xMax - r.xMin) / dy);
-        if (!(columns + 1 < kMaxCount)) throw KaParamError("--bounds " + q.bounds + ": give --cell or --size as well");
+        if (!(columns + 1 <= kMaxCount))
+            throw KaParamError("--bounds " + q.bounds + ": square cells would need more than 2147483647 columns; give "
+                               "--cell or --size as well");
         r.columnCount = static_cast<uint64_t>(columns) + 1;
         given.insert("columnCount");
     }
@@ -117,4 +122,27 @@ std::string DescribeGrid(const KaEstimatorGridParam& r)
                   static_cast<unsigned long long>(r.columnCount), static_cast<unsigned long long>(r.rowCount),
                   r.GetDx(), r.GetDy(), r.xMin, r.xMax, r.yMin, r.yMax);
     return text;
+}
+
+void CheckSearchWork(const KaEstimatorGridParam& r)
+{
+    const auto* search = dynamic_cast<const KaEstGridSearcherParam*>(&r);
+    if (!search || search->searchMode != kKaSearchRings || r.columnCount < 2 || r.rowCount < 2) return;
+    const double dx = r.GetDx(), dy = r.GetDy();
+    if (!(dx > 0) || !(dy > 0)) return;
+    // The ring walk's buckets are as small as the finer spacing: with cells far
+    // from square its work grows with the nodes times that ratio (2 x 80000
+    // nodes over a square take a minute and a half, 2 x 2000000 would take days).
+    const double ratio = std::max(dx, dy) / std::min(dx, dy);
+    const double work = static_cast<double>(r.columnCount) * static_cast<double>(r.rowCount) * ratio;
+    if (work > 1e11) {
+        char text[400];
+        std::snprintf(text, sizeof text,
+                      "a %llu \u00d7 %llu grid whose cells are %.3g times longer one way than the other would "
+                      "keep the search busy for hours (its buckets are as small as the finer spacing); choose "
+                      "cells closer to square (--cell DX,DY) or fewer nodes along the long side",
+                      static_cast<unsigned long long>(r.columnCount), static_cast<unsigned long long>(r.rowCount),
+                      ratio);
+        throw KaParamError(text);
+    }
 }

@@ -27,3 +27,7 @@ void ApplyGridRequest(const KaGridRequest& request, KaEstimatorGridParam& record
 
 // "70 × 98 nodes, cell 40 × 40, x 178609 … 181369, y 329704 … 333584".
 std::string DescribeGrid(const KaEstimatorGridParam& record);
+
+// Refuses, before any work, a ring-walk search over cells so far from square
+// (nodes times the ratio of the spacings above 10^11) that it would run for hours.
+void CheckSearchWork(const KaEstimatorGridParam& record);

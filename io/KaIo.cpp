@@ -1,6 +1,3 @@
-#include <fcntl.h>
-#include <pthread.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,7 +7,6 @@
 #include <cstring>
 #include <filesystem>
 #include <mutex>
-#include <random>
 
 #include "io/KaIoError.h"
 #include "io/KaIoSupport.h"
@@ -119,75 +115,35 @@ std::string ReplaceAll(std::string s, const std::string& from, const std::string
     return s;
 }
 
-// Removes every file whose name starts with the temporary's unique prefix:
-// the temporary itself and whatever side files the driver made for it.
-void RemoveTemporaries(const fs::path& dir, const std::string& prefix)
-{
-    std::error_code ec;
-    std::vector<fs::path> doomed;
-    for (fs::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec))
-        if (it->path().filename().string().rfind(prefix, 0) == 0) doomed.push_back(it->path());
-    for (const fs::path& p : doomed) fs::remove(p, ec);
-}
-
 }  // namespace
 
-void WriteThroughTemp(GDALDriver* driver, const std::string& target,
+void WriteThroughTemp(GDALDriver* driver, const std::string& named,
                       const std::function<GdalDatasetPtr(const std::string&)>& build)
 {
+    const std::string target = FollowOutputLink(named);
     const fs::path targetPath(target);
-    const fs::path dir = targetPath.has_parent_path() ? targetPath.parent_path() : fs::path(".");
-    const std::string ext = targetPath.extension().string();
+    const fs::path dir = OutputFolder(target);
+    // A private folder beside the target: same file system for the rename,
+    // the target's own name for drivers that look at it, and every side file
+    // the driver writes (.aux.xml, .prj, .hdr, a journal) inside it.
+    const std::string folder = MakeTemporaryFolder(target);
+    const std::string temp = (fs::path(folder) / targetPath.filename()).string();
 
-    // Reserve a unique hidden name next to the target: same directory so the
-    // final rename cannot cross file systems, same extension for drivers that
-    // look at it.
-    thread_local std::mt19937_64 rng(std::random_device{}());
-    std::string prefix, temp;
-    for (int attempt = 0;; ++attempt) {
-        char token[48];
-        std::snprintf(token, sizeof token, ".tmp%ld-%08llx", static_cast<long>(getpid()),
-                      static_cast<unsigned long long>(rng() & 0xffffffffu));
-        prefix = '.';
-        prefix += targetPath.filename().string();
-        prefix += token;
-        temp = (dir / (prefix + ext)).string();
-        // Held signals: an interrupt between creating the file and guarding it would leave it behind.
-        sigset_t held, previous;
-        sigemptyset(&held);
-        sigaddset(&held, SIGINT);
-        sigaddset(&held, SIGTERM);
-        pthread_sigmask(SIG_BLOCK, &held, &previous);
-        const int fd = open(temp.c_str(), O_CREAT | O_EXCL | O_WRONLY, 0644);
-        const int openErrno = errno;
-        if (fd >= 0) {
-            close(fd);
-            GuardTemporary(temp);
-            GuardTemporary(temp + ".aux.xml");
-        }
-        pthread_sigmask(SIG_SETMASK, &previous, nullptr);
-        errno = openErrno;
-        if (fd >= 0) break;
-        if (errno != EEXIST || attempt > 50)
-            throw KaIoError(target, std::string("cannot create a file in '") + dir.string() +
-                                        "': " + std::strerror(errno));
-    }
-
-    auto fail = [dir, prefix, temp, target](const std::string& why) {
-        RemoveTemporaries(dir, prefix);
-        ForgetTemporary(temp);
-        ForgetTemporary(temp + ".aux.xml");
-        std::string text = ReplaceAll(why, temp, target);
-        if (text.rfind(target + ": ", 0) == 0) text.erase(0, target.size() + 2);  // named once is enough
-        throw KaIoError(target, text);
+    auto fail = [folder, temp, named](const std::string& why) {
+        RemoveTemporaryFolder(folder);
+        std::string text = ReplaceAll(why, temp, named);
+        if (text.rfind(named + ": ", 0) == 0) text.erase(0, named.size() + 2);  // named once is enough
+        throw KaIoError(named, text);
     };
 
     GdalErrorCapture capture;
     std::vector<std::string> files;
     try {
         GdalDatasetPtr ds = build(temp);
+        Checkpoint("write: dataset made");
         if (!ds || capture.Failed()) fail(capture.Message("the driver could not create the file"));
         ds.reset();  // closing writes the remaining blocks
+        Checkpoint("write: dataset closed");
         if (capture.Failed()) fail(capture.Message("writing the file failed"));
 
         const char* allowed[] = {driver->GetDescription(), nullptr};
@@ -197,43 +153,36 @@ void WriteThroughTemp(GDALDriver* driver, const std::string& target,
         char** list = check->GetFileList();
         for (char** f = list; f && *f; ++f) files.emplace_back(*f);
         CSLDestroy(list);
-    } catch (const KaIoError&) {
-        RemoveTemporaries(dir, prefix);
-        ForgetTemporary(temp);
-        ForgetTemporary(temp + ".aux.xml");
-        throw;
+        Checkpoint("write: read back");
+    } catch (const KaIoError& e) {
+        if (e.file() == named) {
+            RemoveTemporaryFolder(folder);
+            throw;
+        }
+        fail(e.what());
     } catch (const std::exception& e) {
         fail(e.what());
     }
+    if (files.empty()) files.push_back(temp);
 
-    for (const std::string& f : files) GuardTemporary(f);
-    auto forget = [temp, files] {
-        ForgetTemporary(temp);
-        ForgetTemporary(temp + ".aux.xml");
-        for (const std::string& f : files) ForgetTemporary(f);
-    };
-    auto commit = [driver, target, temp, dir, prefix, files, forget, fail] {
-        // Checked again: the path may have changed since the run began.
+    std::vector<std::pair<std::string, std::string>> moves;
+    for (const std::string& f : files) {
+        const fs::path from(f);
+        if (from.parent_path() != fs::path(folder)) continue;  // only what this write made
+        moves.emplace_back(f, (dir / from.filename()).string());
+    }
+    // The main file last: a reader never sees it beside side files of the old one.
+    std::stable_partition(moves.begin(), moves.end(), [&](const auto& m) { return m.first != temp; });
+    auto commit = [folder, moves, target, named] {
+        OutputLock lock;
+        MoveIntoPlace(folder, moves, named);
+        // A side file left by an older version of the target would override what was just written.
+        bool ownAux = false;
+        for (const auto& m : moves) ownAux = ownAux || m.second == target + ".aux.xml";
         std::error_code ec;
-        const fs::file_status st = fs::status(target, ec);
-        if (fs::exists(st) && !fs::is_regular_file(st)) fail("exists and is not a regular file; not replaced");
-        GdalErrorCapture capture;
-        if (files.size() <= 1) {
-            if (std::rename(temp.c_str(), target.c_str()) != 0)
-                fail(std::string("cannot replace the file: ") + std::strerror(errno));
-            // A side file left by an older version of the target would override
-            // what was just written.
-            fs::remove(target + ".aux.xml", ec);
-        } else if (driver->Rename(target.c_str(), temp.c_str()) != CE_None) {
-            fail(capture.Message("cannot rename the temporary files"));
-        }
-        forget();
+        if (!ownAux) fs::remove(target + ".aux.xml", ec);
     };
-    auto discard = [dir, prefix, forget] {
-        RemoveTemporaries(dir, prefix);
-        forget();
-    };
-    CommitOrDefer(commit, discard);
+    CommitOrDefer(commit, [folder] { RemoveTemporaryFolder(folder); });
 }
 
 }  // namespace kaio

@@ -7,6 +7,8 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include <gdal_priv.h>
 
@@ -24,19 +26,60 @@ std::string Echo(std::string_view text, std::size_t max = 40);
 // does not open the file: a pipe must be opened once only, by its reader.
 void CheckInputFile(const std::string& path);
 
-// Removes the files on SIGINT and SIGTERM until forgotten. Paths longer than
-// the slots hold, or more than the slots, are not guarded.
-void GuardTemporary(const std::string& path);
-void ForgetTemporary(const std::string& path);
+// Test hook at a point of a run (reading, estimating, each write and rename
+// step); see KaOutputFiles.cpp. Does nothing unless a KAGRID_TEST_ variable is set.
+void Checkpoint(const char* phase);
 
-// A hidden name beside `target` for its temporary, in the pattern
-// KaRemoveStaleTemporaries recognises ("." + stem + ".tmp" + pid +
-// extension), guarded against signals from now on.
+// Held while temporaries are created, committed or removed; the signal path
+// takes it before removing them, so it never meets a half-done rename.
+class OutputLock {
+public:
+    OutputLock();
+    ~OutputLock();
+    OutputLock(const OutputLock&) = delete;
+    OutputLock& operator=(const OutputLock&) = delete;
+};
+
+// An exclusive lock on a folder shared with other processes (flock): two runs
+// replacing files in one folder do so one after the other.
+class FolderLock {
+public:
+    explicit FolderLock(const std::string& folder);
+    ~FolderLock();
+    FolderLock(const FolderLock&) = delete;
+    FolderLock& operator=(const FolderLock&) = delete;
+
+private:
+    int fd_;
+};
+
+// The folder `target` is in ("." for a bare name).
+std::string OutputFolder(const std::string& target);
+
+// An output given as a symbolic link is written through it: the file it
+// points to is replaced, the link kept. A dangling link is refused.
+std::string FollowOutputLink(const std::string& path);
+
+// A private hidden folder beside `target` (".kagrid-PID-XXXXXXXX.tmp") for
+// its temporaries and whatever side files a driver writes next to them;
+// registered for removal on an interrupt before it exists.
+std::string MakeTemporaryFolder(const std::string& target);
+void RemoveTemporaryFolder(const std::string& folder);
+
+// A temporary path for `target`: its own file name inside a new temporary folder.
 std::string ReserveTemporary(const std::string& target);
+// Removes the temporary folder holding `temp`.
+void DiscardTemporary(const std::string& temp);
+
+// Renames each finished file (from, to) into place under the locks, then
+// removes `folder`; refuses a target that has meanwhile become anything but a
+// regular file. Errors name `named`.
+void MoveIntoPlace(const std::string& folder, const std::vector<std::pair<std::string, std::string>>& moves,
+                   const std::string& named);
 
 // Renames the finished `temp` over `target`, now or when the open batch
-// commits, refusing a target that has meanwhile become anything but a regular
-// file; `temp` is removed when that fails or the batch ends uncommitted.
+// commits; `temp`'s folder is removed when that fails or the batch ends
+// uncommitted.
 void CommitTemporary(const std::string& temp, const std::string& target);
 
 // Runs `commit` now, or keeps it for KaOutputBatch::Commit when a batch is
@@ -69,11 +112,12 @@ private:
 };
 
 // Creates a raster file without ever leaving a half-written `target`: `build`
-// makes the complete dataset at the temporary path it is given (a hidden name
-// next to `target` with the same extension) and returns it open; it is
-// closed, reopened as a check and only then renamed over `target` (through
-// the driver when the format has more than one file). On any failure every
-// temporary file is removed and KaIoError is thrown naming `target`.
+// makes the complete dataset at the temporary path it is given (`target`'s
+// own file name in a private temporary folder beside it) and returns it open;
+// it is closed, reopened as a check and only then renamed over `target`, with
+// every file of the dataset (side files last-but-the-main-file), now or when
+// the open batch commits. On any failure the temporary folder is removed and
+// KaIoError is thrown naming `target`.
 void WriteThroughTemp(GDALDriver* driver, const std::string& target,
                       const std::function<GdalDatasetPtr(const std::string& tempPath)>& build);
 

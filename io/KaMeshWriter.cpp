@@ -1,7 +1,5 @@
 #include "io/KaMeshWriter.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cctype>
 #include <filesystem>
@@ -112,8 +110,9 @@ void WriteFeatures(GDALDriver* driver, bool shape, const KaDelaunayTriangle& mes
 
 }  // namespace
 
-void WriteTriangleMesh(const KaDelaunayTriangle& mesh, const std::string& path, const std::string& crsWkt)
+void WriteTriangleMesh(const KaDelaunayTriangle& mesh, const std::string& named, const std::string& crsWkt)
 {
+    const std::string path = kaio::FollowOutputLink(named);
     GDALAllRegister();
     const fs::path target(path);
     const std::string ext = target.extension().string();
@@ -121,65 +120,46 @@ void WriteTriangleMesh(const KaDelaunayTriangle& mesh, const std::string& path, 
     GDALDriver* driver = GetGDALDriverManager()->GetDriverByName(shape ? "ESRI Shapefile" : "GPKG");
     if (!driver) throw std::runtime_error(path + ": the GDAL driver for this format is not available");
 
-    // Same directory, so the final rename stays on one file system; the
-    // temporary name keeps a proper extension for the driver.
+    // A private temporary folder beside the target (same file system for the
+    // rename); the files inside keep the target's own names, so the parts of a
+    // Shapefile and a GeoPackage's journal all stay in it until committed.
     const std::string stem = target.stem().string();
-    const fs::path dir = target.parent_path();
-    const std::string tmpStem = "." + stem + ".tmp" + std::to_string(::getpid());
+    const fs::path dir = kaio::OutputFolder(path);
     const std::string layerName = mesh.GetName().empty() ? stem : mesh.GetName();
     const bool upper = shape && ext == Upper(ext);
-    auto shapePart = [&](const fs::path& base, const char* part) {
+    auto shapePart = [upper](const fs::path& base, const char* part) {
         fs::path p = base;
-        return p.replace_extension(upper ? Upper(part) : std::string(part));
+        p += upper ? Upper(part) : std::string(part);
+        return p;
     };
-    const fs::path tmpBase = dir / tmpStem;
-    const fs::path tmp = shape ? shapePart(tmpBase, ".shp") : fs::path(tmpBase.string() + (ext.empty() ? ".gpkg" : ext));
-
-    std::vector<std::string> temporaries;
-    if (shape) {
-        for (const char* part : kShapeParts) temporaries.push_back(shapePart(tmpBase, part).string());
-    } else {
-        for (const char* suffix : {"", "-journal", "-wal", "-shm"}) temporaries.push_back(tmp.string() + suffix);
-    }
-    auto removeTemporary = [temporaries] {
-        std::error_code ec;
-        for (const std::string& t : temporaries) {
-            fs::remove(t, ec);
-            kaio::ForgetTemporary(t);
-        }
-    };
-    removeTemporary();
-    for (const std::string& t : temporaries) kaio::GuardTemporary(t);
+    const fs::path folder = kaio::MakeTemporaryFolder(path);
+    const fs::path tmp = folder / (shape ? target.filename() : fs::path(target.filename().string() + (ext.empty() ? ".gpkg" : "")));
+    auto discard = [folder] { kaio::RemoveTemporaryFolder(folder.string()); };
     auto commit = [=] {
-        std::error_code ec;
-        const fs::file_status st = fs::status(target, ec);
-        if (fs::exists(st) && !fs::is_regular_file(st)) {
-            removeTemporary();
-            throw std::runtime_error(path + ": exists and is not a regular file; not replaced");
-        }
+        kaio::OutputLock lock;
+        std::vector<std::pair<std::string, std::string>> moves;
+        std::vector<fs::path> stale;
         if (shape) {
             for (const char* part : kShapeParts) {
-                const fs::path from = shapePart(tmpBase, part), to = shapePart(target, part);
-                if (fs::exists(from)) {
-                    fs::rename(from, to, ec);
-                    if (ec) break;
-                } else {
-                    fs::remove(to, ec);  // a stale part of an earlier file
-                    ec.clear();
-                }
+                const fs::path from = shapePart(folder / stem, part), to = shapePart(dir / stem, part);
+                if (fs::exists(from)) moves.emplace_back(from.string(), to.string());
+                else stale.push_back(to);  // a part of an earlier mesh of this name
             }
+            // The .shp last: a reader never pairs it with the old parts.
+            if (!moves.empty()) std::rotate(moves.begin(), moves.begin() + 1, moves.end());
         } else {
-            fs::rename(tmp, target, ec);
+            moves.emplace_back(tmp.string(), path);
         }
-        removeTemporary();
-        CPLErrorReset();
-        if (ec) Throw(path, "cannot rename the finished file into place: " + ec.message());
+        kaio::MoveIntoPlace(folder.string(), moves, path);
+        std::error_code ec;
+        for (const fs::path& f : stale) fs::remove(f, ec);
     };
     try {
         WriteFeatures(driver, shape, mesh, tmp.string(), path, layerName, crsWkt);
     } catch (...) {
-        removeTemporary();
+        discard();
         throw;
     }
-    kaio::CommitOrDefer(commit, removeTemporary);
+    kaio::Checkpoint("write: mesh written");
+    kaio::CommitOrDefer(commit, discard);
 }

@@ -43,14 +43,24 @@ private:
     std::vector<Pending> pending_;
 };
 
-// SIGINT and SIGTERM remove the temporaries being written, then end the
-// process as the signal would have.
+// Blocks SIGINT, SIGTERM and SIGHUP in the calling thread and so in every
+// thread it starts later; kagrid calls it before any library starts a thread.
+void KaBlockInterruptSignals();
+
+// Starts the thread that receives SIGINT, SIGTERM and SIGHUP (those not
+// ignored at start): it waits for a commit under way, removes every temporary
+// folder of the run, then ends the process as the signal would have. Blocks
+// them in the calling thread; a thread that still takes one hands it over.
 void KaInstallTemporaryCleanup();
 
-// Removes temporaries next to `outputPath` that an earlier kagrid run left
-// behind when it was killed outright: only names of kagrid's own pattern for
-// this output whose process no longer exists.
+// Removes the temporary folders beside `outputPath` that an earlier kagrid run
+// left behind when it was killed outright: only folders named in kagrid's own
+// pattern (".kagrid-PID-XXXXXXXX.tmp") whose process no longer exists.
 void KaRemoveStaleTemporaries(const std::string& outputPath);
+
+// A message fit for a terminal: control bytes (a file name may hold any)
+// become \xNN; UTF-8 text is kept.
+std::string KaTerminalSafe(const std::string& message);
 
 // Sets every node that is not finite to the surface's blank value and returns
 // how many there were (z values or coordinates near the largest double

@@ -468,12 +468,21 @@ json ReadParamFile(const std::string& path)
 {
     std::error_code ec;
     if (std::filesystem::is_directory(path, ec)) throw KaParamError(path + ": is a folder, not a parameter file");
+    const auto status = std::filesystem::status(path, ec);
+    if (std::filesystem::is_character_file(status) || std::filesystem::is_block_file(status))
+        throw KaParamError(path + ": is a device, not a parameter file");
     std::ifstream in(path, std::ios::binary);
     if (!in) throw KaParamError(path + ": cannot open the parameter file: " + std::strerror(errno));
-    std::ostringstream text;
-    text << in.rdbuf();
+    // A pipe may feed it (--params <(...)), so no size up front: read at most 16 MiB.
+    constexpr std::size_t kMaxParamBytes = std::size_t(16) << 20;
+    std::string text;
+    char chunk[65536];
+    while (in.read(chunk, sizeof chunk) || in.gcount() > 0) {
+        text.append(chunk, static_cast<std::size_t>(in.gcount()));
+        if (text.size() > kMaxParamBytes) throw KaParamError(path + ": larger than 16 MiB; not a parameter file");
+    }
     if (in.bad()) throw KaParamError(path + ": cannot read the parameter file");
-    return ParseParamJson(text.str(), path);
+    return ParseParamJson(text, path);
 }
 
 ordered_json RecordToJson(KaEstimatorGridParam& record)

@@ -15,6 +15,7 @@
 
 #include <ogrsf_frmts.h>
 
+#include "io/KaCrs.h"
 #include "io/KaIoError.h"
 #include "io/KaIoSupport.h"
 #include "io/KaRasterIo.h"
@@ -146,13 +147,18 @@ public:
     {
         line = {};
         for (;;) {
-            const std::size_t nl = buffer_.find('\n', start_);
+            // LF, CR LF and a lone CR (old Mac files) all end a line; a CR
+            // last in the buffer waits for the next byte.
+            std::size_t nl = buffer_.find_first_of("\r\n", start_);
+            if (nl != std::string::npos && buffer_[nl] == '\r' && nl + 1 == buffer_.size() && !eof_) nl = std::string::npos;
             const std::size_t end = nl == std::string::npos ? buffer_.size() : nl;
             if (std::memchr(buffer_.data() + start_, '\0', end - start_))
                 throw KaIoError(path_, number_ + 1, "holds a NUL byte; not a text file");
             if (nl != std::string::npos || (eof_ && start_ < buffer_.size())) {
                 line = std::string_view(buffer_).substr(start_, end - start_);
-                start_ = nl == std::string::npos ? buffer_.size() : nl + 1;
+                const bool crlf = nl != std::string::npos && buffer_[nl] == '\r' && nl + 1 < buffer_.size() &&
+                                  buffer_[nl + 1] == '\n';
+                start_ = nl == std::string::npos ? buffer_.size() : nl + (crlf ? 2 : 1);
                 ++number_;
                 return true;
             }
@@ -402,11 +408,30 @@ std::vector<Ka3DPoint> ReadVectorPoints(const std::string& path, const KaPointCo
     const std::string zSpec(Trim(columns.z));
     const bool severalLayers = ds->GetLayerCount() > 1;
     std::vector<Ka3DPoint> points;
+    OGRLayer* first = nullptr;  // the first layer with geometry: the others must share its coordinate system
     for (OGRLayer* layer : ds->GetLayers()) {
         OGRFeatureDefn* defn = layer->GetLayerDefn();
         if (defn->GetGeomFieldCount() == 0) continue;
         const std::string where =
             severalLayers ? "layer '" + std::string(layer->GetName()) + "', " : std::string();
+        if (!first) {
+            first = layer;
+        } else {
+            const OGRSpatialReference *a = first->GetSpatialRef(), *b = layer->GetSpatialRef();
+            if ((a == nullptr) != (b == nullptr) || (a && !a->IsSame(b))) {
+                auto label = [](const OGRSpatialReference* srs) {
+                    char* wkt = nullptr;
+                    if (!srs || srs->exportToWkt(&wkt) != OGRERR_NONE) return std::string("no coordinate system");
+                    const std::string text = CrsLabel(wkt);
+                    CPLFree(wkt);
+                    return text;
+                };
+                throw KaIoError(path, "layer '" + std::string(layer->GetName()) + "' is in " + label(b) +
+                                          ", layer '" + first->GetName() + "' in " + label(a) +
+                                          "; kagrid does not reproject: put the layers in one coordinate system "
+                                          "or keep one layer");
+            }
+        }
 
         int zField = -1;
         if (!zSpec.empty()) {

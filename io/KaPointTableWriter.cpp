@@ -64,9 +64,10 @@ std::string CsvText(const std::vector<std::string>& columns, const std::vector<s
 
 }  // namespace
 
-void WritePointTable(const std::string& path, const std::vector<std::string>& columns,
+void WritePointTable(const std::string& named, const std::vector<std::string>& columns,
                      const std::vector<std::vector<double>>& rows)
 {
+    const std::string path = kaio::FollowOutputLink(named);
     const std::string ext = kaio::Lower(fs::path(path).extension().string());
     const char* driverName = DriverFor(ext);
     if (!driverName) {
@@ -83,10 +84,7 @@ void WritePointTable(const std::string& path, const std::vector<std::string>& co
     kaio::GdalErrorCapture errors;
     auto fail = [&](const std::string& what) {
         const std::string msg = errors.Message(what);
-        driver->Delete(tmp.c_str());
-        std::error_code ec;
-        fs::remove(tmp, ec);
-        kaio::ForgetTemporary(tmp);
+        kaio::DiscardTemporary(tmp);
         throw KaIoError(path, msg);
     };
     {
@@ -111,5 +109,6 @@ void WritePointTable(const std::string& path, const std::vector<std::string>& co
         if (transaction && ds->CommitTransaction() != OGRERR_NONE) fail("cannot complete the write");
     }
     if (errors.Failed()) fail("cannot complete the write");
+    kaio::Checkpoint("write: table written");
     kaio::CommitTemporary(tmp, path);
 }

@@ -4,7 +4,9 @@
 #include <climits>
 #include <cmath>
 #include <cstdio>
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <limits>
 
@@ -59,10 +61,16 @@ void ApplyStoredLattice(GDALDataset& ds, KaSurfaceObjInfo& info, double dx, doub
 
 }  // namespace
 
-std::unique_ptr<KaSurface> ReadRasterSurface(const std::string& path)
+namespace {
+
+// Opens a raster for reading: a regular file GDAL reads, with a band and cells.
+GdalDatasetPtr OpenRaster(const std::string& path)
 {
     KaIoInit();
     kaio::CheckInputFile(path);
+    std::error_code ec;
+    if (!fs::is_regular_file(path, ec))
+        throw KaIoError(path, "not a regular file; a raster must be a file GDAL can open (not a pipe or a device)");
     GdalErrorCapture capture;
     // Arc ASCII grids would otherwise be read as 32-bit floats.
     CPLSetThreadLocalConfigOption("AAIGRID_DATATYPE", "Float64");
@@ -72,14 +80,25 @@ std::unique_ptr<KaSurface> ReadRasterSurface(const std::string& path)
     if (ds->GetRasterCount() < 1) throw KaIoError(path, "has no raster band");
     const int cols = ds->GetRasterXSize(), rows = ds->GetRasterYSize();
     if (cols < 1 || rows < 1) throw KaIoError(path, "the raster is empty");
+    return ds;
+}
 
+struct Lattice {
+    KaSurfaceObjInfo info;
+    bool northUp, eastToWest;
+};
+
+// The raster's nodes from its geotransform (and the lattice kagrid stored), no pixel read.
+Lattice RasterLattice(GDALDataset& dataset, const std::string& path)
+{
+    GDALDataset* ds = &dataset;
+    const int cols = ds->GetRasterXSize(), rows = ds->GetRasterYSize();
     double gt[6];
     if (ds->GetGeoTransform(gt) != CE_None) {
         // No georeferencing: north up, unit pixels, lower-left corner at the origin.
         const double plain[6] = {0.0, 1.0, 0.0, static_cast<double>(rows), 0.0, -1.0};
         std::copy(plain, plain + 6, gt);
     }
-    capture.Reset();
     if (gt[2] != 0.0 || gt[4] != 0.0)
         throw KaIoError(path, "the raster is rotated or sheared; only north-up or south-up "
                               "rasters can be read");
@@ -87,24 +106,22 @@ std::unique_ptr<KaSurface> ReadRasterSurface(const std::string& path)
         if (!std::isfinite(g)) throw KaIoError(path, "the raster's georeferencing is not finite");
     if (gt[1] == 0.0 || gt[5] == 0.0) throw KaIoError(path, "the raster's pixel size is zero");
 
-    const bool northUp = gt[5] < 0.0, eastToWest = gt[1] < 0.0;
+    Lattice l;
+    l.northUp = gt[5] < 0.0;
+    l.eastToWest = gt[1] < 0.0;
     const double dx = std::fabs(gt[1]), dy = std::fabs(gt[5]);
-
-    auto surface = std::make_unique<KaSurface>();
-    surface->SetID(KaObject::CreateUniqueID());
-    surface->SetName(kaio::FileStem(path));
-    KaSurfaceObjInfo& info = surface->GetSurfaceObjInfo();
+    KaSurfaceObjInfo& info = l.info;
     info.columnCount = static_cast<uint32_t>(cols);
     info.rowCount = static_cast<uint32_t>(rows);
     // Bounds measured from the edge the geotransform's origin sits on.
-    if (eastToWest) {
+    if (l.eastToWest) {
         info.xMax = gt[0] - dx / 2;
         info.xMin = info.xMax - (cols - 1) * dx;
     } else {
         info.xMin = gt[0] + dx / 2;
         info.xMax = info.xMin + (cols - 1) * dx;
     }
-    if (northUp) {
+    if (l.northUp) {
         info.yMax = gt[3] - dy / 2;
         info.yMin = info.yMax - (rows - 1) * dy;
     } else {
@@ -112,6 +129,35 @@ std::unique_ptr<KaSurface> ReadRasterSurface(const std::string& path)
         info.yMax = info.yMin + (rows - 1) * dy;
     }
     ApplyStoredLattice(*ds, info, dx, dy);
+    return l;
+}
+
+}  // namespace
+
+KaSurfaceObjInfo ReadRasterLattice(const std::string& path)
+{
+    GdalDatasetPtr ds = OpenRaster(path);
+    return RasterLattice(*ds, path).info;
+}
+
+std::unique_ptr<KaSurface> ReadRasterSurface(const std::string& path)
+{
+    GdalDatasetPtr ds = OpenRaster(path);
+    GdalErrorCapture capture;
+    const int cols = ds->GetRasterXSize(), rows = ds->GetRasterYSize();
+    const Lattice lattice = RasterLattice(*ds, path);
+    const bool northUp = lattice.northUp, eastToWest = lattice.eastToWest;
+
+    auto surface = std::make_unique<KaSurface>();
+    surface->SetID(KaObject::CreateUniqueID());
+    surface->SetName(kaio::FileStem(path));
+    KaSurfaceObjInfo& info = surface->GetSurfaceObjInfo();
+    info.columnCount = lattice.info.columnCount;
+    info.rowCount = lattice.info.rowCount;
+    info.xMin = lattice.info.xMin;
+    info.xMax = lattice.info.xMax;
+    info.yMin = lattice.info.yMin;
+    info.yMax = lattice.info.yMax;
     info.corners[0] = Ka3DPoint(info.xMin, info.yMin, 0);
     info.corners[1] = Ka3DPoint(info.xMax, info.yMin, 0);
     info.corners[2] = Ka3DPoint(info.xMin, info.yMax, 0);
@@ -122,6 +168,12 @@ std::unique_ptr<KaSurface> ReadRasterSurface(const std::string& path)
     const bool nanNoData = hasNoData && std::isnan(noData);
     info.invalidValue = hasNoData && !nanNoData ? noData : kDefaultBlank;
     const double blank = info.invalidValue;
+    const bool float32 = band->GetRasterDataType() == GDT_Float32;
+    // Written as text, the largest float comes back a little off: snap it as GDAL does.
+    const double fltMax = std::numeric_limits<float>::max();
+    const float noData32 = std::fabs(noData) > fltMax * (1 - 1e-5) && std::fabs(noData) < fltMax * (1 + 1e-5)
+                               ? static_cast<float>(std::copysign(fltMax, noData))
+                               : static_cast<float>(std::clamp(noData, -fltMax, fltMax));
 
     KaTDataMatrix2D<double> matrix(kMaxDouble);
     if (!matrix.Create(info.columnCount, info.rowCount))
@@ -149,6 +201,12 @@ std::unique_ptr<KaSurface> ReadRasterSurface(const std::string& path)
             continue;
         }
         if (std::fabs(v - blank) <= 1e-20) continue;
+        // A 32-bit band's nodata may be stored rounded (-3.40282e+38 for cells
+        // at -FLT_MAX): compared as the band's own type, such a cell is blank.
+        if (float32 && hasNoData && static_cast<float>(v) == noData32) {
+            v = blank;
+            continue;
+        }
         if (unpack) v = v * scale + offset;
         zMin = std::min(zMin, v);
         zMax = std::max(zMax, v);
@@ -164,8 +222,13 @@ std::unique_ptr<KaDataObject> ReadInput(const std::string& path, const KaPointCo
                                         KaPointReadReport* report)
 {
     KaIoInit();
+    kaio::Checkpoint("read: start");
     kaio::CheckInputFile(path);
-    if (LooksLikeTextPoints(path)) return ReadPointFile(path, columns, report);
+    if (LooksLikeTextPoints(path)) {
+        auto points = ReadPointFile(path, columns, report);
+        kaio::Checkpoint("read: done");
+        return points;
+    }
     // GDAL opens a file several times, which a pipe or a device cannot serve.
     std::error_code ec;
     if (!fs::is_regular_file(path, ec))
@@ -189,9 +252,14 @@ std::unique_ptr<KaDataObject> ReadInput(const std::string& path, const KaPointCo
         std::unique_ptr<KaSurface> surface = ReadRasterSurface(path);
         const KaSurfaceObjInfo& info = surface->GetSurfaceObjInfo();
         if (!(info.zMin <= info.zMax)) throw KaIoError(path, "every cell is nodata; there are no samples to grid");
+        kaio::Checkpoint("read: done");
         return surface;
     }
-    if (vector) return ReadPointFile(path, columns, report);
+    if (vector) {
+        auto points = ReadPointFile(path, columns, report);
+        kaio::Checkpoint("read: done");
+        return points;
+    }
     throw KaIoError(path, "holds neither a raster band nor a vector layer");
 }
 
@@ -355,7 +423,7 @@ void WriteXyzText(const std::string& temp, const KaSurface& surface, const doubl
     else std::snprintf(valueFormat, sizeof valueFormat, "%%.%dg", significant ? std::atoi(significant) : 17);
 
     std::FILE* f = std::fopen(temp.c_str(), "w");
-    if (!f) throw KaIoError(temp, "cannot open the file for writing");
+    if (!f) throw KaIoError(temp, std::string("cannot open the file for writing: ") + std::strerror(errno));
     if (header) std::fprintf(f, "X%sY%sZ\n", separator.c_str(), separator.c_str());
     char value[64];
     const int cols = static_cast<int>(m.columnCount), rows = static_cast<int>(m.rowCount);
@@ -371,8 +439,10 @@ void WriteXyzText(const std::string& temp, const KaSurface& surface, const doubl
                          separator.c_str(), value);
         }
     }
-    const bool ok = std::ferror(f) == 0;
-    if (std::fclose(f) != 0 || !ok) throw KaIoError(temp, "writing the file failed");
+    bool ok = std::ferror(f) == 0 && std::fflush(f) == 0;
+    int why = ok ? 0 : errno;
+    if (std::fclose(f) != 0 && ok) ok = false, why = errno;
+    if (!ok) throw KaIoError(temp, std::string("writing the file failed: ") + std::strerror(why ? why : EIO));
 }
 
 
@@ -485,6 +555,7 @@ void WriteSurface(const KaSurface& surface, const std::string& path, const KaRas
                 CE_None)
                 return nullptr;
             if ((rr + 1) % flushRows == 0 && rr + 1 < rows && band->FlushCache(false) != CE_None) return nullptr;
+            if ((rr + 1) % std::max(1, rows / 4) == 0) kaio::Checkpoint("write: rows");
         }
         if (direct) return ds;
         return GdalDatasetPtr(

@@ -22,6 +22,10 @@ void KaIoInit();
 // Throws KaIoError.
 std::unique_ptr<KaSurface> ReadRasterSurface(const std::string& path);
 
+// Only the raster's lattice (counts and node bounds, as ReadRasterSurface
+// gives them), from its georeferencing without reading a pixel.
+KaSurfaceObjInfo ReadRasterLattice(const std::string& path);
+
 // Reads an input file: x y z text (by extension, see LooksLikeTextPoints),
 // else a raster (a surface), else a vector file (points). Throws KaIoError
 // for a missing or unreadable file.

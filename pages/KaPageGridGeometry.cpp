@@ -11,6 +11,7 @@
 #include <limits>
 
 #include "core/KaEstimatorGridParam.h"
+#include "platform/kadata/KaEventsLog.h"
 #include "pages/KaPreciseSpinBox.h"
 
 namespace {
@@ -132,6 +133,16 @@ bool KaPageGridGeometry::CheckPage()
     if (!Number(txtMaxX_, maxX) || maxX < minX) return Fail(txtMaxX_);
     if (!Number(txtMinY_, minY)) return Fail(txtMinY_);
     if (!Number(txtMaxY_, maxY) || maxY < minY) return Fail(txtMaxY_);
+    // Points all on one y fill a record of zero height with many rows (its
+    // column count from a division by zero); every row would lie on one line.
+    // Equal x bounds (one column from the fill) stay allowed.
+    if (maxY == minY && spinYCount_->value() > 1) {
+        OutputEventsLog(3, tr("The grid has no height: its minimum and maximum y are equal, yet it has %1 rows. "
+                              "Set the y bounds apart, or the row count to 1.")
+                               .arg(spinYCount_->value())
+                               .toStdString());
+        return Fail(txtMaxY_);
+    }
     if (spinTolerance_->value() < 0) return Fail(spinTolerance_);
     if (maxX - minX < 0) return Fail(txtWidth_);
     if (maxY - minY < 0) return Fail(txtHeight_);

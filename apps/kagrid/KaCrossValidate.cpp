@@ -29,7 +29,8 @@ int RunCrossValidate(const KaSubOptions& o)
     KaRunSetup setup = PrepareRun(*method, input, o.columns, o.given, o.paramsFile, o.settings);
     CheckWritable(o.Value("--report"));
     CheckWritable(o.Value("--residuals"));
-    CheckDistinctOutputs({{"--report", o.Value("--report")}, {"--residuals", o.Value("--residuals")}});
+    CheckDistinctOutputs({{"--report", o.Value("--report")}, {"--residuals", o.Value("--residuals")}},
+                         {{"INPUT", input}, {"--params file", o.paramsFile}});
     std::unique_ptr<KaSampleList> samples = TakeSamples(*setup.input, input);
     setup.input.reset();
     KaCheckMemory(KaLeaveOneOutMemory(*method, *setup.record, *samples, threads));

@@ -105,6 +105,7 @@ const Option kOptions[] = {
            "(default: one per core); the grid is the same whatever N").Needs("a thread count"),
     Option("--threads", "N", kLeaveOneOut | kKaPredict, "worker threads (default: every core)"),
     Option("--quiet", nullptr, kKaAllCommands, "no progress output").Alias("-q").Unlisted(kKaVariogram),
+    Option("--", nullptr, kKaAllCommands, "the end of the options (for a file name starting with '-')"),
     Option("--help", nullptr, kKaAllCommands, "this text").Alias("-h"),
     Option("--version", nullptr, kKaGrid, "kagrid's and GDAL's versions"),
 };
@@ -123,6 +124,10 @@ KaParsedOptions KaParseOptions(KaCommand command, int argc, char** argv, const s
     KaParsedOptions parsed;
     for (int i = 1; i < argc; ++i) {
         const std::string a = argv[i];
+        if (a == "--") {  // the end of the options: a file name may start with '-'
+            while (++i < argc) parsed.positional.push_back(argv[i]);
+            break;
+        }
         if (a.size() > 1 && a[0] == '-' && !std::isdigit(static_cast<unsigned char>(a[1]))) {
             const Option* o = Find(command, a);
             if (!o) throw KaUsageError{"unknown option " + a};

@@ -103,15 +103,10 @@ void WriteShapefile(const std::string& path, const std::vector<std::string>& col
     const std::string tmp = kaio::ReserveTemporary(path);
     const char* parts[] = {".shp", ".shx", ".dbf", ".prj", ".cpg"};
     auto sibling = [](const std::string& p, const char* ext) { return fs::path(p).replace_extension(ext).string(); };
-    for (const char* ext : parts) kaio::GuardTemporary(sibling(tmp, ext));
     kaio::GdalErrorCapture errors;
     auto fail = [&](const std::string& what) {
         const std::string msg = errors.Message(what);
-        for (const char* ext : parts) {
-            std::error_code ec;
-            fs::remove(sibling(tmp, ext), ec);
-            kaio::ForgetTemporary(sibling(tmp, ext));
-        }
+        kaio::DiscardTemporary(tmp);  // the folder and every file the driver made in it
         throw KaIoError(path, msg);
     };
     {
@@ -138,8 +133,10 @@ void WriteShapefile(const std::string& path, const std::vector<std::string>& col
         }
     }
     if (errors.Failed()) fail("cannot complete the write");
+    std::vector<std::pair<std::string, std::string>> moves;
     for (const char* ext : parts)
-        if (fs::exists(sibling(tmp, ext))) kaio::CommitTemporary(sibling(tmp, ext), sibling(path, ext));
+        if (fs::exists(sibling(tmp, ext))) moves.emplace_back(sibling(tmp, ext), sibling(path, ext));
+    kaio::MoveIntoPlace(fs::path(tmp).parent_path().string(), moves, path);
 }
 
 }  // namespace

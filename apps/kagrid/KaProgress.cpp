@@ -4,11 +4,14 @@
 
 #include <cstdio>
 
+#include "io/KaIoSupport.h"
+
 KaProgress::KaProgress(bool quiet) : quiet_(quiet), tty_(isatty(STDERR_FILENO) != 0) {}
 
 void KaProgress::Message(const std::string& text)
 {
     stage_ = text;
+    kaio::Checkpoint("estimate: stage");
     if (quiet_ || !tty_) return;
     Draw(0, "");
 }
@@ -22,6 +25,7 @@ void KaProgress::Percent(int percent, const std::string& text) { Show(percent, t
 
 void KaProgress::Show(int percent, const std::string& text, bool rowCount)
 {
+    kaio::Checkpoint("estimate: progress");
     if (!text.empty() && !rowCount) stage_ = text;
     if (quiet_) return;
     if (tty_) {

@@ -56,17 +56,41 @@ void CheckWritable(const std::string& path)
     KaRemoveStaleTemporaries(path);
 }
 
-void CheckDistinctOutputs(const std::vector<std::pair<std::string, std::string>>& labelledPaths)
+void CheckDistinctOutputs(const std::vector<std::pair<std::string, std::string>>& labelledPaths,
+                          const std::vector<std::pair<std::string, std::string>>& inputs)
 {
     namespace fs = std::filesystem;
+    auto key = [](const std::string& path) {
+        std::error_code ec;
+        fs::path k = fs::weakly_canonical(path, ec);  // follows links, keeps names not yet made
+        if (ec) k = fs::absolute(path).lexically_normal();
+        return k;
+    };
     std::vector<std::pair<fs::path, const std::string*>> seen;
     for (const auto& [label, path] : labelledPaths) {
         if (path.empty()) continue;
-        std::error_code ec;
-        fs::path key = fs::weakly_canonical(path, ec);  // follows links, keeps names not yet made
-        if (ec) key = fs::absolute(path).lexically_normal();
+        fs::path k = key(path);
         for (const auto& [other, otherLabel] : seen)
-            if (other == key) throw KaParamError(*otherLabel + " and " + label + " name the same file: " + path);
-        seen.emplace_back(std::move(key), &label);
+            if (other == k) throw KaParamError(*otherLabel + " and " + label + " name the same file: " + path);
+        // An output may never replace what the run reads (a hard link counts too).
+        for (const auto& [inputLabel, input] : inputs) {
+            std::error_code ec;
+            if (!input.empty() && (key(input) == k || fs::equivalent(input, path, ec)))
+                throw KaParamError(label + " names the " + inputLabel + " " + input +
+                                   "; it would be replaced: choose another name");
+        }
+        seen.emplace_back(std::move(k), &label);
     }
+}
+
+std::string StdDevBesideOutput(const std::string& output, const std::string& stdDevName)
+{
+    namespace fs = std::filesystem;
+    // A name, not a path: the standard deviation stays in OUTPUT's folder.
+    if (stdDevName.empty() || stdDevName == "." || stdDevName == ".." ||
+        stdDevName.find('/') != std::string::npos)
+        throw KaParamError("stdDevName: '" + stdDevName + "' is not a plain file name; the standard deviation "
+                           "is written beside OUTPUT (give --stddev FILE to write it elsewhere)");
+    const fs::path out(output);
+    return (out.parent_path() / (stdDevName + out.extension().string())).string();
 }

@@ -36,6 +36,13 @@ std::string MethodNames();
 void CheckWritable(const std::string& path);
 
 // Refuses two outputs of one run that name the same file (the later rename
-// would silently win); each output comes with the option that named it.
+// would silently win), and an output naming one of the run's `inputs` (its
+// INPUT, --params file, ...); each path comes with the option that named it.
 // Empty paths are left out.
-void CheckDistinctOutputs(const std::vector<std::pair<std::string, std::string>>& labelledPaths);
+void CheckDistinctOutputs(const std::vector<std::pair<std::string, std::string>>& labelledPaths,
+                          const std::vector<std::pair<std::string, std::string>>& inputs = {});
+
+// The path of the standard deviation the record's createStdDev asks for:
+// `stdDevName` with OUTPUT's extension, in OUTPUT's folder. A name holding a
+// folder part is refused (KaParamError).
+std::string StdDevBesideOutput(const std::string& output, const std::string& stdDevName);

@@ -118,7 +118,7 @@ int RunSubcommand(int argc, char** argv)
         std::fprintf(stderr, "kagrid %s: out of memory\n", cmd.name);
         return 1;
     } catch (const std::exception& e) {
-        std::fprintf(stderr, "kagrid %s: %s\n", cmd.name, e.what());
+        std::fprintf(stderr, "kagrid %s: %s\n", cmd.name, KaTerminalSafe(e.what()).c_str());
         return 1;
     }
 }

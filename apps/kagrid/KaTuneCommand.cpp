@@ -297,6 +297,8 @@ int RunTune(const KaSubOptions& o)
     ParseScoring(o, options);
     KaRunSetup setup = PrepareRun(*method, input, o.columns, o.given, o.paramsFile, o.settings);
     CheckWritable(o.Value("--write-params"));
+    CheckDistinctOutputs({{"--write-params", o.Value("--write-params")}},
+                         {{"INPUT", input}, {"--params file", o.paramsFile}});
     options.given = setup.given;
     std::unique_ptr<KaSampleList> samples = TakeSamples(*setup.input, input);
     setup.input.reset();

@@ -1,6 +1,7 @@
 // kagrid variogram: the experimental semivariogram of the input, and a
 // weighted least-squares fit of a sum of models to it.
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <filesystem>
@@ -60,7 +61,8 @@ int RunVariogram(const KaSubOptions& o)
     const std::vector<uint32_t> models = o.Has("--fit") ? Models(o.Value("--fit")) : std::vector<uint32_t>{};
     CheckWritable(o.Value("--json"));
     CheckWritable(o.Value("--plot"));
-    CheckDistinctOutputs({{"--json", o.Value("--json")}, {"--plot", o.Value("--plot")}});
+    CheckDistinctOutputs({{"--json", o.Value("--json")}, {"--plot", o.Value("--plot")}},
+                         {{"INPUT", o.positional.empty() ? std::string() : o.positional[0]}});
 
     const std::string input = o.positional[0];
     KaPointColumns columns = o.columns;
@@ -75,6 +77,9 @@ int RunVariogram(const KaSubOptions& o)
                                : NAN;
     const std::vector<Ka3DPoint> points = KaVariogramPoints(*samples, invalid);
     if (points.size() < 2) throw KaIoError(input, "fewer than two samples");
+    if (!o.Has("--cutoff") &&
+        std::all_of(points.begin(), points.end(), [&](const Ka3DPoint& p) { return p.x == points[0].x && p.y == points[0].y; }))
+        throw KaIoError(input, "every sample lies at one place; a variogram needs samples at different places");
 
     KaCheckMemory(KaVariogramMemory(points, vo));
     std::vector<KaVariogramLag> lags;

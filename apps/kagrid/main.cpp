@@ -277,10 +277,8 @@ int Run(const Options& o)
     // The standard deviation: --stddev, or beside the output when the record asks for it.
     std::string stdDevPath = o.stdDev;
     if (const nlohmann::ordered_json fields = RecordToJson(*record);
-        stdDevPath.empty() && fields.value("createStdDev", false)) {
-        const std::filesystem::path out(o.output);
-        stdDevPath = (out.parent_path() / (fields.value("stdDevName", "") + out.extension().string())).string();
-    }
+        stdDevPath.empty() && fields.value("createStdDev", false))
+        stdDevPath = StdDevBesideOutput(o.output, fields.value("stdDevName", ""));
     if (!stdDevPath.empty() && !method->can.stdDev)
         throw KaParamError(std::string("--stddev: ") + method->key + " forms no kriging variance");
     CheckWritable(stdDevPath);
@@ -291,7 +289,8 @@ int Run(const Options& o)
                           {"--preview", o.preview},
                           {"--mesh", o.mesh},
                           {o.stdDev.empty() ? "the standard deviation (createStdDev)" : "--stddev", stdDevPath},
-                          {"--stddev-preview", o.stdDevPreview}});
+                          {"--stddev-preview", o.stdDevPreview}},
+                         {{"INPUT", o.input}, {"--params file", o.paramsFile}, {"--like raster", o.grid.like}});
     KaRasterWriteOptions how;
     how.format = o.format;
     how.crsWkt = outputCrs;
@@ -356,10 +355,18 @@ int Run(const Options& o)
     return 0;
 }
 
+// Runs before any shared library's initialiser, so every thread a library
+// starts (OpenBLAS starts its workers at load) inherits the blocked
+// interrupts; only kagrid's signal thread receives them.
+void BlockInterruptsAtLoad(int, char**, char**) { KaBlockInterruptSignals(); }
+__attribute__((section(".preinit_array"), used)) void (*const kBlockInterruptsAtLoad)(int, char**, char**) =
+    BlockInterruptsAtLoad;
+
 }  // namespace
 
 int main(int argc, char** argv)
 {
+    KaInstallTemporaryCleanup();
     if (argc > 1 && IsSubcommand(argv[1])) return RunSubcommand(argc - 1, argv + 1);
     if (argc > 1 && IsTileCommand(argv[1])) return RunTileCommand(argc - 1, argv + 1);
     const Options o = ParseArguments(argc, argv);
@@ -379,7 +386,7 @@ int main(int argc, char** argv)
                      runGridSize.empty() ? "" : (": " + runGridSize).c_str());
         return kExitFailure;
     } catch (const std::exception& e) {
-        std::fprintf(stderr, "kagrid: %s\n", e.what());
+        std::fprintf(stderr, "kagrid: %s\n", KaTerminalSafe(e.what()).c_str());
         return kExitFailure;
     }
 }

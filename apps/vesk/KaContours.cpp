@@ -152,9 +152,7 @@ void KaWriteContours(const KaSurface& surface, double interval, const std::strin
     kaio::GdalErrorCapture errors;
     auto removeTemp = [&] {
         driver->Delete(tmp.c_str());
-        std::error_code ec;
-        fs::remove(tmp, ec);
-        kaio::ForgetTemporary(tmp);
+        kaio::DiscardTemporary(tmp);
     };
     try {
         kaio::GdalDatasetPtr ds(driver->Create(tmp.c_str(), 0, 0, 0, GDT_Unknown, nullptr));
@@ -169,14 +167,13 @@ void KaWriteContours(const KaSurface& surface, double interval, const std::strin
         throw;
     }
     if (std::string(driverName) == "ESRI Shapefile") {
-        // Several files: the driver moves them all.
-        std::error_code ec;
-        if (fs::exists(path)) driver->Delete(path.c_str());
-        if (driver->Rename(path.c_str(), tmp.c_str()) != CE_None) {
-            removeTemp();
-            throw KaIoError(path, "cannot rename the finished file into place");
+        // Several files, each renamed to the target's stem.
+        std::vector<std::pair<std::string, std::string>> moves;
+        for (const char* part : {".shp", ".shx", ".dbf", ".prj", ".cpg"}) {
+            const fs::path from = fs::path(tmp).replace_extension(part);
+            if (fs::exists(from)) moves.emplace_back(from.string(), fs::path(path).replace_extension(part).string());
         }
-        kaio::ForgetTemporary(tmp);
+        kaio::MoveIntoPlace(fs::path(tmp).parent_path().string(), moves, path);
         return;
     }
     kaio::CommitTemporary(tmp, path);

@@ -52,7 +52,8 @@ struct PageFixture {
         dialog.SetTaskParameter(record);
         dialog.show();
         dialog.activateWindow();
-        EXPECT_TRUE(QTest::qWaitForWindowActive(&dialog));
+        // Until activated, however long a busy machine takes (qWaitForWindowActive gives up after 5 s).
+        EXPECT_TRUE(katest::WaitFor([this] { return dialog.isActiveWindow(); }));
     }
     bool HasFocus(QWidget* w) const { return QApplication::focusWidget() == w; }
 
@@ -166,6 +167,40 @@ TEST(KaPageGridGeometry, CheckMovesTheFocusToTheFirstBadField)
         if (field == "TxtMinX" || field == "TxtGridInvalid") {
             EXPECT_FALSE(f.page->GatherParameter(&out)) << field;  // not a number: nothing to take
         }
+    }
+}
+
+// Samples all on one y fill a record of zero height with many rows: the page
+// refuses it on OK, with the focus on the y bounds and a line saying why. Zero
+// width (one column from the fill) and a single row of zero height pass.
+TEST(KaPageGridGeometry, ZeroHeightWithManyRowsIsRefusedWithAReason)
+{
+    PageFixture<KaPageGridGeometry> f;
+    struct Case {
+        double yMax;
+        uint64_t columns, rows;
+        bool ok;
+    };
+    const double y = f.record->yMin, x = f.record->xMin;
+    for (const Case& c : {Case{y, 1, 100, false}, Case{y, 126, 2, false}, Case{y, 126, 1, true},
+                          Case{f.record->yMax, 1, 100, true}}) {
+        SCOPED_TRACE(c.rows);
+        f.record->yMax = c.yMax;
+        f.record->columnCount = c.columns;
+        f.record->rowCount = c.rows;
+        if (c.columns == 1) f.record->xMax = x;  // zero width as well: as designed
+        f.page->LoadParameter(f.record);
+        Child<QLineEdit>(f.page, "TxtObjName")->setFocus();
+        katest::LogCapture log;
+        EXPECT_EQ(f.page->CheckPage(), c.ok);
+        if (c.ok) {
+            EXPECT_TRUE(log.Type3().empty());
+            continue;
+        }
+        EXPECT_TRUE(f.HasFocus(Child<QWidget>(f.page, "TxtMaxY")));
+        ASSERT_EQ(log.Type3().size(), 1u);
+        EXPECT_EQ(log.Type3()[0], "The grid has no height: its minimum and maximum y are equal, yet it has " +
+                                      std::to_string(c.rows) + " rows. Set the y bounds apart, or the row count to 1.");
     }
 }
 
