@@ -11,6 +11,7 @@
 #include <QMouseEvent>
 #include <QProcess>
 #include <QSettings>
+#include <QTemporaryDir>
 #include <QProgressBar>
 #include <QSpinBox>
 #include <QDoubleSpinBox>
@@ -163,6 +164,11 @@ protected:
         QStandardPaths::setTestModeEnabled(true);  // recent files away from the user's settings
         QCoreApplication::setOrganizationName(QStringLiteral("vesk-test"));
         QCoreApplication::setApplicationName(QStringLiteral("vesk-test"));
+        // Settings of this process alone: ctest runs each test as its own process,
+        // two at a time, and one clearing the other's remembered columns made a
+        // project's round trip fail now and then.
+        static QTemporaryDir settings;
+        QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, settings.path());
         QSettings().clear();  // no column choices remembered from an earlier run
         QApplication::setQuitOnLastWindowClosed(false);
         const KaPluginEntry& e = KaPluginMgr::Instance().Load(QStringLiteral(KA_PLUGIN_FILE));

@@ -22,6 +22,7 @@
 #include <QMenuBar>
 #include <QPushButton>
 #include <QSettings>
+#include <QTemporaryDir>
 #include <QStandardPaths>
 #include <QTreeWidget>
 #include <chrono>
@@ -195,6 +196,8 @@ private:
 TEST(VeskXvfb, OpenGridStyleSaveAndReopenWithRealInput)
 {
     QStandardPaths::setTestModeEnabled(true);
+    static QTemporaryDir settings;  // this process's settings alone (ctest runs two at once)
+    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, settings.path());
     QSettings().clear();
     const KaPluginEntry& plugin = KaPluginMgr::Instance().Load(QStringLiteral(KA_PLUGIN_FILE));
     ASSERT_TRUE(plugin.loaded) << plugin.error.toStdString();
