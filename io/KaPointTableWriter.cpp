@@ -21,9 +21,9 @@ const char* DriverFor(const std::string& ext)
     if (ext == ".gpkg") return "GPKG";
     if (ext == ".geojson" || ext == ".json") return "GeoJSON";
     if (ext == ".fgb") return "FlatGeobuf";
+    if (ext == ".shp") return "ESRI Shapefile";  // several files, moved together
     if (ext.size() < 2 || ext == ".csv" || ext == ".txt") return nullptr;
-    // Any other vector format GDAL can create that claims the extension, when
-    // it is one file (the temporary is renamed whole); a shapefile is not.
+    // Any other vector format GDAL can create that claims the extension.
     KaIoInit();
     GDALDriverManager* manager = GetGDALDriverManager();
     for (int i = 0; i < manager->GetDriverCount(); ++i) {
@@ -81,6 +81,7 @@ void WritePointTable(const std::string& named, const std::vector<std::string>& c
     GDALDriver* driver = GetGDALDriverManager()->GetDriverByName(driverName);
     if (!driver) throw KaIoError(path, std::string("the GDAL driver ") + driverName + " is not available");
     const std::string tmp = kaio::ReserveTemporary(path);
+    const bool shapefile = std::string_view(driverName) == "ESRI Shapefile";
     kaio::GdalErrorCapture errors;
     auto fail = [&](const std::string& what) {
         const std::string msg = errors.Message(what);
@@ -94,6 +95,7 @@ void WritePointTable(const std::string& named, const std::vector<std::string>& c
         if (!layer) fail("cannot create the layer");
         for (std::size_t c = 2; c < columns.size(); ++c) {
             OGRFieldDefn field(columns[c].c_str(), OFTReal);
+            if (shapefile) field.SetWidth(24), field.SetPrecision(15);  // its default keeps too few digits
             if (layer->CreateField(&field) != OGRERR_NONE) fail("cannot create the field " + columns[c]);
         }
         const bool transaction = ds->StartTransaction() == OGRERR_NONE;
@@ -110,5 +112,12 @@ void WritePointTable(const std::string& named, const std::vector<std::string>& c
     }
     if (errors.Failed()) fail("cannot complete the write");
     kaio::Checkpoint("write: table written");
-    kaio::CommitTemporary(tmp, path);
+    if (!shapefile) return kaio::CommitTemporary(tmp, path);
+    // Each of the shapefile's files renamed to the target's stem together.
+    std::vector<std::pair<std::string, std::string>> moves;
+    for (const char* part : {".shp", ".shx", ".dbf", ".prj", ".cpg"}) {
+        const fs::path from = fs::path(tmp).replace_extension(part);
+        if (fs::exists(from)) moves.emplace_back(from.string(), fs::path(path).replace_extension(part).string());
+    }
+    kaio::MoveIntoPlace(fs::path(tmp).parent_path().string(), moves, path);
 }

@@ -92,53 +92,6 @@ Locations ReadLocations(const std::string& path, const KaSubOptions& o)
     return l;
 }
 
-// A shapefile is several files: written under one hidden temporary stem
-// beside the target, each file renamed to the target's stem when complete.
-void WriteShapefile(const std::string& path, const std::vector<std::string>& columns,
-                    const std::vector<std::vector<double>>& rows)
-{
-    namespace fs = std::filesystem;
-    GDALDriver* driver = GetGDALDriverManager()->GetDriverByName("ESRI Shapefile");
-    if (!driver) throw KaIoError(path, "the GDAL driver ESRI Shapefile is not available");
-    const std::string tmp = kaio::ReserveTemporary(path);
-    const char* parts[] = {".shp", ".shx", ".dbf", ".prj", ".cpg"};
-    auto sibling = [](const std::string& p, const char* ext) { return fs::path(p).replace_extension(ext).string(); };
-    kaio::GdalErrorCapture errors;
-    auto fail = [&](const std::string& what) {
-        const std::string msg = errors.Message(what);
-        kaio::DiscardTemporary(tmp);  // the folder and every file the driver made in it
-        throw KaIoError(path, msg);
-    };
-    {
-        std::error_code ec;
-        fs::remove(tmp, ec);  // the reserved name: the driver makes its own files
-        kaio::GdalDatasetPtr ds(driver->Create(tmp.c_str(), 0, 0, 0, GDT_Unknown, nullptr));
-        if (!ds) fail("cannot create the file");
-        OGRLayer* layer = ds->CreateLayer(fs::path(tmp).stem().string().c_str(), nullptr, wkbPoint, nullptr);
-        if (!layer) fail("cannot create the layer");
-        for (std::size_t c = 2; c < columns.size(); ++c) {
-            OGRFieldDefn field(columns[c].c_str(), OFTReal);
-            field.SetWidth(24);
-            field.SetPrecision(15);
-            if (layer->CreateField(&field) != OGRERR_NONE) fail("cannot create the field " + columns[c]);
-        }
-        for (const auto& row : rows) {
-            OGRFeature feature(layer->GetLayerDefn());
-            OGRPoint point(row[0], row[1]);
-            feature.SetGeometry(&point);
-            for (std::size_t c = 2; c < row.size(); ++c)
-                if (std::isnan(row[c])) feature.SetFieldNull(static_cast<int>(c - 2));
-                else feature.SetField(static_cast<int>(c - 2), row[c]);
-            if (layer->CreateFeature(&feature) != OGRERR_NONE) fail("cannot write a point");
-        }
-    }
-    if (errors.Failed()) fail("cannot complete the write");
-    std::vector<std::pair<std::string, std::string>> moves;
-    for (const char* ext : parts)
-        if (fs::exists(sibling(tmp, ext))) moves.emplace_back(sibling(tmp, ext), sibling(path, ext));
-    kaio::MoveIntoPlace(fs::path(tmp).parent_path().string(), moves, path);
-}
-
 }  // namespace
 
 int RunPredict(const KaSubOptions& o)
@@ -230,10 +183,7 @@ int RunPredict(const KaSubOptions& o)
         rows.push_back({at.x[i], at.y[i], has ? p.z[i] : std::nan("")});
         if (withStdDev) rows.back().push_back(has && !p.stdDev.empty() ? p.stdDev[i] : std::nan(""));
     }
-    if (kaio::Lower(std::filesystem::path(output).extension().string()) == ".shp")
-        WriteShapefile(output, columns, rows);
-    else
-        WritePointTable(output, columns, rows);
+    WritePointTable(output, columns, rows);
     if (!o.quiet)
         std::fprintf(stderr, "kagrid predict: %zu locations, %zu estimated; wrote %s\n", at.x.size(), estimated,
                      output.c_str());
