@@ -46,8 +46,8 @@ bool OnPath(const char* program) { return Shell(std::string("sh -c 'command -v "
 
 }  // namespace
 
-// Kriging tiles take about a second each, long enough to kill a worker
-// while its kagrid runs; the scheduler runs the tile again elsewhere.
+// The first tile's process hangs until its worker is killed; the scheduler
+// runs the tile again elsewhere.
 TEST(TilesCluster, DaskWorkerKilledMidTileStillGivesTheSingleRun)
 {
     for (const char* p : {"dask-scheduler", "dask-worker"})

@@ -2,8 +2,10 @@
 # A real Dask cluster on 127.0.0.1: a scheduler and two worker processes
 # (no nanny, so a killed worker stays dead), started here and stopped at the
 # end. Runs kagrid-dask over the plan in WORKDIR/plan, kills the worker that
-# runs the first tile while its kagrid is running, and checks that the tile
-# was run again elsewhere. Then merges into WORKDIR/mosaic.vrt.
+# runs the first tile while that tile's process is running, and checks that
+# the tile was run again elsewhere. Then merges into WORKDIR/mosaic.vrt.
+# The first tile's process never ends by itself, so the kill always lands
+# mid-tile; with a real tile that could finish first, the check was a coin toss.
 # usage: dask_cluster.sh KAGRID RUNNER WORKDIR
 set -euo pipefail
 kagrid=$1 runner=$2 work=$3
@@ -29,11 +31,14 @@ for w in 1 2; do
 done
 $py -c "from distributed import Client; c = Client('tcp://127.0.0.1:$port', timeout=60); c.wait_for_workers(2, timeout=60); c.close()"
 
-"$runner" plan --scheduler "tcp://127.0.0.1:$port" --kagrid "$kagrid" --log "$work/tiles.log" --retries 3 -q &
+printf '#!/usr/bin/env bash\nif mkdir "%s/first-tile" 2>/dev/null; then exec sleep 600; fi\nexec "%s" "$@"\n' \
+  "$work" "$kagrid" > hang-first.sh
+chmod +x hang-first.sh
+"$runner" plan --scheduler "tcp://127.0.0.1:$port" --kagrid "$work/hang-first.sh" --log "$work/tiles.log" --retries 3 -q &
 run=$!
 pids+=($run)
-# The first tile started on a worker: freeze that worker, kill its kagrid
-# mid-tile and then the worker itself.
+# The first tile started on a worker: freeze that worker, kill the tile's
+# process and then the worker itself.
 victim='' tile=''
 for _ in $(seq 600); do
   if [ -s tiles.log ]; then
@@ -49,7 +54,7 @@ child=$(pgrep -P "$victim" || true)
 [ -n "$child" ] || { echo "the tile ended before the kill"; exit 1; }
 kill -9 $child
 kill -9 "$victim"
-echo "killed worker $victim while tile $tile ran (kagrid $child)"
+echo "killed worker $victim while tile $tile ran (process $child)"
 wait "$run"
 grep -q "^done $tile " tiles.log || { echo "tile $tile was not run again"; cat tiles.log; exit 1; }
 if grep -q "^done $tile .* $victim\$" tiles.log; then echo "the killed worker finished tile $tile"; exit 1; fi
