@@ -71,6 +71,10 @@ KaFieldInfo KaFindFieldInfo(const KaEstimatorGridParam& record, const char* key)
 
 void KaEstimatorGridParam::ApplySearchDefaults(uint64_t, double) {}
 
+void KaEstimatorGridParam::ApplyNearestFirstDefaults() {}
+
+void KaEstimatorGridParam::ApplyDialogRoundTrip(bool) {}
+
 void KaEstimatorGridParam::SetOutputNames(const std::string& objectName, const std::string& suffix)
 {
     name = objectName + suffix;

@@ -29,6 +29,14 @@ public:
     // Data-dependent search defaults from the number of input values and the
     // diagonal of their horizontal extent; only searching records use them.
     virtual void ApplySearchDefaults(uint64_t valueCount, double diagonal);
+    // What kagrid, the library and the Python package change after that
+    // fill: the nearest-first search with the record's own neighbour counts.
+    // The plug-in and vesk never call it.
+    virtual void ApplyNearestFirstDefaults();
+    // What the method's dialog gives back for a record so filled when its
+    // pages are accepted untouched (kagrid --plugin-defaults); `searchPage`:
+    // the dialog has the Search page.
+    virtual void ApplyDialogRoundTrip(bool searchPage);
 
     // Output name(s) from the input object's name and the method's suffix.
     virtual void SetOutputNames(const std::string& objectName, const std::string& suffix);

@@ -21,6 +21,10 @@ KaPreparedRecord KaPrepareRecord(const KaMethodInfo& method, const KaDataObject&
     KaEstimatorGridParam& record = *out.record;
     const KaFillResult fill = FillRecordFromObject(&record, &input, method.suffix);
     if (fill == KaFillResult::Failed) throw KaIoError(inputName, "not a point set or a surface");
+    if (request.pluginDefaults)
+        record.ApplyDialogRoundTrip(method.searchPage);
+    else
+        record.ApplyNearestFirstDefaults();
 
     std::set<std::string>& given = out.given;
     ApplyGridRequest(request.grid, record, given);

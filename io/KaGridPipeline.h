@@ -25,6 +25,10 @@ struct KaRecordRequest {
     bool mesh = false;                  // the triangle mesh is asked for (createDelaunayObject=true)
     std::string paramsFile;             // a JSON object of keys
     std::vector<std::string> settings;  // "key=value", in order
+    // The record exactly as the plug-in's dialog gives it when accepted
+    // untouched (the ring walk, every sample up to 64 as the caps), instead
+    // of the nearest-first defaults.
+    bool pluginDefaults = false;
     // The zero-height refusal's hint: how this front end gives the grid.
     std::string geometryHint = "--bounds XMIN,YMIN,XMAX,YMAX --cell DX (or --set xMin=... --set columnCount=... and so on)";
 };
@@ -34,8 +38,9 @@ struct KaPreparedRecord {
     std::set<std::string> given;  // the keys the request set
 };
 
-// The method's record filled from `input` as its dialog fills it, then the
-// request applied; validated for a run. `inputName` names the input in
+// The method's record filled from `input` as its dialog fills it, then (unless
+// the request asks for the plug-in's defaults) the nearest-first search
+// defaults, then the request applied; validated for a run. `inputName` names the input in
 // messages. Throws KaIoError or KaParamError naming the key.
 KaPreparedRecord KaPrepareRecord(const KaMethodInfo& method, const KaDataObject& input, const std::string& inputName,
                                  const KaRecordRequest& request);

@@ -199,7 +199,8 @@ Record& Record::operator=(Record&&) noexcept = default;
 Record::~Record() = default;
 
 Record Record::make(std::string_view method, PointsView samples, const Geometry& geometry,
-                    const std::vector<std::pair<std::string, std::string>>& settings, const std::string& paramsFile)
+                    const std::vector<std::pair<std::string, std::string>>& settings, const std::string& paramsFile,
+                    Defaults defaults)
 {
     const KaMethodInfo& m = Method(method);
     return Guarded(Error::Kind::Input, [&] {
@@ -208,6 +209,7 @@ Record Record::make(std::string_view method, PointsView samples, const Geometry&
         KaRecordRequest request;
         request.grid = {geometry.bounds, geometry.cell, geometry.size, geometry.like};
         request.paramsFile = paramsFile;
+        request.pluginDefaults = defaults == Defaults::Plugin;
         for (const auto& [key, value] : settings) request.settings.push_back(key + "=" + value);
         request.geometryHint = "Geometry{bounds, cell} (or the settings xMin, xMax, yMin, yMax, columnCount, rowCount)";
         KaPreparedRecord prepared = KaPrepareRecord(m, *points, kSamples, request);
@@ -230,6 +232,7 @@ Record Record::fromJson(const std::string& json)
         impl->method = &m;
         impl->key = m.key;
         impl->record = m.makeParam();
+        impl->record->ApplyNearestFirstDefaults();  // keys left out take the library's defaults
         if (j.contains("parameters")) ApplyJson(*impl->record, j["parameters"], "the record's parameters");
         // The data limits are not part of the text: the grid's own box stands in.
         KaEstimatorGridParam& r = *impl->record;

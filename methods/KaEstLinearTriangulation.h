@@ -16,6 +16,8 @@ public:
 
     // The mesh object's name: delaunayName, or the output name + "_Delaunay".
     std::string DelaunayObjectName() const;
+    // The page shows and gives back the mesh name in full.
+    void ApplyDialogRoundTrip(bool) override { delaunayName = DelaunayObjectName(); }
 
     // Stored and validated only: the triangulation is isotropic.
     double anisotropyRatio = 1.0;

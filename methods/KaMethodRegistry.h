@@ -86,6 +86,9 @@ struct KaMethodInfo {
     // False for the methods kagrid and the library add beyond the plug-in's
     // menu and dialogs (which keep their own table of methods).
     bool inPlugin = true;
+    // Its plug-in dialog has the Search page, which changes what an accepted
+    // dialog gives back (kagrid --plugin-defaults follows it).
+    bool searchPage = false;
 };
 
 // Every method: the plug-in's in menu order, then kagrid's own.

@@ -16,8 +16,6 @@
 namespace {
 
 constexpr int kIntMax = std::numeric_limits<int>::max();
-// Counts above this are shown as it; the record's own cap still bounds them.
-constexpr int64_t kShownCountCap = 64;
 
 int ToSpin(int64_t v) { return static_cast<int>(std::clamp<int64_t>(v, std::numeric_limits<int>::min(), kIntMax)); }
 
@@ -116,9 +114,9 @@ bool KaPageSearch::LoadParameter(KaEstimatorGridParam* record)
     spinMaxFromEach_->setRange(1, limit);
     spinMinInAll_->setRange(1, limit);
     // Kept: both shown caps test maxFromAll.
-    const bool capped = r->maxFromAll > kShownCountCap;
-    spinMaxFromAll_->setValue(capped ? kShownCountCap : ToSpin(r->maxFromAll));
-    spinMaxFromEach_->setValue(capped ? kShownCountCap : ToSpin(r->maxFromEach));
+    const bool capped = r->maxFromAll > kKaShownCountCap;
+    spinMaxFromAll_->setValue(capped ? kKaShownCountCap : ToSpin(r->maxFromAll));
+    spinMaxFromEach_->setValue(capped ? kKaShownCountCap : ToSpin(r->maxFromEach));
     spinMinInAll_->setValue(ToSpin(r->minInAll));
     spinBlankSectors_->setValue(ToSpin(r->blankSectors));
     ellipse_.Load(*r);

@@ -183,12 +183,14 @@ using Settings = std::vector<std::pair<std::string, std::string>>;
 
 kagrid::Record MakeRecord(const std::string& method, const py::array& x, const py::array& y, const py::array& z,
                           const std::string& bounds, const std::string& cell, const std::string& size,
-                          const std::string& like, const Settings& settings, const std::string& paramsFile)
+                          const std::string& like, const Settings& settings, const std::string& paramsFile,
+                          bool pluginDefaults)
 {
     const kagrid::PointsView v = View(x, y, z);
     kagrid::Geometry g{bounds, cell, size, like};
     py::gil_scoped_release release;
-    return kagrid::Record::make(method, v, g, settings, paramsFile);
+    return kagrid::Record::make(method, v, g, settings, paramsFile,
+                                pluginDefaults ? kagrid::Defaults::Plugin : kagrid::Defaults::NearestFirst);
 }
 
 // The engine's own record, as the library made it: through its JSON, as the
@@ -418,6 +420,7 @@ py::list Fields(const std::string& key)
     const KaMethodInfo* method = FindMethod(key);
     if (!method) throw py::key_error("unknown method '" + key + "'");
     auto record = method->makeParam();
+    record->ApplyNearestFirstDefaults();  // the defaults Record.make starts from
     py::list out;
     for (const KaFieldDescription& f : DescribeFields(*record)) {
         py::dict d;
@@ -493,7 +496,7 @@ PYBIND11_MODULE(_core, m)
     py::class_<kagrid::Record>(m, "Record")
         .def_static("make", &MakeRecord, py::arg("method"), py::arg("x"), py::arg("y"), py::arg("z"),
                     py::arg("bounds") = "", py::arg("cell") = "", py::arg("size") = "", py::arg("like") = "",
-                    py::arg("settings") = Settings{}, py::arg("params_file") = "")
+                    py::arg("settings") = Settings{}, py::arg("params_file") = "", py::arg("plugin_defaults") = false)
         .def_static("from_json", &kagrid::Record::fromJson, py::arg("json"))
         .def_property_readonly("method", &kagrid::Record::method)
         .def("set", [](kagrid::Record& r, const std::string& k, const std::string& v) { r.set(k, v); })

@@ -62,3 +62,27 @@ void KaEstGridSearcherParam::ApplySearchDefaults(uint64_t n, double diagonal)
     // kept: 1.2 times the diagonal, not the diagonal the page's hint speaks of
     radius1 = radius2 = 1.2 * diagonal;
 }
+
+// The search page on a filled record. kept: caps above the shown cap come
+// back as the cap, and the "no search" box, which shows !useSearch, is read
+// back as useSearch.
+void KaEstGridSearcherParam::ApplyDialogRoundTrip(bool searchPage)
+{
+    if (!searchPage) return;
+    if (maxFromAll > kKaShownCountCap) maxFromAll = maxFromEach = kKaShownCountCap;
+    useSearch = !useSearch;
+}
+
+// The dialogs' fill takes every sample as both caps, and the ring walk's
+// bucket order leaves 45-degree streaks on real maps: outside the plug-in the
+// nearest samples are taken, at most the record's 100, in four sectors. The
+// radii and the minimum stay as filled.
+void KaEstGridSearcherParam::ApplyNearestFirstDefaults()
+{
+    const KaEstGridSearcherParam record;
+    searchMode = kKaSearchNearest;
+    sectorCount = record.sectorCount;
+    blankSectors = record.blankSectors;
+    maxFromAll = record.maxFromAll;
+    maxFromEach = record.maxFromEach;
+}

@@ -6,12 +6,18 @@
 
 enum : int32_t { kKaSearchRings = 0, kKaSearchNearest = 1 };
 
+// The largest cap the search page shows; larger caps are shown, and given
+// back, as this.
+constexpr int64_t kKaShownCountCap = 64;
+
 // Search settings shared by every method that estimates from nearby samples.
 class KaEstGridSearcherParam : public KaEstimatorGridParam {
 public:
     std::string Validate() const override;
     void VisitFields(KaFieldVisitor& v) override;
     void ApplySearchDefaults(uint64_t valueCount, double diagonal) override;
+    void ApplyNearestFirstDefaults() override;
+    void ApplyDialogRoundTrip(bool searchPage) override;
 
     // Validation of the search settings alone (the base record's checks first).
     std::string ValidateSearch() const;

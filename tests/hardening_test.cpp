@@ -476,7 +476,7 @@ TEST(Hardening, ProbeFindingsAreRefusedNamingWhatToChange)
         {"kriging " + in + " " + d / "o.tif --set driftType=99", "driftType: must be a name or an index from 0 to 2, not 99"},
         {"radial-basis " + in + " " + d / "o.tif --set basisFunction=-1", "basisFunction: must be a name or an index from 0 to 4, not -1"},
         // 10: an elongated ring-walk grid that would run for hours
-        {nn + d / "o.tif --size 2,2000000", "a 2 \u00d7 2000000 grid whose cells are"},
+        {nn + d / "o.tif --size 2,2000000 --plugin-defaults", "a 2 \u00d7 2000000 grid whose cells are"},
         // 11: outputs never replace inputs
         {nn + d / "o.tif --preview " + in, "--preview names the INPUT " + in},
         {"nearest-neighbor " + d / "in.xyz " + d / "./in.xyz", "OUTPUT names the INPUT"},

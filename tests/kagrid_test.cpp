@@ -15,7 +15,8 @@ using katest::ReadGrid;
 
 namespace {
 
-const char* kOneSector = "--set sectorCount=1 --set blankSectors=1 ";
+// The ring walk with one sector, as the plug-in's dialog fills a small set.
+const char* kOneSector = "--plugin-defaults --set sectorCount=1 --set blankSectors=1 ";
 
 }  // namespace
 

@@ -26,7 +26,7 @@ nlohmann::json Number(double v) { return std::isnan(v) ? nlohmann::json() : nloh
 int RunCrossValidate(const KaSubOptions& o)
 {
     const auto [method, input, threads] = LooArguments(o);
-    KaRunSetup setup = PrepareRun(*method, input, o.columns, o.given, o.paramsFile, o.settings);
+    KaRunSetup setup = PrepareRun(*method, input, o.columns, o.given, o.paramsFile, o.settings, o.pluginDefaults);
     CheckWritable(o.Value("--report"));
     CheckWritable(o.Value("--residuals"));
     CheckDistinctOutputs({{"--report", o.Value("--report")}, {"--residuals", o.Value("--residuals")}},

@@ -40,6 +40,9 @@ const Option kOptions[] = {
     Option("--params", "FILE", kRecord | kKaVariogram, "parameters from a JSON object {\"key\": value, ...}")
         .Needs("a JSON file")
         .Unlisted(kKaVariogram),
+    Option("--plugin-defaults", nullptr, kRecord,
+           "fill the record as the plug-in's dialog does: the ring walk, every\n"
+           "sample as the caps (default: nearest first, at most 100 samples)"),
     Option("--print-params", nullptr, kKaGrid, "print the effective parameters as JSON and exit"),
     Option("--tune", nullptr, kKaGrid, "first choose the settings as `kagrid tune` does, then grid with them"),
     Option("--bounds", "XMIN,YMIN,XMAX,YMAX", kKaGrid | kKaPredict, "the grid's box (first node at XMIN, YMIN)"),

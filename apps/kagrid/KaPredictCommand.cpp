@@ -122,7 +122,7 @@ int RunPredict(const KaSubOptions& o)
     CheckDistinctOutputs({{"INPUT", input}, {"LOCATIONS", locationsPath}, {"OUTPUT", output}});
     CheckWritable(output);
 
-    KaRunSetup setup = PrepareRun(method, input, o.columns, o.given, o.paramsFile, o.settings);
+    KaRunSetup setup = PrepareRun(method, input, o.columns, o.given, o.paramsFile, o.settings, o.pluginDefaults);
     // The lattice decides the ring walk's buckets, so a location on a node
     // takes the node's value only with the gridding run's lattice: the same
     // options, with --params and --set again on top as in a gridding run.

@@ -11,7 +11,8 @@
 #include "io/KaRasterIo.h"
 
 KaRunSetup PrepareRun(const KaMethodInfo& method, const std::string& inputPath, KaPointColumns columns,
-                      const bool given[3], const std::string& paramsFile, const std::vector<std::string>& settings)
+                      const bool given[3], const std::string& paramsFile, const std::vector<std::string>& settings,
+                      bool pluginDefaults)
 {
     KaRunSetup run;
     for (int k = 0; k < 3; ++k) columns.guess[k] = !given[k];
@@ -26,6 +27,7 @@ KaRunSetup PrepareRun(const KaMethodInfo& method, const std::string& inputPath, 
     KaRecordRequest request;
     request.paramsFile = paramsFile;
     request.settings = settings;
+    request.pluginDefaults = pluginDefaults;
     request.geometryHint = "--set xMin=... --set xMax=... --set yMin=... --set yMax=... --set columnCount=... "
                            "--set rowCount=...";
     KaPreparedRecord prepared = KaPrepareRecord(method, *run.input, inputPath, request);

@@ -22,7 +22,8 @@ struct KaRunSetup {
 // `given`; vector files take z from the geometry unless z is given) and builds the validated record. Throws KaIoError or
 // KaParamError.
 KaRunSetup PrepareRun(const KaMethodInfo& method, const std::string& inputPath, KaPointColumns columns,
-                      const bool given[3], const std::string& paramsFile, const std::vector<std::string>& settings);
+                      const bool given[3], const std::string& paramsFile, const std::vector<std::string>& settings,
+                      bool pluginDefaults);
 
 // The input's samples in input order; throws KaIoError when there are none.
 std::unique_ptr<KaSampleList> TakeSamples(const KaDataObject& input, const std::string& inputPath);

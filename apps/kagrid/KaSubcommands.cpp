@@ -73,6 +73,7 @@ KaSubOptions Parse(const Command& cmd, int argc, char** argv)
     for (int k = 0; k < 3; ++k)
         if (p.Has(columns[k])) *targets[k] = p.Value(columns[k]), o.given[k] = true;
     o.quiet = p.Has("--quiet");
+    o.pluginDefaults = p.Has("--plugin-defaults");
     for (const auto& [name, values] : p.values) o.values[name] = values.empty() ? std::string() : values.back();
     return o;
 }

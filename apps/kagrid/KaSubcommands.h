@@ -22,6 +22,7 @@ struct KaSubOptions {
     KaPointColumns columns;
     bool given[3] = {false, false, false};  // x, y, z columns named on the command line
     bool quiet = false;
+    bool pluginDefaults = false;  // --plugin-defaults
     std::map<std::string, std::string> values;  // "--report" -> "out.json"
 
     std::string Value(const std::string& key) const

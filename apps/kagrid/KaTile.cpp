@@ -66,7 +66,8 @@ const char* kPlanUsage =
     "  into tiles of N x N nodes (N columns x M rows), and writes each tile's points, those\n"
     "  within its halo, to PLANDIR/shards; PLANDIR/plan.json records the rest.\n"
     "options:\n"
-    "  --set, --params, --bounds, --cell, --size, --like, --x/--y/--z, --crs   as for gridding\n"
+    "  --set, --params, --bounds, --cell, --size, --like, --x/--y/--z, --crs,\n"
+    "  --plugin-defaults    as for gridding\n"
     "  --tile-size N[,M]    nodes per tile along x (and y)\n"
     "  --stddev             kriging: the tiles form the standard deviation too\n"
     "  --slurm FILE         also write a Slurm job array script (one task per tile)\n"
@@ -458,7 +459,7 @@ struct Args {
     KaGridRequest grid;
     KaPointColumns columns;
     bool given[3] = {false, false, false};
-    bool quiet = false, stdDev = false;
+    bool quiet = false, stdDev = false, pluginDefaults = false;
     uint64_t tilesPerTask = 1;
     unsigned threads = 0;
 };
@@ -487,6 +488,7 @@ Args ParseArgs(int argc, char** argv, const char* usage)
             std::exit(0);
         } else if (s == "--set") a.settings.push_back(value());
         else if (s == "--params") a.paramsFile = value();
+        else if (s == "--plugin-defaults") a.pluginDefaults = true;
         else if (s == "--bounds") a.grid.bounds = value();
         else if (s == "--cell") a.grid.cell = value();
         else if (s == "--size") a.grid.size = value();
@@ -719,6 +721,7 @@ int RunPlan(const Args& a)
     request.grid = a.grid;
     request.paramsFile = a.paramsFile;
     request.settings = a.settings;
+    request.pluginDefaults = a.pluginDefaults;
     KaPreparedRecord prepared = KaPrepareRecord(*method, *object, inputArg, request);
     std::unique_ptr<KaEstimatorGridParam> record = std::move(prepared.record);
     if (record->columnCount > INT32_MAX || record->rowCount > INT32_MAX)

@@ -168,7 +168,7 @@ int RunTuneTriangulation(const KaSubOptions& o, const KaMethodInfo& method)
     if (o.positional.size() > 2) throw KaUsageError{"unexpected argument " + o.positional[2]};
     KaTuneOptions options;
     ParseScoring(o, options);
-    KaRunSetup setup = PrepareRun(method, o.positional[1], o.columns, o.given, o.paramsFile, o.settings);
+    KaRunSetup setup = PrepareRun(method, o.positional[1], o.columns, o.given, o.paramsFile, o.settings, o.pluginDefaults);
     CheckWritable(o.Value("--write-params"));
     std::unique_ptr<KaSampleList> samples = TakeSamples(*setup.input, o.positional[1]);
     setup.input.reset();
@@ -225,7 +225,7 @@ int RunTuneAuto(const KaSubOptions& o)
             unscored.push_back(m.key);
             continue;
         }
-        KaRunSetup setup = PrepareRun(m, input, o.columns, o.given, "", {});
+        KaRunSetup setup = PrepareRun(m, input, o.columns, o.given, "", {}, o.pluginDefaults);
         if (!samples) samples = TakeSamples(*setup.input, input);
         setup.input.reset();
         if (!o.quiet) std::fprintf(stderr, "kagrid tune auto: %s\n", m.key);
@@ -295,7 +295,7 @@ int RunTune(const KaSubOptions& o)
     KaTuneOptions options;
     options.threads = threads;
     ParseScoring(o, options);
-    KaRunSetup setup = PrepareRun(*method, input, o.columns, o.given, o.paramsFile, o.settings);
+    KaRunSetup setup = PrepareRun(*method, input, o.columns, o.given, o.paramsFile, o.settings, o.pluginDefaults);
     CheckWritable(o.Value("--write-params"));
     CheckDistinctOutputs({{"--write-params", o.Value("--write-params")}},
                          {{"INPUT", input}, {"--params file", o.paramsFile}});

@@ -81,6 +81,7 @@ struct Options {
     std::vector<std::string> settings;
     KaPointColumns columns;
     bool printParams = false;
+    bool pluginDefaults = false;
     bool tune = false;
     bool quiet = false;
     bool xColumnGiven = false, yColumnGiven = false, zColumnGiven = false;
@@ -109,6 +110,7 @@ Options ParseArguments(int argc, char** argv)
     o.settings = p.Values("--set");
     o.paramsFile = p.Value("--params");
     o.printParams = p.Has("--print-params");
+    o.pluginDefaults = p.Has("--plugin-defaults");
     o.tune = p.Has("--tune");
     o.format = p.Value("-of");
     o.dataType = p.Value("-ot");
@@ -190,6 +192,7 @@ std::set<std::string> Keys(const std::vector<KaFieldDescription>& fields)
 void ListMethod(const KaMethodInfo& m)
 {
     auto record = m.makeParam();
+    record->ApplyNearestFirstDefaults();
     std::printf("%s: %s (output name suffix \"%s\")\n", m.key, m.title, m.suffix);
     if (m.note) std::printf("    (%s)\n", m.note);
     PrintFields(DescribeFields(*record), {});
@@ -205,18 +208,21 @@ void ListMethods(const std::string& only)
     }
     KaEstimatorGridParam base;
     KaEstGridSearcherParam search;
+    search.ApplyNearestFirstDefaults();
     const auto baseFields = DescribeFields(base);
     const auto searchFields = DescribeFields(search);
     std::set<std::string> common = Keys(baseFields), searchKeys = Keys(searchFields);
 
     std::printf("Parameters of every method (geometry is filled from the input first):\n");
     PrintFields(baseFields, {});
-    std::printf("\nSearch parameters of the searching methods (caps, minimum and radii are filled from\n"
-                "the input first):\n");
+    std::printf("\nSearch parameters of the searching methods (minimum and radii are filled from the\n"
+                "input first; --plugin-defaults fills them as the plug-in's dialog does: the ring walk,\n"
+                "every sample as the caps, one sector below 100 samples):\n");
     PrintFields(searchFields, common);
     std::printf("\nMethods and their own parameters:\n");
     for (const KaMethodInfo& m : KaMethods()) {
         auto record = m.makeParam();
+        record->ApplyNearestFirstDefaults();
         const bool searching = m.can.searching;
         std::printf("\n%s: %s (output name suffix \"%s\"%s)\n", m.key, m.title, m.suffix,
                     searching ? ", searching" : "");
@@ -258,6 +264,7 @@ int Run(const Options& o)
     request.mesh = !o.mesh.empty();
     request.paramsFile = o.paramsFile;
     request.settings = o.settings;
+    request.pluginDefaults = o.pluginDefaults;
     KaPreparedRecord prepared = KaPrepareRecord(*method, *input, o.input, request);
     std::unique_ptr<KaEstimatorGridParam> record = std::move(prepared.record);
     const std::set<std::string>& given = prepared.given;

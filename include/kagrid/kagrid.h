@@ -98,15 +98,21 @@ struct Geometry {
     std::string like;    // a raster whose lattice to take
 };
 
+// How a record is filled from the samples before the settings: kagrid's
+// defaults (the nearest-first search, at most 100 samples a node) or exactly
+// as the plug-in's dialog fills it (kagrid --plugin-defaults).
+enum class Defaults { NearestFirst, Plugin };
+
 // A method's parameter record. Made as kagrid makes it: filled from the
-// samples as the method's dialog fills it, then the geometry, then the
-// parameter file, then the settings in order; then validated. Throws
-// Error(Parameter) naming the key.
+// samples as the method's dialog fills it (with the nearest-first search
+// unless `defaults` says Plugin), then the geometry, then the parameter
+// file, then the settings in order; then validated. Throws Error(Parameter)
+// naming the key.
 class KAGRID_API Record {
 public:
     static Record make(std::string_view method, PointsView samples, const Geometry& geometry = {},
                        const std::vector<std::pair<std::string, std::string>>& settings = {},
-                       const std::string& paramsFile = {});
+                       const std::string& paramsFile = {}, Defaults defaults = Defaults::NearestFirst);
     // From JSON as --print-params prints it ({"method": ..., "parameters": {...}}).
     static Record fromJson(const std::string& json);
 

@@ -64,12 +64,13 @@ def _progress(progress, what):
             bar.close()
 
 
-def _record(method, x, y, z, column, coordinates, bounds, cell, size, like, params, settings):
+def _record(method, x, y, z, column, coordinates, bounds, cell, size, like, params, settings, plugin_defaults=False):
     key = _inputs.method_key(method)
     xs, ys, zs, crs = _inputs.samples(x, y, z, column, coordinates)
     geom, like_crs = _inputs.geometry(bounds, cell, size, like)
     pairs, params_file = _inputs.settings(params, settings)
-    record = _core.Record.make(key, xs, ys, zs, settings=pairs, params_file=params_file, **geom)
+    record = _core.Record.make(key, xs, ys, zs, settings=pairs, params_file=params_file,
+                               plugin_defaults=bool(plugin_defaults), **geom)
     return key, record, (xs, ys, zs), crs or like_crs, (pairs, params_file)
 
 
@@ -123,7 +124,7 @@ def _dataset(g, key, record, crs):
 
 
 def grid(method, x, y=None, z=None, *, column=None, coordinates=None, bounds=None, cell=None, size=None,
-         like=None, crs=None, params=None, threads=0, stddev=False, progress=False, **settings):
+         like=None, crs=None, params=None, threads=0, stddev=False, progress=False, plugin_defaults=False, **settings):
     """Grid scattered samples as `kagrid METHOD` does, bit for bit.
 
     method: a registry key ("kriging", "inverse-distance", ...), the class name
@@ -139,7 +140,10 @@ def grid(method, x, y=None, z=None, *, column=None, coordinates=None, bounds=Non
         raster file, or a DataArray/Dataset whose lattice to take).
     params: a dict of settings or a kagrid parameter file, applied before the
         keyword settings, which are kagrid's keys (power=2, radius1=500,
-        variogram={...}, searchMode="nearest", ...).
+        variogram={...}, searchMode="rings", ...).
+    plugin_defaults: fill the record as the plug-in's dialog does (the ring
+        walk, every sample as the caps; kagrid --plugin-defaults) instead of
+        the nearest-first search with at most 100 samples a node.
     crs: the grid's coordinate system (EPSG:28992, WKT, ...); default the
         GeoDataFrame's or like='s.
     threads: 0 for one per core; the grid is the same whatever the count.
@@ -154,7 +158,7 @@ def grid(method, x, y=None, z=None, *, column=None, coordinates=None, bounds=Non
     and transform in `spatial_ref` for rioxarray (ds.rio.to_raster(...))."""
     threads = _threads(threads)
     key, record, (xs, ys, zs), data_crs, _ = _record(method, x, y, z, column, coordinates, bounds, cell, size,
-                                                     like, params, settings)
+                                                     like, params, settings, plugin_defaults)
     if stddev and not _inputs.method_info(key)["stdDev"]:
         raise ValueError(f"stddev: {key} forms no standard deviation (kriging and linear-kriging do)")
     with _progress(progress, f"kagrid {key}") as callback:
@@ -165,13 +169,13 @@ def grid(method, x, y=None, z=None, *, column=None, coordinates=None, bounds=Non
 
 
 def predict(method, x, y, z, at_x, at_y, *, column=None, coordinates=None, params=None, threads=0,
-            return_std=False, progress=False, **settings):
+            return_std=False, progress=False, plugin_defaults=False, **settings):
     """Estimates at arbitrary positions (at_x, at_y), each as a grid node there
     would get it; blank positions are NaN. With return_std, also the kriging
     standard deviation (NaN where none). Samples and settings as for grid()."""
     threads = _threads(threads)
     key, record, (xs, ys, zs), _, _ = _record(method, x, y, z, column, coordinates, None, None, None, None,
-                                              params, settings)
+                                              params, settings, plugin_defaults)
     return _predict(key, record, xs, ys, zs, at_x, at_y, threads, return_std, progress)
 
 
@@ -196,14 +200,14 @@ def _predict(key, record, xs, ys, zs, at_x, at_y, threads, return_std, progress)
 
 
 def cross_validate(method, x, y=None, z=None, *, column=None, coordinates=None, params=None, threads=0,
-                   progress=False, **settings):
+                   progress=False, plugin_defaults=False, **settings):
     """Leave-one-out estimates of every sample from the others, as `kagrid
     cross-validate` computes them. Returns CrossValidation(residuals, summary)."""
     import pandas as pd
 
     threads = _threads(threads)
     key, record, (xs, ys, zs), _, _ = _record(method, x, y, z, column, coordinates, None, None, None, None,
-                                              params, settings)
+                                              params, settings, plugin_defaults)
     with _progress(progress, f"kagrid cross-validate {key}") as callback:
         c = _core.cross_validate(record, xs, ys, zs, threads=threads, progress=callback)
     residuals = pd.DataFrame({"x": c["x"], "y": c["y"], "observed": c["observed"], "estimated": c["estimated"],
@@ -269,7 +273,7 @@ def fit_variogram(x, y=None, z=None, *, model="Nugget+Spherical", column=None, c
 
 
 def tune(method, x, y=None, z=None, *, column=None, coordinates=None, params=None, threads=0, max_blank=1.0,
-         progress=False, **settings):
+         progress=False, plugin_defaults=False, **settings):
     """A method's settings chosen by leave-one-out cross-validation, as `kagrid
     tune` chooses them; the settings you give are held. max_blank: the
     percentage of samples that may stay without an estimate. Returns
@@ -282,7 +286,7 @@ def tune(method, x, y=None, z=None, *, column=None, coordinates=None, params=Non
     if not 0 <= share <= 100:
         raise ValueError(f"max_blank: a percentage from 0 to 100, got {max_blank!r}")
     key, record, (xs, ys, zs), _, (pairs, params_file) = _record(method, x, y, z, column, coordinates, None, None,
-                                                                 None, None, params, settings)
+                                                                 None, None, params, settings, plugin_defaults)
     given = set(_inputs.given_keys(pairs, params_file))
     with _progress(progress, f"kagrid tune {key}") as callback:
         t = _core.tune(record, xs, ys, zs, given, threads=threads, max_blank_share=share / 100, progress=callback)

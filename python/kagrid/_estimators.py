@@ -10,7 +10,7 @@ from . import _core
 from . import _inputs
 
 # Estimator parameters besides the method's keys.
-_EXTRA = {"params": None, "threads": 0}
+_EXTRA = {"params": None, "threads": 0, "plugin_defaults": False}
 
 
 def class_name(key):
@@ -56,7 +56,7 @@ class KagridEstimator:
 
     def __repr__(self):
         changed = ", ".join(f"{k}={v!r}" for k, v in self.get_params().items()
-                            if v is not None and not (k == "threads" and v == 0))
+                            if v is not None and not (k in _EXTRA and v == _EXTRA[k]))
         return f"{type(self).__name__}({changed})"
 
     def _settings(self):
@@ -72,7 +72,8 @@ class KagridEstimator:
 
     def _make_record(self):
         pairs, params_file = _inputs.settings(self.params, self._settings())
-        self.record_ = _core.Record.make(self._method, *self.samples_, settings=pairs, params_file=params_file)
+        self.record_ = _core.Record.make(self._method, *self.samples_, settings=pairs, params_file=params_file,
+                                         plugin_defaults=bool(self.plugin_defaults))
 
     # Pickling (joblib's processes): the record is made again from the samples.
     def __getstate__(self):
@@ -112,7 +113,7 @@ class KagridEstimator:
         crs, stddev, progress)."""
         self._check_fitted()
         return _api.grid(self._method, *self.samples_, params=self.params, threads=self.threads,
-                         **{**self._settings(), **options})
+                         plugin_defaults=self.plugin_defaults, **{**self._settings(), **options})
 
 
 def _make(info, fields):
@@ -135,8 +136,8 @@ def _make(info, fields):
         [inspect.Parameter(n, inspect.Parameter.KEYWORD_ONLY, default=defaults[n]) for n in names])
     lines = [f"{info['title']} (kagrid {key}) as a scikit-learn estimator.", "",
              "Parameters are the method's keys (None: kagrid's default, or the value it fills "
-             "from the samples), params= (a dict or parameter file applied first) and threads= "
-             "(0: one per core).", ""]
+             "from the samples), params= (a dict or parameter file applied first), threads= "
+             "(0: one per core) and plugin_defaults= (True: filled as the plug-in's dialog fills it).", ""]
     lines += [f"{f['key']} ({f['type']}, default {f['default']}): {f['help']}" for f in fields]
     return type(class_name(key), (KagridEstimator,), {
         "__init__": __init__, "__doc__": "\n".join(lines), "__module__": "kagrid",

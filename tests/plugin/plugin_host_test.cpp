@@ -277,12 +277,13 @@ TEST_P(PluginHostMethods, SurfaceIsKagridsGridAndProgressIsTheJobs)
     auto* surface = dynamic_cast<KaSurface*>(job.created.back().get());
     ASSERT_NE(surface, nullptr);
 
-    // The record the dialog handed over: the fill, and the search page's kept
-    // inversion of useSearch (read by validation only).
+    // The record the dialog handed over: the fill, and what the pages give
+    // back (the search page's kept inversion of useSearch, its shown caps).
     const KaMethodInfo& method = *FindMethod(m.kagridMethod);
+    EXPECT_EQ(method.searchPage, m.searchPage);
     auto record = method.makeParam();
     ASSERT_EQ(FillRecordFromObject(record.get(), points.get(), method.suffix), KaFillResult::Filled);
-    if (m.searchPage) dynamic_cast<KaEstGridSearcherParam&>(*record).useSearch = false;
+    record->ApplyDialogRoundTrip(method.searchPage);
     EXPECT_EQ(surface->GetName(), record->name);
 
     const std::string dir = KA_BINARY_DIR "/plugin_host_test";
@@ -297,8 +298,8 @@ TEST_P(PluginHostMethods, SurfaceIsKagridsGridAndProgressIsTheJobs)
             out << line;
         }
     }
-    QStringList args = {m.kagridMethod, QString::fromStdString(csv), QString::fromStdString(tif), "-q"};
-    if (m.searchPage) args << "--set" << "useSearch=false";
+    QStringList args = {m.kagridMethod, QString::fromStdString(csv), QString::fromStdString(tif), "-q",
+                        "--plugin-defaults"};
     ASSERT_EQ(QProcess::execute(KAGRID_EXE, args), 0);
     std::unique_ptr<KaSurface> expected = ReadRasterSurface(tif);
     const auto& a = surface->GridData();

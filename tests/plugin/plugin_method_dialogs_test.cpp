@@ -4,11 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <QLineEdit>
+#include <QTabWidget>
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <nlohmann/json.hpp>
+#include <set>
 
 #include "tests/plugin/KaQtTestSupport.h"
 #include "tests/KaTestSupport.h"
@@ -67,12 +69,36 @@ TEST(MethodDialogs, AcceptedDialogGridsAsKagridDoes)
         std::unique_ptr<KaSheetEstimator2DBase> dialog(CreateMethodDialog(row, wells.get(), nullptr));
         ASSERT_TRUE(dialog);
         EXPECT_EQ(dialog->windowTitle(), row.title);
+        bool searchTab = false;
+        for (int i = 0; i < dialog->GetTabWidget()->count(); ++i)
+            searchTab |= dialog->GetTabWidget()->tabText(i) == "Search";
+        EXPECT_EQ(searchTab, row.Method().searchPage);
 
         ASSERT_TRUE(dialog->OnApply());
 
-        // A small grid keeps the runs short; both sides get the same record.
         std::unique_ptr<KaEstimatorGridParam> record = dialog->CopyParameter();
         ASSERT_TRUE(record);
+        // kagrid --plugin-defaults gives the record the accepted dialog gives;
+        // kagrid's own default differs from it only in the search.
+        {
+            const katest::CommandResult plugin =
+                katest::Kagrid(key + " " + dir / "wells.csv" + " --print-params --plugin-defaults");
+            ASSERT_EQ(plugin.status, 0) << plugin.output;
+            const nlohmann::json dialogJson = RecordToJson(*record);
+            const nlohmann::json given = nlohmann::json::parse(plugin.output)["parameters"];
+            EXPECT_EQ(given, dialogJson) << nlohmann::json::diff(given, dialogJson).dump();
+            const katest::CommandResult own = katest::Kagrid(key + " " + dir / "wells.csv" + " --print-params");
+            ASSERT_EQ(own.status, 0) << own.output;
+            const nlohmann::json differs = nlohmann::json::diff(given, nlohmann::json::parse(own.output)["parameters"]);
+            std::set<std::string> keys;
+            for (const nlohmann::json& op : differs) keys.insert(op["path"].get<std::string>());
+            // The search and what the dialog gives back beyond the fill.
+            const std::set<std::string> allowed = {"/searchMode", "/maxFromAll", "/maxFromEach", "/sectorCount",
+                                                   "/blankSectors", "/useSearch", "/delaunayName"};
+            EXPECT_TRUE(std::includes(allowed.begin(), allowed.end(), keys.begin(), keys.end())) << differs.dump();
+            EXPECT_EQ(keys.count("/searchMode"), row.Method().can.searching ? 1u : 0u) << differs.dump();
+        }
+        // A small grid keeps the runs short; both sides get the same record.
         record->columnCount = 24;
         record->rowCount = 20;
         katest::WriteFile(dir / "record.json", RecordToJson(*record).dump());

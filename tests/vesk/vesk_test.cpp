@@ -350,11 +350,11 @@ TEST_F(Vesk, GridsTheSampleFromItsMenuLikeKagridAndSavesIt)
     ASSERT_EQ(window->ObjectTree()->topLevelItemCount(), 2);
     EXPECT_EQ(window->ObjectTree()->topLevelItem(1)->text(1), "Surface");
 
-    // kagrid on the same file (the dialog's search page clears useSearch).
+    // kagrid on the same file, with the record the accepted dialog gives.
     const fs::path dir = TempDir("session");
     const std::string kagridTif = (dir / "kagrid.tif").string();
     ASSERT_EQ(QProcess::execute(KAGRID_EXE, {"inverse-distance", kSample, QString::fromStdString(kagridTif), "-q",
-                                             "--set", "useSearch=false"}),
+                                             "--plugin-defaults"}),
               0);
     const std::unique_ptr<KaSurface> expected = ReadRasterSurface(kagridTif);
     const auto& a = surface->GridData();
