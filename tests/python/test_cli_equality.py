@@ -51,8 +51,10 @@ def test_grid_equals_kagrid(case, sample, kagrid_bin, tmp_path):
     assert ds.z.shape == values.shape
     np.testing.assert_array_equal(with_blank(ds.z, nodata), values)
     assert ds.rio.transform().to_gdal() == gt
-    # The node coordinates are the pixel centres of the file.
-    assert ds.x.values[0] == gt[0] + gt[1] / 2 and ds.y.values[0] == gt[3] + gt[5] / 2
+    # The node coordinates are the pixel centres of the file (the corner plus
+    # half a cell reads back within a rounding of the first node).
+    assert ds.x.values[0] == pytest.approx(gt[0] + gt[1] / 2, rel=1e-15)
+    assert ds.y.values[0] == pytest.approx(gt[3] + gt[5] / 2, rel=1e-15)
     if info["stdDev"]:
         sd, sd_gt, sd_nodata, _ = read_raster(tmp_path / "sd.tif")
         np.testing.assert_array_equal(with_blank(ds.stddev, sd_nodata), sd)
@@ -83,3 +85,18 @@ def test_params_file_and_dict_equal_settings(sample, tmp_path):
     for other in (b, c, d):
         np.testing.assert_array_equal(a.z.values, other.z.values)
     assert a.attrs["kagrid_method"] == "inverse-distance"
+
+
+@pytest.mark.parametrize("plugin", [False, True])
+def test_defaults_follow_kagrid_and_plugin_defaults(plugin, sample, kagrid_bin, tmp_path):
+    """The package starts from kagrid's nearest-first defaults; plugin_defaults=True is
+    --plugin-defaults, the record an accepted plug-in dialog gives."""
+    out = tmp_path / "cli.tif"
+    run_cli(kagrid_bin, "inverse-distance", SAMPLE, out, "-q", *(["--plugin-defaults"] if plugin else []))
+    ds = kagrid.grid("inverse-distance", sample.x, sample.y, sample.z, plugin_defaults=plugin)
+    values, _, nodata, _ = read_raster(out)
+    np.testing.assert_array_equal(with_blank(ds.z, nodata), values)
+    est = kagrid.InverseDistance(plugin_defaults=plugin).fit(np.c_[sample.x, sample.y], sample.z)
+    record = json.loads(est.record_.to_json())["parameters"]
+    assert record["searchMode"] == ("rings" if plugin else "nearest")
+    assert record["maxFromAll"] == (64 if plugin else 100)
