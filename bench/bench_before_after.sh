@@ -8,6 +8,10 @@
 # same grid), then prints the minimum and median wall time of each, new/old,
 # and peer/kagrid for both builds. Minimums are the least disturbed figures on a
 # shared machine. KA_WORKLOADS="idw krig ..." runs some of them only.
+# Where the kernel groups processes by session (sched_autogroup_enabled), a nice
+# value counts only within its own session: against builds in other sessions,
+# give the run's session a weight of its own, e.g.
+#   setsid bash -c 'echo -10 > /proc/self/autogroup; exec bash bench/bench_before_after.sh OLD NEW'
 #
 # Peers as in those scripts: gdal_grid with GDAL_NUM_THREADS=2 and the SciPy
 # KD-tree script (whole process); gstat and RBFInterpolator (their call alone);
