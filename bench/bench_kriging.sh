@@ -60,38 +60,9 @@ for m in krig rbf; do
   cp "$work/kagrid_${m}2.t" "$work/kagrid_$m.t"
 done
 
-cat > "$work/gstat.R" <<'R'
-suppressPackageStartupMessages({ library(sp); library(gstat) })
-a <- commandArgs(TRUE)
-d <- read.csv(a[1])
-coordinates(d) <- ~x + y
-g <- seq(0.0025, 0.9975, length.out = 200)
-nd <- expand.grid(x = g, y = g)  # x fastest: row-major from the minimum y
-coordinates(nd) <- ~x + y
-m <- vgm(psill = 1, model = "Lin", range = 0)  # unbounded: gamma = h
-t <- system.time(k <- krige(z ~ 1, d, nd, model = m, nmax = 32, debug.level = 0))[["elapsed"]]
-cat(t, "\n", file = a[3])
-write.table(k$var1.pred, a[2], row.names = FALSE, col.names = FALSE)
-R
-run gstat Rscript "$work/gstat.R" "$work/points.csv" "$work/g_krig.txt" "$work/gstat.inner"
+run gstat Rscript "$root/bench/peers/gstat_krige.R" "$work/points.csv" "$work/g_krig.txt" "$work/gstat.inner"
 
-cat > "$work/rbf.py" <<'PY'
-import sys, time, warnings, numpy as np
-from scipy.interpolate import RBFInterpolator
-pts = np.loadtxt(sys.argv[1], delimiter=",", skiprows=1)
-g = np.linspace(0.0025, 0.9975, 200)
-gx, gy = np.meshgrid(g, g)
-q = np.column_stack([gx.ravel(), gy.ravel()])
-warnings.simplefilter("ignore")  # the flat kernel makes ill-conditioned local systems
-t0 = time.perf_counter()
-f = RBFInterpolator(pts[:, :2], pts[:, 2], neighbors=32, kernel="inverse_multiquadric",
-                    epsilon=1.0, degree=-1)
-out = f(q)
-t = time.perf_counter() - t0
-open(sys.argv[3], "w").write(f"{t}\n")
-np.savetxt(sys.argv[2], out)
-PY
-run scipy_rbf $PY "$work/rbf.py" "$work/points.csv" "$work/s_rbf.txt" "$work/scipy.inner"
+run scipy_rbf $PY "$root/bench/peers/rbf.py" "$work/points.csv" "$work/s_rbf.txt" "$work/scipy.inner"
 
 # Agreement: median and 99th percentile of |ours - peer| over the nodes both estimate.
 cat > "$work/compare.py" <<'PY'

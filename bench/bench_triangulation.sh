@@ -23,22 +23,6 @@ trap 'rm -rf "$work"' EXIT
 $PY "$root/bench/make_points.py" "$work/p100k.csv" 100000 20261122
 $PY "$root/bench/make_points.py" "$work/p1m.csv" 1000000 20261122
 
-cat > "$work/griddata.py" <<'PY'
-import sys, time, numpy as np
-from scipy.interpolate import griddata
-t0 = time.perf_counter()
-pts = np.loadtxt(sys.argv[1], delimiter=",", skiprows=1)
-t1 = time.perf_counter()
-n = int(sys.argv[2])
-g = (np.arange(n) + 0.5) / n
-gx, gy = np.meshgrid(g, g)  # row r at y = g[r], as kagrid's row 0 at yMin
-out = griddata(pts[:, :2], pts[:, 2], (gx, gy), method="linear")
-t2 = time.perf_counter()
-np.save(sys.argv[3], out)
-with open(sys.argv[4], "w") as f:
-    f.write(f"{t1 - t0:.3f} {t2 - t1:.3f}\n")
-PY
-
 # Largest difference between kagrid's grid and SciPy's where both have a value,
 # and the nodes with a value in one of them only.
 cat > "$work/compare.py" <<'PY'
@@ -80,7 +64,7 @@ for size in "p100k 1000" "p1m 2000"; do
     --set createDelaunayObject=false -q --threads 2
   cmp -s "$work/${name}_tri1.tif" "$work/${name}_tri.tif" || { echo "1 and 2 threads differ"; exit 1; }
   run "${name}_read" "$KAGRID" triangulation "$work/$name.csv" "$work/${name}_tri.tif" "${grid[@]}" --print-params
-  run "${name}_scipy" $PY "$work/griddata.py" "$work/$name.csv" "$n" "$work/${name}_scipy.npy" "$work/${name}_scipy.split"
+  run "${name}_scipy" $PY "$root/bench/peers/griddata.py" "$work/$name.csv" "$n" "$work/${name}_scipy.npy" "$work/${name}_scipy.split"
   read -r sread sgrid < "$work/${name}_scipy.split"
   echo
   echo "$(($(wc -l < "$work/$name.csv") - 1)) points -> $n x $n nodes"

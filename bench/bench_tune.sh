@@ -21,41 +21,7 @@ work=$(mktemp -d)
 PY=/usr/bin/python3
 trap 'rm -rf "$work"' EXIT
 
-cat > "$work/surface.py" <<'PY'
-import sys, math, random
-import numpy as np
-def f(x, y):
-    return (200 + 0.01 * x + 140 * np.exp(-((x - 1400) ** 2 + (y - 2900) ** 2) / 600 ** 2)
-            + 90 * np.exp(-((x - 3900) ** 2 + (y - 1100) ** 2) / 900 ** 2)
-            + 40 * np.sin(x / 700) * np.cos(y / 900))
-if sys.argv[1] == "points":
-    random.seed(14)
-    print("x,y,z")
-    for _ in range(10000):
-        x, y = random.uniform(0, 5000), random.uniform(0, 4000)
-        print(f"{x:.3f},{y:.3f},{f(x, y):.6f}")
-else:
-    # Nodes 25 apart from (0, 0) to (5000, 4000), rows from the smallest y.
-    X, Y = np.meshgrid(np.linspace(0, 5000, 201), np.linspace(0, 4000, 161))
-    if sys.argv[1] == "err":  # of an AAIGrid over those nodes
-        with open(sys.argv[2]) as fh:
-            nodata = float(dict(next(fh).split() for _ in range(6))["NODATA_value"])
-        a = np.loadtxt(sys.argv[2], skiprows=6)[::-1]
-        a[np.isclose(a, nodata)] = np.nan
-    else:  # a SciPy peer's
-        from scipy.interpolate import RBFInterpolator, griddata
-        p = np.loadtxt(sys.argv[2], delimiter=",", skiprows=1)
-        q = np.column_stack([X.ravel(), Y.ravel()])
-        if sys.argv[1] == "rbf":
-            a = RBFInterpolator(p[:, :2], p[:, 2], neighbors=64, kernel="thin_plate_spline")(q)
-        else:
-            a = griddata(p[:, :2], p[:, 2], q, method="cubic")
-        a = a.reshape(X.shape)
-    blank = np.isnan(a)
-    e = (a - f(X, Y))[~blank]
-    print(f"{math.sqrt((e ** 2).mean()):10.4g} {blank.sum():6d}")
-PY
-$PY "$work/surface.py" points > "$work/p.csv"
+$PY "$root/bench/tune_surface.py" points > "$work/p.csv"
 head -n 2001 "$work/p.csv" > "$work/p2k.csv"
 grid="--set xMin=0 --set xMax=5000 --set yMin=0 --set yMax=4000 --set columnCount=201 --set rowCount=161"
 
@@ -75,8 +41,8 @@ for m in inverse-distance modified-shepard kriging radial-basis local-polynomial
   timed "tune_$m" "$kagrid" tune "$m" "$work/p.csv" $grid --threads 2 -q --write-params "$work/$m.json"
   "$kagrid" "$m" "$work/p.csv" "$work/t.asc" $grid --params "$work/$m.json" -q
   chosen=$(sed -n 's/^best: \(.*\) (rmse.*/\1/p' "$work/tune_$m.out")
-  printf "%-18s %s %s %8s %8s  %s\n" "$m" "$($PY "$work/surface.py" err "$work/d.asc")" \
-    "$($PY "$work/surface.py" err "$work/t.asc")" "$(cat "$work/tune_$m.t")" "$(cat "$work/tune_$m.cpu")" "$chosen"
+  printf "%-18s %s %s %8s %8s  %s\n" "$m" "$($PY "$root/bench/tune_surface.py" err "$work/d.asc")" \
+    "$($PY "$root/bench/tune_surface.py" err "$work/t.asc")" "$(cat "$work/tune_$m.t")" "$(cat "$work/tune_$m.cpu")" "$chosen"
 done
 timed tune1 "$kagrid" tune kriging "$work/p.csv" $grid --threads 1 -q
 echo "kriging's sweep on one thread: $(cat "$work/tune1.t") s ($(cat "$work/tune1.cpu") s processor time)"
@@ -92,10 +58,10 @@ for a in invdistnn:power=2:max_points=16:radius=5000 linear; do
   gdal_grid -q -zfield z -a "$a:nodata=-9999" -txe -12.5 5012.5 -tye 4012.5 -12.5 -outsize 201 161 -of GTiff -l p \
     "$work/p.vrt" "$work/g.tif"
   gdal_translate -q -of AAIGrid "$work/g.tif" "$work/g.asc"
-  printf "%-32s %s\n" "gdal_grid ${a%%:radius*}" "$($PY "$work/surface.py" err "$work/g.asc")"
+  printf "%-32s %s\n" "gdal_grid ${a%%:radius*}" "$($PY "$root/bench/tune_surface.py" err "$work/g.asc")"
 done
-printf "%-32s %s\n" "SciPy RBFInterpolator tps, 64" "$($PY "$work/surface.py" rbf "$work/p.csv")"
-printf "%-32s %s\n" "SciPy griddata cubic" "$($PY "$work/surface.py" cubic "$work/p.csv")"
+printf "%-32s %s\n" "SciPy RBFInterpolator tps, 64" "$($PY "$root/bench/tune_surface.py" rbf "$work/p.csv")"
+printf "%-32s %s\n" "SciPy griddata cubic" "$($PY "$root/bench/tune_surface.py" cubic "$work/p.csv")"
 
 cat > "$work/cv.R" <<'R'
 suppressPackageStartupMessages({ library(sp); library(gstat) })

@@ -149,7 +149,7 @@ public:
         for (;;) {
             // LF, CR LF and a lone CR (old Mac files) all end a line; a CR
             // last in the buffer waits for the next byte.
-            std::size_t nl = buffer_.find_first_of("\r\n", start_);
+            std::size_t nl = std::min(Find('\n', lf_), Find('\r', cr_));
             if (nl != std::string::npos && buffer_[nl] == '\r' && nl + 1 == buffer_.size() && !eof_) nl = std::string::npos;
             const std::size_t end = nl == std::string::npos ? buffer_.size() : nl;
             if (std::memchr(buffer_.data() + start_, '\0', end - start_))
@@ -168,6 +168,7 @@ public:
                                                         " bytes; not a point file");
             buffer_.erase(0, start_);
             start_ = 0;
+            lf_ = cr_ = kStale;
             const std::size_t old = buffer_.size();
             buffer_.resize(old + 65536);
             in_.read(buffer_.data() + old, 65536);
@@ -179,10 +180,26 @@ public:
     std::size_t Number() const { return number_; }
 
 private:
+    static constexpr std::size_t kStale = std::string::npos - 1;
+
+    // The first c at or after start_ (npos: none in the buffer), from one memchr
+    // pass kept until start_ has passed it or the buffer is refilled. Not
+    // find_first_of("\r\n"): that tests each byte in a call of its own, a
+    // quarter of the time of reading a million points.
+    std::size_t Find(char c, std::size_t& at) const
+    {
+        if (at == kStale || (at != std::string::npos && at < start_)) {
+            const void* p = std::memchr(buffer_.data() + start_, c, buffer_.size() - start_);
+            at = p ? static_cast<std::size_t>(static_cast<const char*>(p) - buffer_.data()) : std::string::npos;
+        }
+        return at;
+    }
+
     std::istream& in_;
     const std::string& path_;
     std::string buffer_;
     std::size_t start_ = 0, number_ = 0;
+    std::size_t lf_ = kStale, cr_ = kStale;  // see Find
     bool eof_ = false;
 };
 

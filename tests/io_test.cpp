@@ -78,6 +78,33 @@ TEST(KaPointReader, SeparatorsCommentsHeadersAndQuotes)
     EXPECT_EQ(obj->GetLimit().zMax, 700);
 }
 
+// Files of many 64 KiB reads with each line ending, and mixed: every line is
+// read once, with its number; the ending that straddles the first read's end
+// (a CR there waits for the next byte) splits no line.
+TEST(KaPointReader, LineEndingsAcrossReads)
+{
+    TempDir dir;
+    const std::vector<std::vector<std::string>> styles = {{"\n"}, {"\r\n"}, {"\r"}, {"\n", "\r\n", "\r"}};
+    for (const auto& ends : styles) {
+        SCOPED_TRACE(testing::PrintToString(ends));
+        std::string text = "x,y,z" + ends[0];
+        std::vector<Ka3DPoint> expect;
+        std::size_t line = 1;
+        for (int i = 0; i < 30000; ++i) {
+            if (text.size() > 65000 && text.size() < 65400) {  // a comment whose ending starts at byte 65535
+                text += "#" + std::string(65534 - text.size(), 'p') + ends[line++ % ends.size()];
+                ASSERT_EQ(text[65535], ends[(line - 1) % ends.size()][0]);
+            }
+            text += std::to_string(i) + "," + std::to_string(2 * i) + ",-" + std::to_string(i) + ends[line++ % ends.size()];
+            expect.push_back({double(i), double(2 * i), -double(i)});
+        }
+        const std::string p = dir / "e.csv";
+        EXPECT_EQ(ReadText(p, text), expect);
+        EXPECT_EQ(ErrorOf([&] { ReadText(p, text + "1,2,abc" + ends[line % ends.size()]); }),
+                  p + ":" + std::to_string(line + 1) + ": column 'z' (z): expected a number, found 'abc'");
+    }
+}
+
 TEST(KaPointReader, ColumnsByNumberAndByNameDecideTheHeader)
 {
     TempDir dir;
