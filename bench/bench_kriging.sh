@@ -32,7 +32,7 @@ $PY "$root/bench/make_points.py" "$work/points.csv" 10000 20261123
 
 common=(--set xMin=0.0025 --set xMax=0.9975 --set yMin=0.0025 --set yMax=0.9975
         --set columnCount=200 --set rowCount=200 --set tolerance=1e-9
-        --set sectorCount=1 --set blankSectors=1 --set minInAll=16 --set maxFromAll=32
+        --set searchMode=rings --set sectorCount=1 --set blankSectors=1 --set minInAll=16 --set maxFromAll=32
         --set maxFromEach=32 --set radius1=0.1 --set radius2=0.1 -of AAIGrid -q)
 
 # run NAME COMMAND...: wall seconds of the whole command into $work/NAME.t

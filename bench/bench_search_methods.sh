@@ -57,19 +57,19 @@ speedup() {  # speedup LABEL ONE TWO: kagrid from 1 to 2 threads, and the proces
 
 for th in 1 2; do
   run kagrid_idw_$th "$kagrid" inverse-distance "$work/points.csv" "$work/k_idw$th.tif" "${grid[@]}" --threads $th \
-    --set power=2 --set sectorCount=1 --set blankSectors=1 --set minInAll=16 \
+    --set power=2 --set searchMode=rings --set sectorCount=1 --set blankSectors=1 --set minInAll=16 \
     --set maxFromAll=16 --set maxFromEach=16 --set radius1=0.02 --set radius2=0.02
   run kagrid_near_$th "$kagrid" nearest-neighbor "$work/points.csv" "$work/k_near$th.tif" "${grid[@]}" --threads $th \
-    --set sectorCount=1 --set blankSectors=1 --set minInAll=1 --set radius1=0.02 --set radius2=0.02
+    --set searchMode=rings --set sectorCount=1 --set blankSectors=1 --set minInAll=1 --set radius1=0.02 --set radius2=0.02
   # The ring search stops once minInAll samples are in; 50 of the ~126 samples
   # a 0.02 circle holds keeps the work comparable with gdal_grid's full average.
   run kagrid_mean_$th "$kagrid" moving-average "$work/points.csv" "$work/k_mean$th.tif" "${grid[@]}" --threads $th \
-    --set sectorCount=1 --set blankSectors=1 --set minInAll=50 --set radius1=0.02 --set radius2=0.02
+    --set searchMode=rings --set sectorCount=1 --set blankSectors=1 --set minInAll=50 --set radius1=0.02 --set radius2=0.02
   # 1 000 000 points -> 2000 x 2000, the nearest of the samples within 0.004.
   run kagrid_near1m_$th "$kagrid" nearest-neighbor "$work/points1m.csv" "$work/k_near1m$th.tif" -q --threads $th \
     --set xMin=0.00025 --set xMax=0.99975 --set yMin=0.00025 --set yMax=0.99975 \
     --set columnCount=2000 --set rowCount=2000 --set tolerance=1e-9 \
-    --set sectorCount=1 --set blankSectors=1 --set minInAll=1 --set radius1=0.004 --set radius2=0.004
+    --set searchMode=rings --set sectorCount=1 --set blankSectors=1 --set minInAll=1 --set radius1=0.004 --set radius2=0.004
 done
 for m in idw near mean near1m; do
   cmp -s "$work/k_${m}1.tif" "$work/k_${m}2.tif" || { echo "kagrid $m: 1 and 2 threads differ"; exit 1; }
@@ -78,7 +78,7 @@ done
 # kagrid writes DEFLATE GeoTIFF by default, gdal_grid uncompressed: the moving
 # average once more on one thread with uncompressed output, like for like.
 run kagrid_mean_1_raw "$kagrid" moving-average "$work/points.csv" "$work/k_mean1raw.tif" "${grid[@]}" --threads 1 \
-  --set sectorCount=1 --set blankSectors=1 --set minInAll=50 --set radius1=0.02 --set radius2=0.02 -co COMPRESS=NONE
+  --set searchMode=rings --set sectorCount=1 --set blankSectors=1 --set minInAll=50 --set radius1=0.02 --set radius2=0.02 -co COMPRESS=NONE
 
 # gdal_grid's average once more on one thread, beside kagrid's single-threaded run.
 GDAL_NUM_THREADS=1 run gdal_average_1th gdal_grid -a average:radius1=0.02:radius2=0.02:min_points=1:nodata=-9999 \

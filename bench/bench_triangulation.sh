@@ -93,7 +93,7 @@ line "kagrid triangulation + mesh .gpkg, 100 000 pts" p100k_mesh
 
 if "$KAGRID" methods 2>/dev/null | grep -q '^local-polynomial'; then
   run p100k_lp "$KAGRID" local-polynomial "$work/p100k.csv" "$work/p100k_lp.tif" "${grid[@]}" \
-    --set totalOrder=2 --set xOrder=2 --set yOrder=2 --set sectorCount=1 --set blankSectors=1 \
+    --set totalOrder=2 --set xOrder=2 --set yOrder=2 --set searchMode=rings --set sectorCount=1 --set blankSectors=1 \
     --set minInAll=12 --set maxFromAll=24 --set maxFromEach=24 --set radius1=0.03 --set radius2=0.03 \
     --set tolerance=1e-9 -q
   line "kagrid local-polynomial order 2, 100 000 pts" p100k_lp
