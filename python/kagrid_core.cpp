@@ -345,7 +345,7 @@ py::tuple FitVariogram(const py::array& distance, const py::array& gamma, const 
             throw std::invalid_argument(m.rfind("--fit: ", 0) == 0 ? "model: " + m.substr(7) : m);
         }
     }
-    return py::make_tuple(VariogramToJson(*fit.model).dump(), fit.weightedSse);
+    return py::make_tuple(VariogramToJson(*fit.model).dump(), fit.weightedSse, fit.warning);
 }
 
 // `kagrid tune`: the candidates tried and the chosen settings (what

@@ -279,8 +279,22 @@ TEST(Variogram, FitRecoversTheModelThatMadeTheLags)
             }
         }
         EXPECT_LT(r.weightedSse, 1e-12);
+        EXPECT_EQ(r.warning, "");
     }
     EXPECT_THROW(KaFitVariogram({{1, 1, 1}}, {kKaVarioNugget, kKaVarioSpherical}), std::invalid_argument);
+}
+
+// Lags that rise as a parabola and never level off: a spherical fit runs its
+// range far beyond them and says so; a Gaussian follows them without a word.
+TEST(Variogram, FitSaysWhenTheRangeRunsBeyondTheLags)
+{
+    std::vector<KaVariogramLag> lags;
+    for (int k = 1; k <= 15; ++k) lags.push_back({100.0 * k, 0.01 * k * k * 1e4 / (1 + 0.02 * k), 100u});
+    const KaVariogramFitResult spherical = KaFitVariogram(lags, {kKaVarioNugget, kKaVarioSpherical});
+    ASSERT_GT((*spherical.model)[1].range, 4500);
+    EXPECT_NE(spherical.warning.find("the fitted Spherical range"), std::string::npos) << spherical.warning;
+    EXPECT_NE(spherical.warning.find("farthest lag (1500)"), std::string::npos) << spherical.warning;
+    EXPECT_EQ(KaFitVariogram(lags, {kKaVarioNugget, kKaVarioGaussian}).warning, "");
 }
 
 TEST(KagridGeostat, CrossValidateEqualsLeavingEachSampleOut)

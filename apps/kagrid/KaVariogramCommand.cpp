@@ -110,6 +110,7 @@ int RunVariogram(const KaSubOptions& o)
             std::printf("\n");
         }
         modelJson = VariogramToJson(*fit.model);
+        if (!fit.warning.empty()) std::fprintf(stderr, "kagrid: warning: %s\n", fit.warning.c_str());
         std::printf("\nfor kriging (with --set nuggetOnDiagonal=false):\n  --set 'variogram=%s'\n",
                     modelJson.dump().c_str());
     }

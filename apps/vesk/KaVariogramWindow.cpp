@@ -228,7 +228,8 @@ bool KaVariogramWindow::Fit(const QString& names)
         FillTable(*fit.model);
         note_->setText(tr("Fitted %1 by weighted least squares (weights N/h\u00b2), weighted SSE %2")
                            .arg(names)
-                           .arg(fit.weightedSse, 0, 'g', 6));
+                           .arg(fit.weightedSse, 0, 'g', 6) +
+                       (fit.warning.empty() ? QString() : "\n" + QString::fromStdString(fit.warning)));
     } catch (const std::exception& e) {
         note_->setText(tr("Cannot fit %1: %2").arg(names, QString::fromStdString(e.what())));
         return false;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <numbers>
 #include <stdexcept>
 
@@ -216,5 +217,17 @@ KaVariogramFitResult KaFitVariogram(const std::vector<KaVariogramLag>& lags, con
         c->power = powers[k];
         r.model->Add(std::move(c));
     }
+    double farthest = 0;
+    for (const KaVariogramLag& lag : lags) farthest = std::max(farthest, lag.distance);
+    for (std::size_t k = 0; k < m && r.warning.empty(); ++k)
+        if (HasRange(models[k]) && ranges[k] > 3 * farthest) {
+            char text[400];
+            std::snprintf(text, sizeof text,
+                          "the fitted %s range (%.6g) lies far beyond the farthest lag (%.6g): the lags do not level "
+                          "off under this model; try another (a Gaussian suits lags that rise as a parabola first) "
+                          "or a longer cutoff",
+                          KaVario::ModelName(models[k]).c_str(), ranges[k], farthest);
+            r.warning = text;
+        }
     return r;
 }

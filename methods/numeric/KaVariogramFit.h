@@ -34,6 +34,11 @@ std::vector<KaVariogramLag> KaExperimentalVariogram(const std::vector<Ka3DPoint>
 struct KaVariogramFitResult {
     std::unique_ptr<KaVarioVector> model;
     double weightedSse = 0;  // sum of N / h^2 (gamma - model)^2
+    // Non-empty when a fitted range lies far beyond the lags (more than three
+    // times the farthest): the lags do not level off under that model, so the
+    // fit is a slope, not a sill (a spherical model on a smooth surface's
+    // lags, which rise as a parabola first, fits so).
+    std::string warning;
 };
 
 // Fits the sills of `models` (a Nugget and any others) and the ranges of the

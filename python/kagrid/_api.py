@@ -266,9 +266,11 @@ def fit_variogram(x, y=None, z=None, *, model="Nugget+Spherical", column=None, c
                          direction=direction, tolerance=tolerance)
     if not isinstance(model, str):
         raise ValueError(f"model: expected names joined by '+', e.g. 'Nugget+Spherical', got {model!r}")
-    text, _sse = _core.fit_variogram(_inputs.column(lags["distance"], "distance"),
-                                     _inputs.column(lags["gamma"], "gamma"),
-                                     _inputs.column(lags["pairs"], "pairs"), model)
+    text, _sse, warning = _core.fit_variogram(_inputs.column(lags["distance"], "distance"),
+                                              _inputs.column(lags["gamma"], "gamma"),
+                                              _inputs.column(lags["pairs"], "pairs"), model)
+    if warning:
+        warnings.warn(warning, RuntimeWarning, stacklevel=2)
     return json.loads(text)
 
 
