@@ -137,7 +137,7 @@ void SaveCanvas(const Canvas& canvas, const std::string& path)
 
 }  // namespace
 
-void WritePreviewPng(const KaSurface& surface, const std::string& path)
+void WritePreviewPng(const KaSurface& surface, const std::string& path, KaRamp ramp)
 {
     KaIoInit();
     const KaSurfaceObjInfo& info = surface.GetSurfaceObjInfo();
@@ -188,7 +188,7 @@ void WritePreviewPng(const KaSurface& surface, const std::string& path)
             const int c = std::min(cols - 1, static_cast<int>((i + 0.5) * cols / mapW));
             const double v = m.At(r, c);
             Rgb colour = kBlank;
-            if (!KaIsBlankNode(v, blank)) colour = KaRampColour(range.Position(v));
+            if (!KaIsBlankNode(v, blank)) colour = KaRampColour(ramp, range.Position(v));
             canvas.Set(mapX + i, mapY + j, colour);
         }
     }
@@ -199,7 +199,7 @@ void WritePreviewPng(const KaSurface& surface, const std::string& path)
     if (anyValue) {
         for (int j = 0; j < barH; ++j) {
             const double t = zMax > zMin ? 1.0 - (j + 0.5) / barH : 0.5;
-            canvas.Fill(barX, barY + j, barW, 1, KaRampColour(t));
+            canvas.Fill(barX, barY + j, barW, 1, KaRampColour(ramp, t));
         }
         canvas.Frame(barX, barY, barW, barH, kFrame);
         for (std::size_t k = 0; k < labels.size(); ++k) {

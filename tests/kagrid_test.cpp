@@ -186,6 +186,14 @@ TEST(Kagrid, MethodsListEveryKeyAndPreviewIsWritten)
     ASSERT_EQ(r.status, 0) << r.output;
     EXPECT_GT(fs::file_size(d / "s.png"), 1000u);
     EXPECT_NE(r.output.find("Estimat"), std::string::npos);  // progress on stderr
+    // Another ramp draws other pixels from the same grid; a name that is none is a usage error.
+    ASSERT_EQ(Kagrid("inverse-distance " + sample + " " + d / "m.tif -q --preview " + d / "m.png --ramp Magma").status, 0);
+    EXPECT_EQ(katest::ReadFile(d / "s.tif"), katest::ReadFile(d / "m.tif"));
+    EXPECT_NE(katest::ReadFile(d / "s.png"), katest::ReadFile(d / "m.png"));
+    const auto bad = Kagrid("inverse-distance " + sample + " " + d / "b.tif --preview " + d / "b.png --ramp jet");
+    EXPECT_EQ(bad.status, 2);
+    EXPECT_NE(bad.output.find("--ramp: no ramp 'jet'"), std::string::npos) << bad.output;
+    EXPECT_FALSE(fs::exists(d / "b.tif"));
 }
 
 TEST(Kagrid, ThreadCountChangesNothingInTheFileAndIsChecked)

@@ -62,6 +62,8 @@ const Option kOptions[] = {
     Option("-co", "NAME=VALUE", kKaGrid, "creation option for the driver (repeatable)"),
     Option("--preview", "FILE.png", kKaGrid, "also write a colour-mapped picture with a legend")
         .Needs("a PNG file name"),
+    Option("--ramp", "NAME", kKaGrid, "the previews' colour ramp: viridis (default), magma, cividis or\nblue-red (diverging)")
+        .Needs("a ramp name"),
     Option("--stddev", "FILE", kKaGrid,
            "kriging: also write the kriging standard deviation there\n"
            "(default: STDDEVNAME beside OUTPUT, when createStdDev)").Needs("a file name"),

@@ -73,6 +73,7 @@ const std::string& Usage()
 
 struct Options {
     std::string method, input, output, format, preview, mesh, paramsFile, stdDev, stdDevPreview;
+    KaRamp ramp = KaRamp::Viridis;
     std::string methodFilter;  // kagrid methods METHOD
     std::string crs, dataType;
     std::string blockStatistic, blockCell;  // --block STAT CELL
@@ -121,6 +122,8 @@ Options ParseArguments(int argc, char** argv)
     o.grid.size = p.Value("--size");
     o.grid.like = p.Value("--like");
     o.preview = p.Value("--preview");
+    if (p.Has("--ramp") && !KaRampFromName(p.Value("--ramp"), &o.ramp))
+        Usage("--ramp: no ramp '" + p.Value("--ramp") + "' (viridis, magma, cividis or blue-red)");
     o.mesh = p.Value("--mesh");
     o.stdDev = p.Value("--stddev");
     o.stdDevPreview = p.Value("--stddev-preview");
@@ -341,9 +344,9 @@ int Run(const Options& o)
         if (!sd) throw std::runtime_error("the standard deviation surface was not formed");
         if (!result.stdDevWarning.empty()) std::fprintf(stderr, "kagrid: warning: %s\n", result.stdDevWarning.c_str());
         WriteSurface(*sd, stdDevPath, how);
-        if (!o.stdDevPreview.empty()) WritePreviewPng(*sd, o.stdDevPreview);
+        if (!o.stdDevPreview.empty()) WritePreviewPng(*sd, o.stdDevPreview, o.ramp);
     }
-    if (!o.preview.empty()) WritePreviewPng(*surface, o.preview);
+    if (!o.preview.empty()) WritePreviewPng(*surface, o.preview, o.ramp);
     bool meshWritten = false;
     if (!o.mesh.empty())
         for (const auto& object : progress.Created())
