@@ -34,6 +34,7 @@
 #include "io/KaCrs.h"
 #include "io/KaGridPipeline.h"
 #include "io/KaIoError.h"
+#include "io/KaIoSupport.h"
 #include "io/KaOutputFiles.h"
 #include "io/KaParamJson.h"
 #include "io/KaPointReader.h"
@@ -341,6 +342,15 @@ void WriteFileAtomically(const std::string& path, const std::string& bytes)
         fs::remove(temp, ec);
         throw KaIoError(path, "cannot be renamed into place");
     }
+}
+
+// Writes `bytes` to `path` (a temporary); errors name `named`, the file it becomes.
+void WriteWhole(const std::string& path, const std::string& bytes, const std::string& named)
+{
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    out.flush();
+    if (!out) throw KaIoError(named, std::string("cannot be written: ") + std::strerror(errno));
 }
 
 // ---------------------------------------------------------------- shards
@@ -833,28 +843,53 @@ int RunPlan(const Args& a)
 
     fs::create_directories(fs::path(dir) / "shards");
     fs::create_directories(fs::path(dir) / "tiles");
+    // The shards and plan.json are written into a temporary folder and
+    // renamed into place together: a plan that fails or is interrupted half
+    // way leaves an earlier plan in the folder as it was. The earlier
+    // plan.json is retired first, so no plan ever names a mix of shards.
+    const std::string staging = kaio::MakeTemporaryFolder(p.file);
+    std::vector<std::pair<std::string, std::string>> moves{{}};  // the first: the earlier plan.json retired
+    auto stage = [&](const std::string& target, const std::string& bytes) {
+        const std::string temp = (fs::path(staging) / fs::path(target).filename()).string();
+        WriteWhole(temp, bytes, target);
+        moves.emplace_back(temp, target);
+        kaio::Checkpoint("write: plan file written");
+    };
     const uint64_t planId = ParsePlanId(p);
     uint64_t total = 0, most = 0, fewest = std::numeric_limits<uint64_t>::max();
-    for (uint64_t t = 0; t < p.tiles.size(); ++t) {
-        TileInfo& ti = p.tiles[t];
-        const std::size_t i0 = cellOf(xb, ti.rect[0]), i1 = cellOf(xb, ti.rect[2]);
-        const std::size_t j0 = cellOf(yb, ti.rect[1]), j1 = cellOf(yb, ti.rect[3]);
-        std::vector<uint64_t> mine;
-        for (std::size_t j = j0; j <= j1; ++j)
-            for (std::size_t i = i0; i <= i1; ++i)
-                for (uint64_t k : cells[j * p.tilesX + i]) {
-                    const Ka3DPoint& q = points[k];
-                    if (q.x >= ti.rect[0] && q.x <= ti.rect[2] && q.y >= ti.rect[1] && q.y <= ti.rect[3])
-                        mine.push_back(k);
-                }
-        std::sort(mine.begin(), mine.end());
-        ti.points = mine.size();
-        total += mine.size();
-        most = std::max<uint64_t>(most, mine.size());
-        fewest = std::min<uint64_t>(fewest, mine.size());
-        WriteFileAtomically(p.ShardPath(t), ShardBytes(planId, t, points, mine, ti.shardHash));
+    try {
+        for (uint64_t t = 0; t < p.tiles.size(); ++t) {
+            TileInfo& ti = p.tiles[t];
+            const std::size_t i0 = cellOf(xb, ti.rect[0]), i1 = cellOf(xb, ti.rect[2]);
+            const std::size_t j0 = cellOf(yb, ti.rect[1]), j1 = cellOf(yb, ti.rect[3]);
+            std::vector<uint64_t> mine;
+            for (std::size_t j = j0; j <= j1; ++j)
+                for (std::size_t i = i0; i <= i1; ++i)
+                    for (uint64_t k : cells[j * p.tilesX + i]) {
+                        const Ka3DPoint& q = points[k];
+                        if (q.x >= ti.rect[0] && q.x <= ti.rect[2] && q.y >= ti.rect[1] && q.y <= ti.rect[3])
+                            mine.push_back(k);
+                    }
+            std::sort(mine.begin(), mine.end());
+            ti.points = mine.size();
+            total += mine.size();
+            most = std::max<uint64_t>(most, mine.size());
+            fewest = std::min<uint64_t>(fewest, mine.size());
+            stage(p.ShardPath(t), ShardBytes(planId, t, points, mine, ti.shardHash));
+        }
+        stage(p.file, PlanToJson(p).dump(1) + "\n");
+    } catch (...) {
+        kaio::RemoveTemporaryFolder(staging);
+        throw;
     }
-    WriteFileAtomically(p.file, PlanToJson(p).dump(1) + "\n");
+    {
+        kaio::FolderLock plans(dir);  // two plans into one folder commit one after the other
+        if (std::error_code ec; fs::exists(fs::symlink_status(p.file, ec)))
+            moves.front() = {p.file, (fs::path(staging) / "retired-plan.json").string()};
+        else
+            moves.erase(moves.begin());
+        kaio::MoveIntoPlace(staging, moves, p.file);
+    }
     if (!a.slurm.empty()) {
         fs::create_directories(fs::path(dir) / "slurm");
         std::error_code ec;
@@ -929,7 +964,9 @@ void WriteTileRaster(const Plan& p, const KaEstimatorGridParam& r, uint64_t t, c
     GlobalGeoTransform(r, gt);
     gt[0] += static_cast<double>(ti.col0) * gt[1];
     gt[3] += static_cast<double>(p.rows - (ti.row0 + ti.rows)) * gt[5];
-    const std::string temp = (fs::path(path).parent_path() / ("." + fs::path(path).filename().string() + TempSuffix())).string();
+    // In a private folder beside it (removed on an interrupt); two runs of
+    // one tile, on one machine or two, never share it.
+    const std::string temp = kaio::ReserveTemporary(path);
     GDALDriver* drv = GetGDALDriverManager()->GetDriverByName("GTiff");
     CPLStringList opts;
     opts.SetNameValue("COMPRESS", "DEFLATE");
@@ -961,16 +998,12 @@ void WriteTileRaster(const Plan& p, const KaEstimatorGridParam& r, uint64_t t, c
         }
     }
     ok = ok && CPLGetLastErrorType() != CE_Failure;
-    std::error_code ec;
     if (!ok) {
-        fs::remove(temp, ec);
+        kaio::DiscardTemporary(temp);
         throw KaIoError(path, "tile " + std::to_string(t) + ": cannot be written");
     }
-    fs::rename(temp, path, ec);
-    if (ec) {
-        fs::remove(temp, ec);
-        throw KaIoError(path, "tile " + std::to_string(t) + ": cannot be renamed into place");
-    }
+    kaio::Checkpoint("write: dataset closed");
+    kaio::CommitTemporary(temp, path);
 }
 
 // The searching methods: the method's estimator over the tile's nodes, with
@@ -1123,6 +1156,7 @@ int RunTile(const Args& a)
     } catch (const KaSearchError& e) {
         throw std::runtime_error(who + "the search failed: " + e.what());
     }
+    kaio::Checkpoint("tile: estimated");
     // As the single run writes them: nodes that came out infinite or NaN are blank.
     for (double& v : values)
         if (!std::isfinite(v)) v = blank;
@@ -1201,6 +1235,7 @@ void BuildMosaic(const Plan& p, const KaEstimatorGridParam& r, const std::vector
         fs::remove(temp, ec);
         throw KaIoError(out, std::string("cannot write the mosaic: ") + CPLGetLastErrorMsg());
     }
+    kaio::Checkpoint("write: dataset closed");
     fs::rename(temp, out, ec);
     if (ec) {
         fs::remove(temp, ec);
