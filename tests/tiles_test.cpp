@@ -5,6 +5,8 @@
 
 #include <cstring>
 #include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
 #include <functional>
 #include <map>
 #include <sys/mount.h>
@@ -486,4 +488,56 @@ TEST(Tiles, FailingFoldersKeepTheEarlierPlanAndLeaveNothing)
     // A new plan over the earlier one replaces it whole.
     ASSERT_EQ(Kagrid(replan).status, 0);
     for (const auto& [name, bytes] : Tree(plan)) EXPECT_TRUE(name[0] != '.' && name.find("/.") == std::string::npos) << name;
+}
+
+// An interrupt at any checkpoint of a tile or of a new plan over an earlier
+// one leaves the folder as it was or as the finished run leaves it.
+TEST(Tiles, InterruptAtEveryCheckpointLeavesTheOldPlanOrTheNew)
+{
+    katest::TempDir d;
+    katest::WriteFile(d / "p.csv", BorderPoints());
+    const std::string s = kGrid + "--set radius1=4 --set radius2=4 --set minInAll=1";
+    const std::string plan = d / "plan", pristine = d / "pristine";
+    const std::string planArgs = "plan inverse-distance " + d / "p.csv " + plan + " --tile-size 31,21 -q" + s;
+    ASSERT_EQ(Kagrid(planArgs).status, 0);
+    for (const char* t : {"0", "2", "3"}) ASSERT_EQ(Kagrid("tile " + plan + " " + t + " -q").status, 0);
+    fs::copy(plan, pristine, fs::copy_options::recursive);
+    const auto before = Tree(plan);
+    auto reset = [&] {
+        fs::remove_all(plan);
+        fs::copy(pristine, plan, fs::copy_options::recursive);
+    };
+    const int signals[] = {SIGINT, SIGTERM, SIGHUP};
+    for (const std::string args : {"tile " + plan + " 1 -q", planArgs + " --set power=3 --tile-size 20,41"}) {
+        SCOPED_TRACE(args.substr(0, 4));
+        reset();
+        ASSERT_EQ(Kagrid(args).status, 0);
+        const auto after = Tree(plan);
+        ASSERT_NE(after, before);
+        reset();
+        const int checkpoints = CheckpointOf(args, "commit: renamed");  // the last
+        for (int n = 1; n <= checkpoints; ++n)
+            for (const char* mode : {"", ":hold"}) {
+                const int sig = signals[(n + (*mode ? 1 : 0)) % 3];
+                SCOPED_TRACE("checkpoint " + std::to_string(n) + mode);
+                reset();
+                FILE* f = popen(("KAGRID_TEST_SIGNAL=" + std::to_string(n) + ":" + std::to_string(sig) + mode + " " +
+                                 KAGRID_EXE + " " + args + " 2>&1")
+                                    .c_str(),
+                                "r");
+                char buf[512];
+                while (std::fgets(buf, sizeof buf, f)) {
+                }
+                const int st = pclose(f);
+                const auto now = Tree(plan);
+                EXPECT_TRUE(now == before || now == after) << [&] {
+                    std::string names;
+                    for (const auto& [name, bytes] : now) names += name + " ";
+                    return names;
+                }();
+                EXPECT_TRUE((WIFSIGNALED(st) && WTERMSIG(st) == sig) || (WIFEXITED(st) && WEXITSTATUS(st) == 128 + sig) ||
+                            (WIFEXITED(st) && WEXITSTATUS(st) == 0 && now == after))
+                    << st;
+            }
+    }
 }
