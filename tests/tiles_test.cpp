@@ -377,6 +377,19 @@ TEST(Tiles, RunsAtOnceLeaveOneCompleteFile)
     }
     for (const auto& [name, bytes] : Tree(d.path.string())) EXPECT_EQ(name.find("/."), std::string::npos) << name;
     EXPECT_EQ(d.Entries(), (std::set<std::string>{"m.tif", "m.vrt", "p.csv", "pause", "plan", "single.tif"}));
+
+    // A mosaic onto one of its own tiles, however named, is refused.
+    fs::create_hard_link(plan + "/tiles/tile_000003.tif", d / "link.tif");
+    const auto tiles = Tree(plan);
+    for (const auto& [out, said] : std::vector<std::pair<std::string, std::string>>{
+             {plan + "/tiles/tile_000001.tif", "OUT names the plan's tile 1 " + plan + "/tiles/tile_000001.tif"},
+             {plan + "/../plan/tiles/tile_000002.tif", "OUT names the plan's tile 2"},
+             {d / "link.tif", "OUT names the plan's tile 3"}}) {
+        const auto r = Kagrid("merge " + plan + " " + out);
+        EXPECT_EQ(r.status, 1) << out;
+        EXPECT_NE(r.output.find("kagrid merge: " + said), std::string::npos) << r.output;
+    }
+    EXPECT_EQ(Tree(plan), tiles);
 }
 
 // A plan folder that is removed, made read-only or fills up while a tile or
@@ -458,9 +471,10 @@ TEST(Tiles, FailingFoldersKeepTheEarlierPlanAndLeaveNothing)
         EXPECT_NE(r.output.find(c.said), std::string::npos) << r.output;
         EXPECT_EQ(Tree(plan), before);
     }
-    // Interrupted half way through writing the new plan's shards.
+    // Interrupted half way through writing the new plan's shards (held there:
+    // a run that carried on might finish before the signal is handled).
     {
-        FILE* f = popen(("KAGRID_TEST_SIGNAL=" + std::to_string(planShard) + ":15 " + KAGRID_EXE + " " + replan +
+        FILE* f = popen(("KAGRID_TEST_SIGNAL=" + std::to_string(planShard) + ":15:hold " + KAGRID_EXE + " " + replan +
                          " 2>&1").c_str(),
                         "r");
         char buf[512];

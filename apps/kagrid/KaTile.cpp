@@ -1251,6 +1251,13 @@ int RunMerge(const Args& a)
     const std::string out = a.positional[1];
     if (!a.stdDevOut.empty() && !p.stdDev)
         throw std::runtime_error(p.file + ": --stddev: the plan forms no standard deviation (plan with --stddev)");
+    // The mosaic never replaces what it is made of (a tile, the input).
+    std::vector<std::pair<std::string, std::string>> inputs{{"plan's input", p.input}};
+    for (uint64_t t = 0; t < p.tiles.size(); ++t) {
+        inputs.emplace_back("plan's tile " + std::to_string(t), p.TilePath(t));
+        if (p.stdDev) inputs.emplace_back("plan's tile " + std::to_string(t), p.StdDevPath(t));
+    }
+    CheckDistinctOutputs({{"OUT", out}, {"--stddev", a.stdDevOut}}, inputs);
     CheckWritable(out);
     if (!a.stdDevOut.empty()) CheckWritable(a.stdDevOut);
     CheckInput(p, p.file + ": ");
