@@ -233,6 +233,19 @@ void RemoveTemporaryFolder(const std::string& folder)
     if (fs::exists(fs::symlink_status(folder, ec))) Reg().stranded.push_back(folder);
 }
 
+void RegisterTemporary(const std::string& path)
+{
+    OutputLock lock;
+    Reg().folders.push_back(path);  // removed as a folder is: remove_all takes a file too
+}
+
+void UnregisterTemporary(const std::string& path)
+{
+    OutputLock lock;
+    auto& all = Reg().folders;
+    all.erase(std::remove(all.begin(), all.end(), path), all.end());
+}
+
 std::string ReserveTemporary(const std::string& target)
 {
     return (fs::path(MakeTemporaryFolder(target)) / fs::path(target).filename()).string();

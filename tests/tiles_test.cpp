@@ -319,6 +319,7 @@ struct PausedKagrid {
 
 // The number of the `nth` checkpoint named `phase` that `kagrid args` passes
 // (the run is made, so make it where its outputs do no harm).
+// (An empty `phase`: the number of the last checkpoint.)
 int CheckpointOf(const std::string& args, const std::string& phase, int nth = 1)
 {
     FILE* f = popen(("KAGRID_TEST_CHECKPOINTS=list " + std::string(KAGRID_EXE) + " " + args + " 2>&1").c_str(), "r");
@@ -326,9 +327,9 @@ int CheckpointOf(const std::string& args, const std::string& phase, int nth = 1)
     int seen = 0, found = 0;
     while (std::fgets(line, sizeof line, f)) {
         int n = 0, used = 0;
-        if (std::sscanf(line, "kagrid: checkpoint %d %n", &n, &used) == 1 && phase + "\n" == line + used &&
-            ++seen == nth)
-            found = n;
+        if (std::sscanf(line, "kagrid: checkpoint %d %n", &n, &used) != 1) continue;
+        if (phase.empty()) found = n;
+        else if (phase + "\n" == line + used && ++seen == nth) found = n;
     }
     pclose(f);
     EXPECT_GT(found, 0) << phase << " in kagrid " << args;
@@ -504,8 +505,9 @@ TEST(Tiles, FailingFoldersKeepTheEarlierPlanAndLeaveNothing)
     for (const auto& [name, bytes] : Tree(plan)) EXPECT_TRUE(name[0] != '.' && name.find("/.") == std::string::npos) << name;
 }
 
-// An interrupt at any checkpoint of a tile or of a new plan over an earlier
-// one leaves the folder as it was or as the finished run leaves it.
+// An interrupt at any checkpoint of a tile, of a new plan over an earlier
+// one and of a merge leaves the folder as it was or as the finished run
+// leaves it.
 TEST(Tiles, InterruptAtEveryCheckpointLeavesTheOldPlanOrTheNew)
 {
     katest::TempDir d;
@@ -515,21 +517,22 @@ TEST(Tiles, InterruptAtEveryCheckpointLeavesTheOldPlanOrTheNew)
     const std::string planArgs = "plan inverse-distance " + d / "p.csv " + plan + " --tile-size 31,21 -q" + s;
     ASSERT_EQ(Kagrid(planArgs).status, 0);
     for (const char* t : {"0", "2", "3"}) ASSERT_EQ(Kagrid("tile " + plan + " " + t + " -q").status, 0);
-    fs::copy(plan, pristine, fs::copy_options::recursive);
-    const auto before = Tree(plan);
     auto reset = [&] {
         fs::remove_all(plan);
         fs::copy(pristine, plan, fs::copy_options::recursive);
     };
     const int signals[] = {SIGINT, SIGTERM, SIGHUP};
-    for (const std::string args : {"tile " + plan + " 1 -q", planArgs + " --set power=3 --tile-size 20,41"}) {
-        SCOPED_TRACE(args.substr(0, 4));
-        reset();
-        ASSERT_EQ(Kagrid(args).status, 0);
+    auto everyCheckpoint = [&](const std::string& args) {
+        SCOPED_TRACE(args.substr(0, 5));
+        fs::remove_all(pristine);
+        fs::copy(plan, pristine, fs::copy_options::recursive);
+        const auto before = Tree(plan);
+        const auto whole = Kagrid(args);
+        ASSERT_EQ(whole.status, 0) << whole.output;
         const auto after = Tree(plan);
         ASSERT_NE(after, before);
         reset();
-        const int checkpoints = CheckpointOf(args, "commit: renamed");  // the last
+        const int checkpoints = CheckpointOf(args, "");
         for (int n = 1; n <= checkpoints; ++n)
             for (const char* mode : {"", ":hold"}) {
                 const int sig = signals[(n + (*mode ? 1 : 0)) % 3];
@@ -553,5 +556,12 @@ TEST(Tiles, InterruptAtEveryCheckpointLeavesTheOldPlanOrTheNew)
                             (WIFEXITED(st) && WEXITSTATUS(st) == 0 && now == after))
                     << st;
             }
-    }
+        reset();
+    };
+    everyCheckpoint(planArgs + " --set power=3 --tile-size 20,41");
+    everyCheckpoint("tile " + plan + " 1 -q");
+    ASSERT_EQ(Kagrid("tile " + plan + " 1 -q").status, 0);
+    katest::WriteFile(plan + "/m.tif", "an earlier mosaic");
+    everyCheckpoint("merge " + plan + " " + plan + "/m.tif -q");
+    everyCheckpoint("merge " + plan + " " + plan + "/m.vrt -q");
 }

@@ -1192,7 +1192,20 @@ void BuildMosaic(const Plan& p, const KaEstimatorGridParam& r, const std::vector
     const bool vrt = lower == ".vrt";
     if (!vrt && lower != ".tif" && lower != ".tiff")
         throw KaIoError(out, "the mosaic is a .vrt or a .tif");
-    const std::string temp = (fs::path(out).parent_path() / ("." + fs::path(out).filename().string() + TempSuffix() + ext)).string();
+    // A VRT is made beside OUT (it names the tiles relative to its folder),
+    // a GeoTIFF in a temporary folder with the side files its driver makes;
+    // either is removed on an interrupt.
+    const std::string temp =
+        vrt ? (fs::path(out).parent_path() / ("." + fs::path(out).filename().string() + TempSuffix() + ext)).string()
+            : kaio::ReserveTemporary(out);
+    if (vrt) kaio::RegisterTemporary(temp);
+    auto discard = [&] {
+        if (!vrt) return kaio::DiscardTemporary(temp);
+        kaio::OutputLock lock;
+        std::error_code ec;
+        fs::remove(temp, ec);
+        kaio::UnregisterTemporary(temp);
+    };
     const std::string vrtName = vrt ? temp : "/vsimem/kagrid_mosaic_" + std::to_string(::getpid()) + ".vrt";
     std::vector<const char*> names;
     for (const std::string& s : tiles) names.push_back(s.c_str());
@@ -1204,15 +1217,14 @@ void BuildMosaic(const Plan& p, const KaEstimatorGridParam& r, const std::vector
     int usageError = 0;
     GDALDatasetH v = GDALBuildVRT(vrtName.c_str(), static_cast<int>(names.size()), nullptr, names.data(), vo, &usageError);
     GDALBuildVRTOptionsFree(vo);
-    std::error_code ec;
     if (!v) {
-        fs::remove(temp, ec);
+        discard();
         throw KaIoError(out, std::string("cannot build the mosaic: ") + CPLGetLastErrorMsg());
     }
     GDALSetMetadataItem(v, "KAGRID_LATTICE", LatticeText(r).c_str(), nullptr);
     if (GDALGetRasterXSize(v) != static_cast<int>(p.columns) || GDALGetRasterYSize(v) != static_cast<int>(p.rows)) {
         GDALClose(v);
-        fs::remove(temp, ec);
+        discard();
         throw KaIoError(out, "the mosaic's size differs from the plan's grid");
     }
     bool ok = true;
@@ -1232,15 +1244,19 @@ void BuildMosaic(const Plan& p, const KaEstimatorGridParam& r, const std::vector
         GDALClose(v);
     }
     if (!ok) {
-        fs::remove(temp, ec);
+        discard();
         throw KaIoError(out, std::string("cannot write the mosaic: ") + CPLGetLastErrorMsg());
     }
     kaio::Checkpoint("write: dataset closed");
+    if (!vrt) return kaio::CommitTemporary(temp, out);
+    kaio::OutputLock lock;  // an interrupt finds the VRT renamed or still registered
+    std::error_code ec;
     fs::rename(temp, out, ec);
     if (ec) {
-        fs::remove(temp, ec);
+        discard();
         throw KaIoError(out, "cannot be renamed into place");
     }
+    kaio::UnregisterTemporary(temp);
 }
 
 int RunMerge(const Args& a)
