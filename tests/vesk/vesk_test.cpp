@@ -1290,7 +1290,7 @@ TEST_F(Vesk, SaysWhatKagridSaysAboutMemoryAndBlankGrids)
 TEST(VeskSecondProcess, SavesTheGridItIsGiven)
 {
     const QString from = qEnvironmentVariable("VESK_CHILD_FROM"), to = qEnvironmentVariable("VESK_CHILD_TO");
-    if (from.isEmpty()) GTEST_SKIP() << "run by VeskSaveAs as a second vesk process";
+    if (from.isEmpty()) GTEST_SKIP() << "run by Vesk.SaveAsRacesAndFailingFoldersKeepWholeFiles as a second vesk";
     QStandardPaths::setTestModeEnabled(true);
     QTemporaryDir settings;
     QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, settings.path());
