@@ -355,8 +355,13 @@ TEST(Tiles, RunsAtOnceLeaveOneCompleteFile)
     katest::WriteFile(d / "p.csv", BorderPoints());
     const std::string s = kGrid + "--set radius1=4 --set radius2=4 --set minInAll=1";
     ASSERT_EQ(Kagrid("inverse-distance " + d / "p.csv " + d / "single.tif -q" + s).status, 0);
-    ASSERT_EQ(Kagrid("plan inverse-distance " + d / "p.csv " + d / "plan --tile-size 31,21 -q" + s).status, 0);
     const std::string plan = d / "plan", tile0 = plan + "/tiles/tile_000000.tif";
+    // Two plans into one folder: the one that commits last is the plan, whole
+    // (its tiles below accept its shards and merge to the single run).
+    const std::string planArgs = "plan inverse-distance " + d / "p.csv " + plan + " --tile-size 31,21 -q" + s;
+    PausedKagrid planning(d, planArgs, CheckpointOf(planArgs, "commit: rename") - 1);  // every file staged
+    ASSERT_EQ(Kagrid(planArgs + " --set power=3").status, 0);
+    EXPECT_EQ(planning.Finish().status, 0);
     // The other run has written its tile and waits before the rename while this one runs whole.
     PausedKagrid first(d, "tile " + plan + " 0 -q", 3);  // tile: estimated, temporary folder made, dataset closed
     ASSERT_EQ(Kagrid("tile " + plan + " 0 -q").status, 0);
