@@ -66,6 +66,12 @@ std::string FollowOutputLink(const std::string& path);
 std::string MakeTemporaryFolder(const std::string& target);
 void RemoveTemporaryFolder(const std::string& folder);
 
+// A temporary that must lie beside its target itself (a VRT names its
+// sources relative to its own folder): removed on an interrupt while
+// registered. Unregister it once renamed or removed, under an OutputLock.
+void RegisterTemporary(const std::string& path);
+void UnregisterTemporary(const std::string& path);
+
 // A temporary path for `target`: its own file name inside a new temporary folder.
 std::string ReserveTemporary(const std::string& target);
 // Removes the temporary folder holding `temp`.

@@ -37,6 +37,9 @@ namespace {
 struct Registry {
     std::recursive_mutex mutex;
     std::vector<std::string> folders;
+    // Folders that could not be removed (their folder became read-only):
+    // tried again before each new temporary, and by the signal thread.
+    std::vector<std::string> stranded;
 };
 Registry& Reg()
 {
@@ -53,12 +56,17 @@ constexpr int kInterrupts[] = {SIGINT, SIGTERM, SIGHUP};
 
 // Removes a temporary folder and everything in it. A writer still running on
 // another thread may add a file between the listing and the rmdir: repeat
-// until the folder is gone, after which nothing can be created in it.
+// until the folder is gone, after which nothing can be created in it. A
+// folder that became read-only cannot be removed: no use repeating then.
 void RemoveTree(const std::string& folder)
 {
     for (int i = 0; i < 10000; ++i) {
         std::error_code ec;
         fs::remove_all(folder, ec);
+        const std::errc why = static_cast<std::errc>(ec.value());
+        if (ec && (why == std::errc::read_only_file_system || why == std::errc::permission_denied ||
+                   why == std::errc::operation_not_permitted))
+            return;
         if (!fs::exists(fs::symlink_status(folder, ec)) && !ec) return;
     }
 }
@@ -70,6 +78,7 @@ void SignalThread(sigset_t watched)
     }
     Reg().mutex.lock();  // a commit under way completes first; none starts after (never unlocked)
     for (const std::string& f : Reg().folders) RemoveTree(f);
+    for (const std::string& f : Reg().stranded) RemoveTree(f);
     signal(sig, SIG_DFL);
     sigset_t one;
     sigemptyset(&one);
@@ -190,6 +199,14 @@ std::string MakeTemporaryFolder(const std::string& target)
         int err = 0;
         {
             OutputLock lock;
+            auto& stranded = Reg().stranded;
+            stranded.erase(std::remove_if(stranded.begin(), stranded.end(),
+                                          [](const std::string& f) {
+                                              std::error_code ec;
+                                              fs::remove_all(f, ec);
+                                              return !fs::exists(fs::symlink_status(f, ec)) && !ec;
+                                          }),
+                           stranded.end());
             Reg().folders.push_back(folder);  // registered before it exists
             if (mkdir(folder.c_str(), 0700) == 0) {
                 Checkpoint("write: temporary folder made");
@@ -212,6 +229,21 @@ void RemoveTemporaryFolder(const std::string& folder)
     RemoveTree(folder);
     auto& all = Reg().folders;
     all.erase(std::remove(all.begin(), all.end(), folder), all.end());
+    std::error_code ec;
+    if (fs::exists(fs::symlink_status(folder, ec))) Reg().stranded.push_back(folder);
+}
+
+void RegisterTemporary(const std::string& path)
+{
+    OutputLock lock;
+    Reg().folders.push_back(path);  // removed as a folder is: remove_all takes a file too
+}
+
+void UnregisterTemporary(const std::string& path)
+{
+    OutputLock lock;
+    auto& all = Reg().folders;
+    all.erase(std::remove(all.begin(), all.end(), path), all.end());
 }
 
 std::string ReserveTemporary(const std::string& target)

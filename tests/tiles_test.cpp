@@ -4,6 +4,14 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <functional>
+#include <map>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
@@ -277,4 +285,288 @@ TEST(Tiles, PlanRefusesWhatCannotBeTiled)
     EXPECT_NE(r.output.find("missing.csv"), std::string::npos) << r.output;
     r = Kagrid("plan inverse-distance " + d / "p.csv " + d / "plan --tile-size 10 --stddev");
     EXPECT_NE(r.output.find("forms no kriging variance"), std::string::npos) << r.output;
+}
+
+namespace {
+
+// kagrid in the background, stopped at its checkpoint `at` (KAGRID_TEST_PAUSE)
+// until Finish(); the constructor returns once it waits there.
+struct PausedKagrid {
+    FILE* run = nullptr;
+    int fd = -1;
+    PausedKagrid(const katest::TempDir& d, const std::string& args, int at)
+    {
+        const std::string fifo = d / "pause";
+        fs::remove(fifo);
+        EXPECT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+        run = popen(("KAGRID_TEST_PAUSE=" + std::to_string(at) + ":" + fifo + " " + KAGRID_EXE + " " + args + " 2>&1")
+                        .c_str(),
+                    "r");
+        fd = open(fifo.c_str(), O_WRONLY);
+    }
+    katest::CommandResult Finish()
+    {
+        EXPECT_EQ(write(fd, "x", 1), 1);
+        close(fd);
+        katest::CommandResult r{0, {}};
+        char buf[512];
+        while (std::fgets(buf, sizeof buf, run)) r.output += buf;
+        const int st = pclose(run);
+        r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+        return r;
+    }
+};
+
+// The number of the `nth` checkpoint named `phase` that `kagrid args` passes
+// (the run is made, so make it where its outputs do no harm).
+// (An empty `phase`: the number of the last checkpoint.)
+int CheckpointOf(const std::string& args, const std::string& phase, int nth = 1)
+{
+    FILE* f = popen(("KAGRID_TEST_CHECKPOINTS=list " + std::string(KAGRID_EXE) + " " + args + " 2>&1").c_str(), "r");
+    char line[512];
+    int seen = 0, found = 0;
+    while (std::fgets(line, sizeof line, f)) {
+        int n = 0, used = 0;
+        if (std::sscanf(line, "kagrid: checkpoint %d %n", &n, &used) != 1) continue;
+        if (phase.empty()) found = n;
+        else if (phase + "\n" == line + used && ++seen == nth) found = n;
+    }
+    pclose(f);
+    EXPECT_GT(found, 0) << phase << " in kagrid " << args;
+    return found;
+}
+
+// Every file under `dir` with its bytes (folders as "<folder>").
+std::map<std::string, std::string> Tree(const std::string& dir)
+{
+    std::map<std::string, std::string> files;
+    for (const auto& e : fs::recursive_directory_iterator(dir))
+        files[fs::relative(e.path(), dir).string()] = e.is_regular_file() ? katest::ReadFile(e.path().string()) : "<folder>";
+    return files;
+}
+
+}  // namespace
+
+// Two runs of one tile, two merges onto one mosaic: the file is always one
+// run's complete output, equal to the single run, with nothing beside it.
+TEST(Tiles, RunsAtOnceLeaveOneCompleteFile)
+{
+    katest::TempDir d;
+    katest::WriteFile(d / "p.csv", BorderPoints());
+    const std::string s = kGrid + "--set radius1=4 --set radius2=4 --set minInAll=1";
+    ASSERT_EQ(Kagrid("inverse-distance " + d / "p.csv " + d / "single.tif -q" + s).status, 0);
+    const std::string plan = d / "plan", tile0 = plan + "/tiles/tile_000000.tif";
+    // Two plans into one folder: the one that commits last is the plan, whole
+    // (its tiles below accept its shards and merge to the single run).
+    const std::string planArgs = "plan inverse-distance " + d / "p.csv " + plan + " --tile-size 31,21 -q" + s;
+    PausedKagrid planning(d, planArgs, CheckpointOf(planArgs, "commit: rename") - 1);  // every file staged
+    ASSERT_EQ(Kagrid(planArgs + " --set power=3").status, 0);
+    EXPECT_EQ(planning.Finish().status, 0);
+    // The other run has written its tile and waits before the rename while this one runs whole.
+    PausedKagrid first(d, "tile " + plan + " 0 -q", 3);  // tile: estimated, temporary folder made, dataset closed
+    ASSERT_EQ(Kagrid("tile " + plan + " 0 -q").status, 0);
+    const std::string alone = katest::ReadFile(tile0);
+    EXPECT_EQ(first.Finish().status, 0);
+    EXPECT_EQ(katest::ReadFile(tile0), alone);
+    for (const char* t : {"1", "2", "3"}) ASSERT_EQ(Kagrid("tile " + plan + " " + t + " -q").status, 0);
+    EXPECT_EQ(Tree(plan + "/tiles").size(), 4u);
+
+    for (const char* mosaic : {"m.tif", "m.vrt"}) {
+        SCOPED_TRACE(mosaic);
+        const std::string merge = "merge " + plan + " " + d / mosaic + " -q";
+        ASSERT_EQ(Kagrid(merge).status, 0);  // the existing mosaic
+        PausedKagrid other(d, merge, CheckpointOf(merge, "write: dataset closed"));
+        ASSERT_EQ(Kagrid(merge).status, 0);
+        ExpectSameGrid(d / "single.tif", d / mosaic);
+        EXPECT_EQ(other.Finish().status, 0);
+        ExpectSameGrid(d / "single.tif", d / mosaic);
+    }
+    for (const auto& [name, bytes] : Tree(d.path.string())) EXPECT_EQ(name.find("/."), std::string::npos) << name;
+    EXPECT_EQ(d.Entries(), (std::set<std::string>{"m.tif", "m.vrt", "p.csv", "pause", "plan", "single.tif"}));
+
+    // A mosaic onto one of its own tiles, however named, is refused.
+    fs::create_hard_link(plan + "/tiles/tile_000003.tif", d / "link.tif");
+    const auto tiles = Tree(plan);
+    for (const auto& [out, said] : std::vector<std::pair<std::string, std::string>>{
+             {plan + "/tiles/tile_000001.tif", "OUT names the plan's tile 1 " + plan + "/tiles/tile_000001.tif"},
+             {plan + "/../plan/tiles/tile_000002.tif", "OUT names the plan's tile 2"},
+             {d / "link.tif", "OUT names the plan's tile 3"}}) {
+        const auto r = Kagrid("merge " + plan + " " + out);
+        EXPECT_EQ(r.status, 1) << out;
+        EXPECT_NE(r.output.find("kagrid merge: " + said), std::string::npos) << r.output;
+    }
+    EXPECT_EQ(Tree(plan), tiles);
+}
+
+// A plan folder that is removed, made read-only or fills up while a tile or
+// a new plan is written, and a new plan interrupted half way: the run fails
+// naming the file, the earlier plan and its tiles stay as they were, and
+// nothing is left behind. Read-only and full need a small tmpfs (root).
+TEST(Tiles, FailingFoldersKeepTheEarlierPlanAndLeaveNothing)
+{
+    katest::TempDir d;
+    katest::WriteFile(d / "p.csv", BorderPoints());
+    const std::string s = kGrid + "--set radius1=4 --set radius2=4 --set minInAll=1";
+    ASSERT_EQ(Kagrid("inverse-distance " + d / "p.csv " + d / "single.tif -q" + s).status, 0);
+    const fs::path mnt = d.path / "mnt";
+    fs::create_directory(mnt);
+    const bool tmpfs = mount("tmpfs", mnt.c_str(), "tmpfs", 0, "size=512k") == 0;
+    struct Unmount {
+        bool mounted;
+        std::string at;
+        ~Unmount()
+        {
+            if (mounted) umount2(at.c_str(), MNT_DETACH);
+        }
+    } unmount{tmpfs, mnt.string()};
+    if (!tmpfs) std::printf("no tmpfs could be mounted here (%s): read-only and full cases skipped\n", std::strerror(errno));
+    const std::string plan = (mnt / "plan").string(), planArgs = "plan inverse-distance " + d / "p.csv " + plan +
+                                                                  " --tile-size 31,21 -q" + s;
+    ASSERT_EQ(Kagrid(planArgs).status, 0);
+    for (const char* t : {"0", "2", "3"}) ASSERT_EQ(Kagrid("tile " + plan + " " + t + " -q").status, 0);
+    const auto before = Tree(plan);
+    const std::string tile1 = "tile " + plan + " 1 -q", replan = planArgs + " --set power=3";
+    fs::copy(plan, d / "probe", fs::copy_options::recursive);  // where the checkpoints are, found on a copy
+    const std::string probeTile = "tile " + d / "probe" + " 1 -q";
+    const std::string probePlan = "plan inverse-distance " + d / "p.csv " + d / "probe --tile-size 31,21 -q" + s +
+                                  " --set power=3";
+    const int tileEstimated = CheckpointOf(probeTile, "tile: estimated");
+    fs::remove(d / "probe/tiles/tile_000001.tif");
+    const int tileTemp = CheckpointOf(probeTile, "write: temporary folder made");
+    fs::remove(d / "probe/tiles/tile_000001.tif");
+    const int tileClosed = CheckpointOf(probeTile, "write: dataset closed");
+    const int planRead = CheckpointOf(probePlan, "read: done");
+    const int planShard = CheckpointOf(probePlan, "write: plan file written", 2);
+    const std::string filler = (mnt / "filler").string();
+    auto remount = [&](unsigned long flags) {
+        return mount("tmpfs", mnt.c_str(), "tmpfs", MS_REMOUNT | flags, "size=512k") == 0;
+    };
+    auto fill = [&] {
+        std::ofstream f(filler, std::ios::binary);
+        const std::string block(4096, 'f');
+        while (f.write(block.data(), block.size())) {
+        }
+        return true;
+    };
+    struct Case {
+        const char* name;
+        std::string args;
+        int pauseAt;
+        bool needsTmpfs;
+        std::function<bool()> fail;
+        std::string said;  // in the message of the failed run
+    };
+    const std::string tilePath = plan + "/tiles/tile_000001.tif";
+    const std::vector<Case> cases{
+        {"tiles read-only before the tile is written", tile1, tileEstimated, true, [&] { return remount(MS_RDONLY); },
+         tilePath + ": cannot create a temporary folder in '" + plan + "/tiles': Read-only file system"},
+        {"full while the tile is written", tile1, tileTemp, true, fill, tilePath + ": tile 1: cannot be written"},
+        {"read-only mid-plan", replan, planRead, true, [&] { return remount(MS_RDONLY); },
+         plan + "/plan.json: cannot create a temporary folder in '" + plan + "': Read-only file system"},
+        {"full mid-plan", replan, planShard, true, fill, ": cannot be written: No space left on device"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        if (c.needsTmpfs && !tmpfs) continue;
+        PausedKagrid run(d, c.args, c.pauseAt);
+        ASSERT_TRUE(c.fail());
+        const auto r = run.Finish();
+        if (!fs::exists(filler)) EXPECT_TRUE(remount(0));
+        fs::remove(filler);
+        EXPECT_EQ(r.status, 1) << r.output;
+        EXPECT_NE(r.output.find(c.said), std::string::npos) << r.output;
+        EXPECT_EQ(Tree(plan), before);
+    }
+    // Interrupted half way through writing the new plan's shards (held there:
+    // a run that carried on might finish before the signal is handled).
+    {
+        FILE* f = popen(("KAGRID_TEST_SIGNAL=" + std::to_string(planShard) + ":15:hold " + KAGRID_EXE + " " + replan +
+                         " 2>&1").c_str(),
+                        "r");
+        char buf[512];
+        while (std::fgets(buf, sizeof buf, f)) {
+        }
+        const int st = pclose(f);
+        EXPECT_TRUE(WIFSIGNALED(st) || (WIFEXITED(st) && WEXITSTATUS(st) == 128 + 15)) << st;
+        EXPECT_EQ(Tree(plan), before);
+    }
+    // The earlier plan still completes and merges to the single run.
+    ASSERT_EQ(Kagrid(tile1).status, 0);
+    ASSERT_EQ(Kagrid("merge " + plan + " " + d / "m.tif -q").status, 0);
+    ExpectSameGrid(d / "single.tif", d / "m.tif");
+
+    // The tiles folder removed before a tile's rename: named, nothing made again.
+    fs::remove(tilePath);
+    PausedKagrid removed(d, tile1, tileClosed);
+    fs::remove_all(plan + "/tiles");
+    const auto r = removed.Finish();
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.output.find(tilePath + ": cannot rename the finished file into place: No such file or directory"),
+              std::string::npos)
+        << r.output;
+    EXPECT_FALSE(fs::exists(plan + "/tiles"));
+    // A new plan over the earlier one replaces it whole.
+    ASSERT_EQ(Kagrid(replan).status, 0);
+    for (const auto& [name, bytes] : Tree(plan)) EXPECT_TRUE(name[0] != '.' && name.find("/.") == std::string::npos) << name;
+}
+
+// An interrupt at any checkpoint of a tile, of a new plan over an earlier
+// one and of a merge leaves the folder as it was or as the finished run
+// leaves it.
+TEST(Tiles, InterruptAtEveryCheckpointLeavesTheOldPlanOrTheNew)
+{
+    katest::TempDir d;
+    katest::WriteFile(d / "p.csv", BorderPoints());
+    const std::string s = kGrid + "--set radius1=4 --set radius2=4 --set minInAll=1";
+    const std::string plan = d / "plan", pristine = d / "pristine";
+    const std::string planArgs = "plan inverse-distance " + d / "p.csv " + plan + " --tile-size 31,21 -q" + s;
+    ASSERT_EQ(Kagrid(planArgs).status, 0);
+    for (const char* t : {"0", "2", "3"}) ASSERT_EQ(Kagrid("tile " + plan + " " + t + " -q").status, 0);
+    auto reset = [&] {
+        fs::remove_all(plan);
+        fs::copy(pristine, plan, fs::copy_options::recursive);
+    };
+    const int signals[] = {SIGINT, SIGTERM, SIGHUP};
+    auto everyCheckpoint = [&](const std::string& args) {
+        SCOPED_TRACE(args.substr(0, 5));
+        fs::remove_all(pristine);
+        fs::copy(plan, pristine, fs::copy_options::recursive);
+        const auto before = Tree(plan);
+        const auto whole = Kagrid(args);
+        ASSERT_EQ(whole.status, 0) << whole.output;
+        const auto after = Tree(plan);
+        ASSERT_NE(after, before);
+        reset();
+        const int checkpoints = CheckpointOf(args, "");
+        for (int n = 1; n <= checkpoints; ++n)
+            for (const char* mode : {"", ":hold"}) {
+                const int sig = signals[(n + (*mode ? 1 : 0)) % 3];
+                SCOPED_TRACE("checkpoint " + std::to_string(n) + mode);
+                reset();
+                FILE* f = popen(("KAGRID_TEST_SIGNAL=" + std::to_string(n) + ":" + std::to_string(sig) + mode + " " +
+                                 KAGRID_EXE + " " + args + " 2>&1")
+                                    .c_str(),
+                                "r");
+                char buf[512];
+                while (std::fgets(buf, sizeof buf, f)) {
+                }
+                const int st = pclose(f);
+                const auto now = Tree(plan);
+                EXPECT_TRUE(now == before || now == after) << [&] {
+                    std::string names;
+                    for (const auto& [name, bytes] : now) names += name + " ";
+                    return names;
+                }();
+                EXPECT_TRUE((WIFSIGNALED(st) && WTERMSIG(st) == sig) || (WIFEXITED(st) && WEXITSTATUS(st) == 128 + sig) ||
+                            (WIFEXITED(st) && WEXITSTATUS(st) == 0 && now == after))
+                    << st;
+            }
+        reset();
+    };
+    everyCheckpoint(planArgs + " --set power=3 --tile-size 20,41");
+    everyCheckpoint("tile " + plan + " 1 -q");
+    ASSERT_EQ(Kagrid("tile " + plan + " 1 -q").status, 0);
+    katest::WriteFile(plan + "/m.tif", "an earlier mosaic");
+    everyCheckpoint("merge " + plan + " " + plan + "/m.tif -q");
+    everyCheckpoint("merge " + plan + " " + plan + "/m.vrt -q");
 }

@@ -34,6 +34,7 @@
 #include "io/KaCrs.h"
 #include "io/KaGridPipeline.h"
 #include "io/KaIoError.h"
+#include "io/KaIoSupport.h"
 #include "io/KaOutputFiles.h"
 #include "io/KaParamJson.h"
 #include "io/KaPointReader.h"
@@ -342,6 +343,15 @@ void WriteFileAtomically(const std::string& path, const std::string& bytes)
         fs::remove(temp, ec);
         throw KaIoError(path, "cannot be renamed into place");
     }
+}
+
+// Writes `bytes` to `path` (a temporary); errors name `named`, the file it becomes.
+void WriteWhole(const std::string& path, const std::string& bytes, const std::string& named)
+{
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    out.flush();
+    if (!out) throw KaIoError(named, std::string("cannot be written: ") + std::strerror(errno));
 }
 
 // ---------------------------------------------------------------- shards
@@ -836,28 +846,53 @@ int RunPlan(const Args& a)
 
     fs::create_directories(fs::path(dir) / "shards");
     fs::create_directories(fs::path(dir) / "tiles");
+    // The shards and plan.json are written into a temporary folder and
+    // renamed into place together: a plan that fails or is interrupted half
+    // way leaves an earlier plan in the folder as it was. The earlier
+    // plan.json is retired first, so no plan ever names a mix of shards.
+    const std::string staging = kaio::MakeTemporaryFolder(p.file);
+    std::vector<std::pair<std::string, std::string>> moves{{}};  // the first: the earlier plan.json retired
+    auto stage = [&](const std::string& target, const std::string& bytes) {
+        const std::string temp = (fs::path(staging) / fs::path(target).filename()).string();
+        WriteWhole(temp, bytes, target);
+        moves.emplace_back(temp, target);
+        kaio::Checkpoint("write: plan file written");
+    };
     const uint64_t planId = ParsePlanId(p);
     uint64_t total = 0, most = 0, fewest = std::numeric_limits<uint64_t>::max();
-    for (uint64_t t = 0; t < p.tiles.size(); ++t) {
-        TileInfo& ti = p.tiles[t];
-        const std::size_t i0 = cellOf(xb, ti.rect[0]), i1 = cellOf(xb, ti.rect[2]);
-        const std::size_t j0 = cellOf(yb, ti.rect[1]), j1 = cellOf(yb, ti.rect[3]);
-        std::vector<uint64_t> mine;
-        for (std::size_t j = j0; j <= j1; ++j)
-            for (std::size_t i = i0; i <= i1; ++i)
-                for (uint64_t k : cells[j * p.tilesX + i]) {
-                    const Ka3DPoint& q = points[k];
-                    if (q.x >= ti.rect[0] && q.x <= ti.rect[2] && q.y >= ti.rect[1] && q.y <= ti.rect[3])
-                        mine.push_back(k);
-                }
-        std::sort(mine.begin(), mine.end());
-        ti.points = mine.size();
-        total += mine.size();
-        most = std::max<uint64_t>(most, mine.size());
-        fewest = std::min<uint64_t>(fewest, mine.size());
-        WriteFileAtomically(p.ShardPath(t), ShardBytes(planId, t, points, mine, ti.shardHash));
+    try {
+        for (uint64_t t = 0; t < p.tiles.size(); ++t) {
+            TileInfo& ti = p.tiles[t];
+            const std::size_t i0 = cellOf(xb, ti.rect[0]), i1 = cellOf(xb, ti.rect[2]);
+            const std::size_t j0 = cellOf(yb, ti.rect[1]), j1 = cellOf(yb, ti.rect[3]);
+            std::vector<uint64_t> mine;
+            for (std::size_t j = j0; j <= j1; ++j)
+                for (std::size_t i = i0; i <= i1; ++i)
+                    for (uint64_t k : cells[j * p.tilesX + i]) {
+                        const Ka3DPoint& q = points[k];
+                        if (q.x >= ti.rect[0] && q.x <= ti.rect[2] && q.y >= ti.rect[1] && q.y <= ti.rect[3])
+                            mine.push_back(k);
+                    }
+            std::sort(mine.begin(), mine.end());
+            ti.points = mine.size();
+            total += mine.size();
+            most = std::max<uint64_t>(most, mine.size());
+            fewest = std::min<uint64_t>(fewest, mine.size());
+            stage(p.ShardPath(t), ShardBytes(planId, t, points, mine, ti.shardHash));
+        }
+        stage(p.file, PlanToJson(p).dump(1) + "\n");
+    } catch (...) {
+        kaio::RemoveTemporaryFolder(staging);
+        throw;
     }
-    WriteFileAtomically(p.file, PlanToJson(p).dump(1) + "\n");
+    {
+        kaio::FolderLock plans(dir);  // two plans into one folder commit one after the other
+        if (std::error_code ec; fs::exists(fs::symlink_status(p.file, ec)))
+            moves.front() = {p.file, (fs::path(staging) / "retired-plan.json").string()};
+        else
+            moves.erase(moves.begin());
+        kaio::MoveIntoPlace(staging, moves, p.file);
+    }
     if (!a.slurm.empty()) {
         fs::create_directories(fs::path(dir) / "slurm");
         std::error_code ec;
@@ -932,7 +967,9 @@ void WriteTileRaster(const Plan& p, const KaEstimatorGridParam& r, uint64_t t, c
     GlobalGeoTransform(r, gt);
     gt[0] += static_cast<double>(ti.col0) * gt[1];
     gt[3] += static_cast<double>(p.rows - (ti.row0 + ti.rows)) * gt[5];
-    const std::string temp = (fs::path(path).parent_path() / ("." + fs::path(path).filename().string() + TempSuffix())).string();
+    // In a private folder beside it (removed on an interrupt); two runs of
+    // one tile, on one machine or two, never share it.
+    const std::string temp = kaio::ReserveTemporary(path);
     GDALDriver* drv = GetGDALDriverManager()->GetDriverByName("GTiff");
     CPLStringList opts;
     opts.SetNameValue("COMPRESS", "DEFLATE");
@@ -964,16 +1001,12 @@ void WriteTileRaster(const Plan& p, const KaEstimatorGridParam& r, uint64_t t, c
         }
     }
     ok = ok && CPLGetLastErrorType() != CE_Failure;
-    std::error_code ec;
     if (!ok) {
-        fs::remove(temp, ec);
+        kaio::DiscardTemporary(temp);
         throw KaIoError(path, "tile " + std::to_string(t) + ": cannot be written");
     }
-    fs::rename(temp, path, ec);
-    if (ec) {
-        fs::remove(temp, ec);
-        throw KaIoError(path, "tile " + std::to_string(t) + ": cannot be renamed into place");
-    }
+    kaio::Checkpoint("write: dataset closed");
+    kaio::CommitTemporary(temp, path);
 }
 
 // The searching methods: the method's estimator over the tile's nodes, with
@@ -1126,6 +1159,7 @@ int RunTile(const Args& a)
     } catch (const KaSearchError& e) {
         throw std::runtime_error(who + "the search failed: " + e.what());
     }
+    kaio::Checkpoint("tile: estimated");
     // As the single run writes them: nodes that came out infinite or NaN are blank.
     for (double& v : values)
         if (!std::isfinite(v)) v = blank;
@@ -1161,7 +1195,20 @@ void BuildMosaic(const Plan& p, const KaEstimatorGridParam& r, const std::vector
     const bool vrt = lower == ".vrt";
     if (!vrt && lower != ".tif" && lower != ".tiff")
         throw KaIoError(out, "the mosaic is a .vrt or a .tif");
-    const std::string temp = (fs::path(out).parent_path() / ("." + fs::path(out).filename().string() + TempSuffix() + ext)).string();
+    // A VRT is made beside OUT (it names the tiles relative to its folder),
+    // a GeoTIFF in a temporary folder with the side files its driver makes;
+    // either is removed on an interrupt.
+    const std::string temp =
+        vrt ? (fs::path(out).parent_path() / ("." + fs::path(out).filename().string() + TempSuffix() + ext)).string()
+            : kaio::ReserveTemporary(out);
+    if (vrt) kaio::RegisterTemporary(temp);
+    auto discard = [&] {
+        if (!vrt) return kaio::DiscardTemporary(temp);
+        kaio::OutputLock lock;
+        std::error_code ec;
+        fs::remove(temp, ec);
+        kaio::UnregisterTemporary(temp);
+    };
     const std::string vrtName = vrt ? temp : "/vsimem/kagrid_mosaic_" + std::to_string(::getpid()) + ".vrt";
     std::vector<const char*> names;
     for (const std::string& s : tiles) names.push_back(s.c_str());
@@ -1173,15 +1220,14 @@ void BuildMosaic(const Plan& p, const KaEstimatorGridParam& r, const std::vector
     int usageError = 0;
     GDALDatasetH v = GDALBuildVRT(vrtName.c_str(), static_cast<int>(names.size()), nullptr, names.data(), vo, &usageError);
     GDALBuildVRTOptionsFree(vo);
-    std::error_code ec;
     if (!v) {
-        fs::remove(temp, ec);
+        discard();
         throw KaIoError(out, std::string("cannot build the mosaic: ") + CPLGetLastErrorMsg());
     }
     GDALSetMetadataItem(v, "KAGRID_LATTICE", LatticeText(r).c_str(), nullptr);
     if (GDALGetRasterXSize(v) != static_cast<int>(p.columns) || GDALGetRasterYSize(v) != static_cast<int>(p.rows)) {
         GDALClose(v);
-        fs::remove(temp, ec);
+        discard();
         throw KaIoError(out, "the mosaic's size differs from the plan's grid");
     }
     bool ok = true;
@@ -1201,14 +1247,19 @@ void BuildMosaic(const Plan& p, const KaEstimatorGridParam& r, const std::vector
         GDALClose(v);
     }
     if (!ok) {
-        fs::remove(temp, ec);
+        discard();
         throw KaIoError(out, std::string("cannot write the mosaic: ") + CPLGetLastErrorMsg());
     }
+    kaio::Checkpoint("write: dataset closed");
+    if (!vrt) return kaio::CommitTemporary(temp, out);
+    kaio::OutputLock lock;  // an interrupt finds the VRT renamed or still registered
+    std::error_code ec;
     fs::rename(temp, out, ec);
     if (ec) {
-        fs::remove(temp, ec);
+        discard();
         throw KaIoError(out, "cannot be renamed into place");
     }
+    kaio::UnregisterTemporary(temp);
 }
 
 int RunMerge(const Args& a)
@@ -1219,6 +1270,13 @@ int RunMerge(const Args& a)
     const std::string out = a.positional[1];
     if (!a.stdDevOut.empty() && !p.stdDev)
         throw std::runtime_error(p.file + ": --stddev: the plan forms no standard deviation (plan with --stddev)");
+    // The mosaic never replaces what it is made of (a tile, the input).
+    std::vector<std::pair<std::string, std::string>> inputs{{"plan's input", p.input}};
+    for (uint64_t t = 0; t < p.tiles.size(); ++t) {
+        inputs.emplace_back("plan's tile " + std::to_string(t), p.TilePath(t));
+        if (p.stdDev) inputs.emplace_back("plan's tile " + std::to_string(t), p.StdDevPath(t));
+    }
+    CheckDistinctOutputs({{"OUT", out}, {"--stddev", a.stdDevOut}}, inputs);
     CheckWritable(out);
     if (!a.stdDevOut.empty()) CheckWritable(a.stdDevOut);
     CheckInput(p, p.file + ": ");

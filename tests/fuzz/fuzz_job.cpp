@@ -1,6 +1,8 @@
-// Fuzz target: a whole small gridding job. Byte 0 picks the method, bytes 1
-// and 2 the grid's columns and rows (1 to 8); then x y z text, and after a
-// line "---" a JSON parameter object applied before the counts are clamped.
+// Fuzz target: a whole small gridding job. Byte 0 picks the method (its place
+// in the registry, modulo the count; a kept input named after a method must
+// pick that one, which the replay checks), bytes 1 and 2 the grid's columns
+// and rows (1 to 8); then x y z text, and after a line "---" a JSON parameter
+// object applied before the counts are clamped.
 // Methods that form a kriging standard deviation form it as well. The values a
 // searching method takes without the ring walk are compared with the walk's.
 
@@ -63,6 +65,21 @@ void CompareRingValues(const KaMethodInfo& method, std::unique_ptr<KaEstimatorGr
 }
 
 }  // namespace
+
+// The replay's check of a kept input's name: a method added anywhere but at
+// the registry's end would change, unnoticed, what each seed exercises.
+extern "C" const char* KaFuzzNameMismatch(const char* name, const uint8_t* data, std::size_t size)
+{
+    const auto methods = KaMethods();
+    const KaMethodInfo* named = nullptr;
+    for (const KaMethodInfo& m : methods)
+        if (std::strstr(name, m.key) && (!named || std::strlen(m.key) > std::strlen(named->key))) named = &m;
+    if (!named || size == 0) return nullptr;
+    const KaMethodInfo& picked = methods[data[0] % methods.size()];
+    static std::string why;
+    why = std::string("named after ") + named->key + " but byte 0 picks " + picked.key;
+    return &picked == named ? nullptr : why.c_str();
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
 {

@@ -18,6 +18,12 @@
 #include <QStandardPaths>
 #include <QTreeWidget>
 #include <array>
+#include <fcntl.h>
+#include <set>
+#include <sstream>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <atomic>
 #include <cmath>
 #include <cstring>
@@ -1276,3 +1282,230 @@ TEST_F(Vesk, SaysWhatKagridSaysAboutMemoryAndBlankGrids)
 }
 
 }  // namespace
+
+// A second vesk: this test program again with only the test below, which
+// opens VESK_CHILD_FROM and saves it as VESK_CHILD_TO through the window's
+// Save As, then prints what it said ("child: ..." lines). With VESK_CHILD_THEN
+// (a FIFO) it waits for a byte there and saves once more.
+TEST(VeskSecondProcess, SavesTheGridItIsGiven)
+{
+    const QString from = qEnvironmentVariable("VESK_CHILD_FROM"), to = qEnvironmentVariable("VESK_CHILD_TO");
+    if (from.isEmpty()) GTEST_SKIP() << "run by Vesk.SaveAsRacesAndFailingFoldersKeepWholeFiles as a second vesk";
+    QStandardPaths::setTestModeEnabled(true);
+    QTemporaryDir settings;
+    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, settings.path());
+    KaVeskWindow w;
+    KaDataObject* grid = w.OpenFile(from);
+    ASSERT_NE(grid, nullptr);
+    auto save = [&] {
+        katest::BoxSeen box;
+        katest::AnswerNextBox(&box);  // the warning of a failed save
+        std::printf("child: saved %d\n", w.SaveSurface(grid, to) ? 1 : 0);
+    };
+    save();
+    if (const QString then = qEnvironmentVariable("VESK_CHILD_THEN"); !then.isEmpty()) {
+        std::ifstream wait(then.toStdString());
+        wait.get();
+        save();
+    }
+    for (int i = 0; i < w.EventLog()->topLevelItemCount(); ++i)
+        std::printf("child: log %s %s\n", qPrintable(w.EventLog()->topLevelItem(i)->text(1)),
+                    qPrintable(w.EventLog()->topLevelItem(i)->text(2)));
+}
+
+namespace {
+
+// The second vesk, started saving `from` as `to`; with `pauseAt` it stops at
+// that checkpoint of io's writers until Release().
+struct SecondVesk {
+    QProcess process;
+    std::string fifo;
+
+    SecondVesk(const QString& from, const QString& to, int pauseAt = 0, const std::string& pauseFifo = {},
+               const std::string& then = {}, bool list = false)
+    {
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("VESK_CHILD_FROM", from);
+        env.insert("VESK_CHILD_TO", to);
+        if (!then.empty()) env.insert("VESK_CHILD_THEN", QString::fromStdString(then));
+        if (list) env.insert("KAGRID_TEST_CHECKPOINTS", "list");
+        if (pauseAt > 0) {
+            fifo = pauseFifo;
+            fs::remove(fifo);
+            EXPECT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+            env.insert("KAGRID_TEST_PAUSE", QString("%1:%2").arg(pauseAt).arg(QString::fromStdString(fifo)));
+        }
+        process.setProcessEnvironment(env);
+        process.start(QCoreApplication::applicationFilePath(), {"--gtest_filter=VeskSecondProcess.*"});
+        EXPECT_TRUE(process.waitForStarted());
+    }
+    // Returns once the process waits at its checkpoint (the FIFO's other end is open).
+    int WaitPaused() { return open(fifo.c_str(), O_WRONLY); }
+    static void Release(int fd)
+    {
+        EXPECT_EQ(write(fd, "x", 1), 1);
+        close(fd);
+    }
+    // Everything it said, once it ended.
+    std::string Finish()
+    {
+        EXPECT_TRUE(process.waitForFinished(120000));
+        EXPECT_EQ(process.exitCode(), 0);
+        return process.readAllStandardOutput().toStdString() + process.readAllStandardError().toStdString();
+    }
+};
+
+// The checkpoints a second vesk passes saving `from` as `to`, by name.
+std::vector<std::string> SecondVeskCheckpoints(const QString& from, const QString& to)
+{
+    SecondVesk run(from, to, 0, {}, {}, true);
+    std::vector<std::string> phases;
+    std::istringstream said(run.Finish());
+    for (std::string line; std::getline(said, line);)
+        if (const std::size_t at = line.find("kagrid: checkpoint "); at != std::string::npos)
+            phases.push_back(line.substr(line.find(' ', at + 19) + 1));
+    return phases;
+}
+
+std::string Bytes(const fs::path& file)
+{
+    std::ifstream in(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+std::set<std::string> Names(const fs::path& dir)
+{
+    std::set<std::string> names;
+    for (const auto& e : fs::directory_iterator(dir)) names.insert(e.path().filename().string());
+    return names;
+}
+
+}  // namespace
+
+// Save As from two vesk processes at once onto one file, and a folder that
+// is removed, made read-only or fills up while a save is under way: the file
+// is always one save's complete grid or the old one, nothing is left beside
+// it, and the event log says which file and why.
+TEST_F(Vesk, SaveAsRacesAndFailingFoldersKeepWholeFiles)
+{
+    const fs::path dir = TempDir("save_as");
+    const auto makeGrid = [&](const std::string& name, const char* size) {
+        const QString path = QString::fromStdString((dir / name).string());
+        EXPECT_EQ(QProcess::execute(KAGRID_EXE, {"nearest-neighbor", kSample, path, "-q", "--size", size}), 0);
+        return path;
+    };
+    const QString gridA = makeGrid("a.tif", "20,30"), gridB = makeGrid("b.tif", "25,35"),
+                  old = makeGrid("old.tif", "3,2");
+    const std::vector<std::string> phases = SecondVeskCheckpoints(gridA, QString::fromStdString((dir / "probe.tif").string()));
+    const auto at = [&](const std::string& phase) {
+        const auto it = std::find(phases.begin(), phases.end(), phase);
+        EXPECT_NE(it, phases.end()) << phase;
+        return static_cast<int>(it - phases.begin()) + 1;
+    };
+    const int tempMade = at("write: temporary folder made"), beforeCommit = at("write: read back");
+    ASSERT_LT(tempMade, beforeCommit);
+    const auto columns = [](const fs::path& p) { return ReadRasterSurface(p.string())->GetSurfaceObjInfo().columnCount; };
+
+    // Two saves at once: the second vesk has written its file when this one
+    // saves over the same name; it renames last, so its grid is the file.
+    {
+        const fs::path out = dir / "race/out.tif";
+        fs::create_directories(out.parent_path());
+        fs::copy_file(old.toStdString(), out);
+        SecondVesk a(gridA, QString::fromStdString(out.string()), beforeCommit, (dir / "pause").string());
+        const int fd = a.WaitPaused();
+        auto* b = window->OpenFile(gridB);
+        ASSERT_NE(b, nullptr);
+        ASSERT_TRUE(window->SaveSurface(b, QString::fromStdString(out.string())));
+        EXPECT_EQ(columns(out), 25u);
+        EXPECT_EQ(Names(out.parent_path()).size(), 2u) << "the file and the other save's temporary folder";
+        SecondVesk::Release(fd);
+        EXPECT_NE(a.Finish().find("child: saved 1"), std::string::npos);
+        EXPECT_EQ(columns(out), 20u);
+        EXPECT_EQ(Names(out.parent_path()), std::set<std::string>{"out.tif"});
+    }
+
+    // The folder fails while the second vesk saves into it.
+    const fs::path mnt = dir / "mnt";
+    fs::create_directories(mnt);
+    const bool tmpfs = mount("tmpfs", mnt.c_str(), "tmpfs", 0, "size=256k") == 0;
+    struct Unmount {
+        bool mounted;
+        std::string at;
+        ~Unmount() { if (mounted) umount2(at.c_str(), MNT_DETACH); }
+    } unmount{tmpfs, mnt.string()};
+    const bool root = geteuid() == 0;
+    const std::string filler = (mnt / "filler").string();
+    struct Case {
+        const char* name;
+        int pauseAt;
+        std::function<bool()> fail;  // false when the case cannot be made here
+        std::function<void()> heal;
+        const char* said;
+    };
+    const std::vector<Case> cases{
+        {"removed before the rename", beforeCommit, [&] { fs::remove_all(mnt / "sub"); return true; }, [] {},
+         "out.tif: cannot rename the finished file into place: No such file or directory"},
+        {"read-only before the rename", beforeCommit,
+         [&] {
+             if (tmpfs) return mount("tmpfs", mnt.c_str(), "tmpfs", MS_REMOUNT | MS_RDONLY, "size=256k") == 0;
+             fs::permissions(mnt / "sub", fs::perms::owner_write, fs::perm_options::remove);
+             return !root;  // root writes into a read-only folder all the same
+         },
+         [&] {
+             if (tmpfs) EXPECT_EQ(mount("tmpfs", mnt.c_str(), "tmpfs", MS_REMOUNT, "size=256k"), 0);
+             fs::permissions(mnt / "sub", fs::perms::owner_write, fs::perm_options::add);
+         },
+         tmpfs ? "out.tif: cannot rename the finished file into place: Read-only file system"
+               : "out.tif: cannot rename the finished file into place: Permission denied"},
+        {"full while the grid is written", tempMade,
+         [&] {
+             if (!tmpfs) return false;
+             std::ofstream fill(filler, std::ios::binary);
+             const std::string block(4096, 'f');
+             while (fill.write(block.data(), block.size())) {
+             }
+             return true;
+         },
+         [&] { fs::remove(filler); }, "out.tif: "},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        const fs::path sub = mnt / "sub", out = sub / "out.tif";
+        fs::remove_all(sub);
+        fs::create_directories(sub);
+        fs::copy_file(old.toStdString(), out, fs::copy_options::overwrite_existing);
+        const std::string before = Bytes(out);
+        // After the failed save the second vesk waits, then saves once more
+        // into the healed folder.
+        const std::string then = (dir / "then").string();
+        fs::remove(then);
+        ASSERT_EQ(mkfifo(then.c_str(), 0600), 0);
+        SecondVesk a(gridA, QString::fromStdString(out.string()), c.pauseAt, (dir / "pause").string(), then);
+        const int fd = a.WaitPaused();
+        const bool made = c.fail();
+        SecondVesk::Release(fd);
+        // The FIFO's other end opens once the failed save is over.
+        const int again = open(then.c_str(), O_WRONLY);
+        if (made && !fs::exists(sub)) {
+            EXPECT_TRUE(fs::is_empty(mnt));
+        } else if (made) {
+            EXPECT_EQ(Bytes(out), before) << "the old file";
+        }
+        c.heal();
+        fs::create_directories(sub);
+        SecondVesk::Release(again);
+        const std::string said = a.Finish();
+        if (!made) {
+            std::printf("%s: not made here (%s)\n", c.name, root ? "root ignores permissions and no tmpfs" : "no tmpfs");
+            continue;
+        }
+        // The second save lands whole, and the first's leftovers are gone.
+        EXPECT_EQ(columns(out), 20u);
+        EXPECT_EQ(Names(sub), std::set<std::string>{"out.tif"});
+        EXPECT_NE(said.find("child: saved 0"), std::string::npos) << said;
+        EXPECT_NE(said.find("child: log 3 error Cannot save out.tif: " + (mnt / "sub").string() + "/" + c.said),
+                  std::string::npos)
+            << said;
+    }
+}
