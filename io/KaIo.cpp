@@ -1,6 +1,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
@@ -14,11 +15,21 @@
 
 namespace fs = std::filesystem;
 
+namespace {
+std::atomic<bool> g_embedded{false};
+}  // namespace
+
+void KaIoEmbedded() { g_embedded = true; }
+
+KaQuietGdal::KaQuietGdal() { CPLPushErrorHandler(CPLQuietErrorHandler); }
+KaQuietGdal::~KaQuietGdal() { CPLPopErrorHandler(); }
+
 void KaIoInit()
 {
     static std::once_flag once;
     std::call_once(once, [] {
         GDALAllRegister();
+        if (g_embedded) return;
         // GDAL's own warnings would clutter kagrid's output; failures that
         // matter are caught per call and reported as KaIoError.
         CPLSetErrorHandler(CPLQuietErrorHandler);

@@ -11,6 +11,17 @@
 // back as KaIoError instead). Every function here calls it; calling it again
 // does nothing.
 void KaIoInit();
+// For a library inside someone else's program, called before any other io
+// function: KaIoInit then registers the drivers only, leaving the process's
+// GDAL error handler and block cache to the program; the library silences
+// GDAL on its own calls' threads with a KaQuietGdal each.
+void KaIoEmbedded();
+struct KaQuietGdal {
+    KaQuietGdal();
+    ~KaQuietGdal();
+    KaQuietGdal(const KaQuietGdal&) = delete;
+    KaQuietGdal& operator=(const KaQuietGdal&) = delete;
+};
 
 // Reads band 1 of a raster as a surface named after the file's stem. The
 // band's nodata value becomes the surface's invalid value (1.70141e38 when it

@@ -47,8 +47,11 @@ auto Guarded(Error::Kind ioKind, F&& f) -> decltype(f())
     // The job's own log lines (an allocation failure) come back as the Error
     // instead. The library holds its own copy of the log: the caller's
     // process is not affected.
-    static const bool quiet = (SetEventsLogSink([](int, const std::string&) {}), true);
+    // GDAL's settings stay the program's: its drivers are registered, its
+    // messages are silenced on this call's thread only.
+    static const bool quiet = (SetEventsLogSink([](int, const std::string&) {}), KaIoEmbedded(), true);
     (void)quiet;
+    const KaQuietGdal gdal;
     try {
         return f();
     } catch (const Error&) {

@@ -13,6 +13,9 @@
 #include <sstream>
 #include <string>
 
+#include <cpl_conv.h>
+#include <cpl_error.h>
+
 #include "io/KaRasterIo.h"
 #include "kagrid/kagrid.h"
 
@@ -51,6 +54,27 @@ std::string SetArgs(const Case& c)
 }
 
 }  // namespace
+
+// The library leaves GDAL's process-wide settings to the program that loads
+// it: the program's error handler stays in place (GDAL's complaints during a
+// library call are silenced on that call's thread only), and no block cache
+// size is set. (ctest runs each test in a process of its own.)
+TEST(Library, LeavesTheProgramsGdalSettingsAlone)
+{
+    static int seen = 0;
+    CPLSetErrorHandler([](CPLErr, CPLErrorNum, const char*) { ++seen; });
+    const bool cacheGiven = CPLGetConfigOption("GDAL_CACHEMAX", nullptr) != nullptr;
+    TempDir dir;
+    std::ofstream(dir.path / "bad.gpkg") << "not a GeoPackage";
+    EXPECT_THROW(kagrid::readPoints((dir.path / "bad.gpkg").string()), kagrid::Error);
+    const kagrid::Points points = kagrid::readPoints(kInput);
+    const kagrid::Grid grid = kagrid::grid(kagrid::Record::make("nearest-neighbor", points.view()), points.view());
+    kagrid::writeRaster(grid, (dir.path / "g.tif").string());
+    EXPECT_EQ(seen, 0);
+    CPLError(CE_Warning, CPLE_AppDefined, "the program's own");
+    EXPECT_EQ(seen, 1);
+    EXPECT_EQ(CPLGetConfigOption("GDAL_CACHEMAX", nullptr) != nullptr, cacheGiven);
+}
 
 TEST(Library, GridIsKagridsFileAndPredictAtNodesIsTheGrid)
 {
