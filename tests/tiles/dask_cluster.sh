@@ -2,10 +2,10 @@
 # A real Dask cluster on 127.0.0.1: a scheduler and two worker processes
 # (no nanny, so a killed worker stays dead), started here and stopped at the
 # end. Runs kagrid-dask over the plan in WORKDIR/plan, kills the worker that
-# runs the first tile while that tile's process is running, and checks that
-# the tile was run again elsewhere. Then merges into WORKDIR/mosaic.vrt.
-# The first tile's process never ends by itself, so the kill always lands
-# mid-tile; with a real tile that could finish first, the check was a coin toss.
+# runs tile 0 while that tile's process is running, and checks that the tile
+# was run again elsewhere. Then merges into WORKDIR/mosaic.vrt. Tile 0's first
+# process never ends by itself, so the kill always lands mid-tile; with a real
+# tile that could finish first, the check was a coin toss.
 # usage: dask_cluster.sh KAGRID RUNNER WORKDIR
 set -euo pipefail
 kagrid=$1 runner=$2 work=$3
@@ -31,18 +31,19 @@ for w in 1 2; do
 done
 $py -c "from distributed import Client; c = Client('tcp://127.0.0.1:$port', timeout=60); c.wait_for_workers(2, timeout=60); c.close()"
 
-printf '#!/usr/bin/env bash\nif mkdir "%s/first-tile" 2>/dev/null; then exec sleep 600; fi\nexec "%s" "$@"\n' \
+# Tile 0's first run hangs (kagrid tile PLANDIR INDEX ...); its run elsewhere is real.
+printf '#!/usr/bin/env bash\nif [ "$3" = 0 ] && mkdir "%s/first-tile" 2>/dev/null; then exec sleep 600; fi\nexec "%s" "$@"\n' \
   "$work" "$kagrid" > hang-first.sh
 chmod +x hang-first.sh
 "$runner" plan --scheduler "tcp://127.0.0.1:$port" --kagrid "$work/hang-first.sh" --log "$work/tiles.log" --retries 3 -q &
 run=$!
 pids+=($run)
-# The first tile started on a worker: freeze that worker, kill the tile's
-# process and then the worker itself.
+# The worker that started tile 0: freeze it, kill the tile's process and then
+# the worker itself.
 victim='' tile=''
 for _ in $(seq 600); do
   if [ -s tiles.log ]; then
-    read -r _ tile _ victim < <(grep '^start' tiles.log | head -1)
+    read -r _ tile _ victim < <(grep '^start 0 ' tiles.log | head -1)
     if pgrep -P "$victim" > /dev/null; then break; fi
   fi
   sleep 0.05
