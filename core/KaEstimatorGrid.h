@@ -22,7 +22,8 @@ struct KaEstimatorWorkspace {
 // Two ways to estimate: EstimateAt(x, y) with the estimator's own workspace
 // (one caller at a time), or, once prepared, EstimateAt(workspace, x, y), which
 // only reads the estimator: any number of threads share it, each with a
-// workspace of its own (KaThreadEstimators sets that up).
+// workspace of its own (KaThreadEstimators sets that up). Methods that make no
+// workspace keep their scratch in members and go to threads as copies.
 class KaEstimatorGrid {
 public:
     virtual ~KaEstimatorGrid() = default;  // deletes the record, never the samples
@@ -42,8 +43,9 @@ public:
     virtual std::unique_ptr<KaEstimatorWorkspace> MakeWorkspace() const { return nullptr; }
     // As EstimateAt(x, y), with every per-node array, and the node's standard
     // deviation, in `workspace` (from this estimator's MakeWorkspace). Reads
-    // the estimator only; the result does not depend on what the workspace
-    // held before.
+    // the estimator only; the result does not depend on the nodes the
+    // workspace estimated before (only on the sample it leaves out, see
+    // KaEstGridSearcher::ExcludeSample).
     double EstimateAt(KaEstimatorWorkspace& workspace, double x, double y) const;
     // The method's estimate with a workspace; throws std::logic_error for a
     // method without one.
@@ -62,7 +64,8 @@ public:
     // search grid), and has its own per-node working storage. Null when the
     // method cannot be split over threads; the job then runs on one.
     // Called on the job's thread between preparation and estimation; the
-    // shared parts must not change while the copies estimate.
+    // shared parts must not change while the copies estimate. The runs use
+    // copies only for methods that make no workspace.
     virtual std::unique_ptr<KaEstimatorGrid> CloneForThread() const { return nullptr; }
 
     // Whether the row-by-row job can grid with this estimator and its record:

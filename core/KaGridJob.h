@@ -84,7 +84,7 @@ public:
     // single-threaded run, 0 means one per core. Whatever the count, the grid,
     // the messages and the progress sequence are the same, and the observer is
     // called on the thread that runs the job only. Methods whose estimator
-    // cannot be copied per thread run on one.
+    // makes no workspace and cannot be copied per thread run on one.
     void SetThreadCount(unsigned count) { threads_ = count; }
     unsigned ThreadCount() const { return threads_; }
     // The count that a setting of 0 stands for: the cores of the machine.
