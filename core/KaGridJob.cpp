@@ -123,16 +123,7 @@ bool KaGridJob::EstimateSurface(KaSurface* surface)
     searcher->SetSampleList(samples_.get());
     Progress(0, KaProgressId::Estimating);
 
-    std::vector<std::unique_ptr<KaEstimatorGrid>> copies;
-    for (unsigned t = 1; t < threads; ++t) {
-        copies.push_back(searcher->CloneForThread());
-        if (!copies.back()) {
-            copies.clear();
-            break;
-        }
-    }
-    std::vector<KaEstimatorGrid*> workers{searcher};
-    for (auto& c : copies) workers.push_back(c.get());
+    KaThreadEstimators workers(*searcher, threads);
     double zMin = kKaMaxDouble, zMax = -kKaMaxDouble;
     EstimateRows(workers, p, matrix, withStdDev ? sd.data : nullptr, zMin, zMax);
     SetSurfaceLimits(*surface, zMin, zMax);
@@ -174,21 +165,21 @@ namespace {
 // With `sdRow`, each non-blank node's standard deviation, when it has one.
 // The range is kept in locals and stored once: the rows of other threads keep
 // theirs in the same cache line.
-void EstimateRow(KaEstimatorGrid& e, const KaEstimatorGridParam& p, uint32_t r, uint32_t cols, double* row,
-                 double* sdRow, double& zMinOut, double& zMaxOut)
+void EstimateRow(KaThreadEstimators& e, unsigned w, const KaEstimatorGridParam& p, uint32_t r, uint32_t cols,
+                 double* row, double* sdRow, double& zMinOut, double& zMaxOut)
 {
     const double dx = p.GetDx(), dy = p.GetDy(), blank = p.blankValue;
     const double y = dy * r + p.yMin;
     double zMin = zMinOut, zMax = zMaxOut;
     for (uint32_t c = 0; c < cols; ++c) {
-        const double v = e.EstimateAt(c * dx + p.xMin, y);
+        const double v = e.EstimateAt(w, c * dx + p.xMin, y);
         if (KaHasValue(v, blank)) {
             zMax = std::max(zMax, v);
             zMin = std::min(zMin, v);
         }
         row[c] = v;
         if (sdRow) {
-            const double s = e.NodeStdDev();
+            const double s = e.NodeStdDev(w);
             if (KaHasValue(v, blank) && !std::isnan(s)) sdRow[c] = s;
         }
     }
@@ -198,20 +189,20 @@ void EstimateRow(KaEstimatorGrid& e, const KaEstimatorGridParam& p, uint32_t r, 
 
 }  // namespace
 
-// Every row from the estimator of the worker that takes it (its own
-// workspace); the z range is kept per row and folded in row order afterwards,
-// which gives the extremes of one loop over the grid, bit for bit.
-void KaGridJob::EstimateRows(const std::vector<KaEstimatorGrid*>& workers, const KaEstimatorGridParam& p,
-                             KaTDataMatrix2D<double>& m, double* sd, double& zMin, double& zMax)
+// Every row by the worker that takes it (its own workspace); the z range is
+// kept per row and folded in row order afterwards, which gives the extremes of
+// one loop over the grid, bit for bit.
+void KaGridJob::EstimateRows(KaThreadEstimators& workers, const KaEstimatorGridParam& p, KaTDataMatrix2D<double>& m,
+                             double* sd, double& zMin, double& zMax)
 {
     const uint32_t rows = m.rowCount, cols = m.columnCount;
     std::vector<double> rowMin(rows, kKaMaxDouble), rowMax(rows, -kKaMaxDouble);
     int lastPercent = -1;
     KaRunItems(
-        rows, static_cast<unsigned>(workers.size()),
+        rows, workers.Count(),
         [&](unsigned w, uint64_t r) {
             const std::size_t at = static_cast<std::size_t>(r) * cols;
-            EstimateRow(*workers[w], p, static_cast<uint32_t>(r), cols, m.data + at, sd ? sd + at : nullptr,
+            EstimateRow(workers, w, p, static_cast<uint32_t>(r), cols, m.data + at, sd ? sd + at : nullptr,
                         rowMin[r], rowMax[r]);
         },
         [&](uint64_t r) {

@@ -84,7 +84,7 @@ public:
     // single-threaded run, 0 means one per core. Whatever the count, the grid,
     // the messages and the progress sequence are the same, and the observer is
     // called on the thread that runs the job only. Methods whose estimator
-    // cannot be copied per thread run on one.
+    // makes no workspace and cannot be copied per thread run on one.
     void SetThreadCount(unsigned count) { threads_ = count; }
     unsigned ThreadCount() const { return threads_; }
     // The count that a setting of 0 stands for: the cores of the machine.
@@ -128,10 +128,9 @@ protected:
     // Progress at the start of row r, at most once per whole percent.
     void RowPercent(uint32_t r, uint32_t rows, int& lastPercent);
     // `sd`, when not null, receives the standard deviation of each node, laid
-    // out like `m`; every row's values come from the estimator of that row.
-    // `workers`: one estimator per thread, the first the job's own.
-    void EstimateRows(const std::vector<KaEstimatorGrid*>& workers, const KaEstimatorGridParam& p,
-                      KaTDataMatrix2D<double>& m, double* sd, double& zMin, double& zMax);
+    // out like `m`; every row's values come from the worker of that row.
+    void EstimateRows(KaThreadEstimators& workers, const KaEstimatorGridParam& p, KaTDataMatrix2D<double>& m,
+                      double* sd, double& zMin, double& zMax);
     // Threads to use for `rows` rows: the setting, 0 resolved, at most one per row.
     unsigned ThreadsFor(uint64_t rows) const;
 

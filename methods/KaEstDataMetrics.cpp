@@ -107,11 +107,21 @@ void KaEstDataMetricsParam::VisitFields(KaFieldVisitor& v)
              KaField("the statistic of the neighbours given to each node").Choices(kDescriptions));
 }
 
-double KaEstDataMetrics::EstimateNode(double x, double y)
+struct KaEstDataMetrics::Workspace : KaSearcherWorkspace {
+    std::vector<double> values;
+};
+
+std::unique_ptr<KaEstimatorWorkspace> KaEstDataMetrics::MakeWorkspace() const
 {
+    return std::make_unique<Workspace>();
+}
+
+double KaEstDataMetrics::EstimateNode(KaEstimatorWorkspace& workspace, double x, double y) const
+{
+    auto& w = static_cast<Workspace&>(workspace);
     // A sample on the node counts like any other: no coincidence shortcut.
-    if (!GetSampleList() || !Search(x, y, Neighbours(), false)) return BlankValue();
-    return Metric(Neighbours(), x, y);
+    if (!GetSampleList() || !Search(w.node, x, y, w.node.neighbours, false)) return BlankValue();
+    return Metric(w.values, w.node.neighbours, x, y);
 }
 
 void KaEstDataMetrics::SetParam(std::unique_ptr<KaEstimatorGridParam> param)
@@ -121,6 +131,12 @@ void KaEstDataMetrics::SetParam(std::unique_ptr<KaEstimatorGridParam> param)
 }
 
 double KaEstDataMetrics::Metric(const KaNeighbours& neighbours, double x, double y)
+{
+    return Metric(static_cast<Workspace&>(OwnWorkspace()).values, neighbours, x, y);
+}
+
+double KaEstDataMetrics::Metric(std::vector<double>& values, const KaNeighbours& neighbours, double x,
+                                double y) const
 {
     const KaEstDataMetricsParam* p = metricsParam_;
     if (!p) return BlankValue();
@@ -134,50 +150,50 @@ double KaEstDataMetrics::Metric(const KaNeighbours& neighbours, double x, double
         return area > 0 ? n / area : blank;
     }
 
-    values_.clear();
+    values.clear();
     if (IsDistanceMetric(m)) {
         for (const Ka3DPoint& s : neighbours)
-            values_.push_back(std::sqrt((s.x - x) * (s.x - x) + (s.y - y) * (s.y - y)));
+            values.push_back(std::sqrt((s.x - x) * (s.x - x) + (s.y - y) * (s.y - y)));
     } else {
-        for (const Ka3DPoint& s : neighbours) values_.push_back(s.z);
+        for (const Ka3DPoint& s : neighbours) values.push_back(s.z);
     }
-    if (m == kMetricSum) return Sum(values_);
-    if (values_.empty()) return blank;
+    if (m == kMetricSum) return Sum(values);
+    if (values.empty()) return blank;
 
     switch (m) {
     case kMetricMinimum:
     case kMetricNearest:
-        return *std::min_element(values_.begin(), values_.end());
+        return *std::min_element(values.begin(), values.end());
     case kMetricMaximum:
     case kMetricFarthest:
-        return *std::max_element(values_.begin(), values_.end());
+        return *std::max_element(values.begin(), values.end());
     case kMetricRange:
     case kMetricMidrange: {
-        const auto [lo, hi] = std::minmax_element(values_.begin(), values_.end());
+        const auto [lo, hi] = std::minmax_element(values.begin(), values.end());
         return m == kMetricRange ? *hi - *lo : 0.5 * (*lo + *hi);
     }
     case kMetricMean:
     case kMetricAverageDistance:
-        return Sum(values_) / n;
+        return Sum(values) / n;
     case kMetricVariance:
-        return Variance(values_);
+        return Variance(values);
     case kMetricStandardDeviation:
-        return std::sqrt(Variance(values_));
+        return std::sqrt(Variance(values));
     case kMetricCoefficientOfVariation: {
-        const double mean = Sum(values_) / n;
-        return mean == 0 ? blank : std::sqrt(Variance(values_)) / mean;
+        const double mean = Sum(values) / n;
+        return mean == 0 ? blank : std::sqrt(Variance(values)) / mean;
     }
     default:
         break;
     }
 
-    std::sort(values_.begin(), values_.end());
+    std::sort(values.begin(), values.end());
     switch (m) {
-    case kMetricLowerQuartile: return Quantile(values_, 0.25);
+    case kMetricLowerQuartile: return Quantile(values, 0.25);
     case kMetricMedian:
-    case kMetricMedianDistance: return Quantile(values_, 0.5);
-    case kMetricUpperQuartile: return Quantile(values_, 0.75);
-    case kMetricInterquartileRange: return Quantile(values_, 0.75) - Quantile(values_, 0.25);
+    case kMetricMedianDistance: return Quantile(values, 0.5);
+    case kMetricUpperQuartile: return Quantile(values, 0.75);
+    case kMetricInterquartileRange: return Quantile(values, 0.75) - Quantile(values, 0.25);
     default: return blank;
     }
 }

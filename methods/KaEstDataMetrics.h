@@ -63,13 +63,17 @@ public:
 class KaEstDataMetrics : public KaEstGridSearcher {
 public:
     void SetParam(std::unique_ptr<KaEstimatorGridParam> param) override;
-    double EstimateNode(double x, double y) override;
+    using KaEstGridSearcher::EstimateNode;
+    double EstimateNode(KaEstimatorWorkspace& workspace, double x, double y) const override;
+    std::unique_ptr<KaEstimatorWorkspace> MakeWorkspace() const override;
     KA_CLONE_FOR_THREAD(KaEstDataMetrics)
 
     // The statistic of `neighbours` around (x, y) under the current record.
     double Metric(const KaNeighbours& neighbours, double x, double y);
+    // The same with `values` as scratch.
+    double Metric(std::vector<double>& values, const KaNeighbours& neighbours, double x, double y) const;
 
 private:
+    struct Workspace;
     const KaEstDataMetricsParam* metricsParam_ = nullptr;  // the record, when of this kind
-    std::vector<double> values_;
 };

@@ -20,14 +20,15 @@ void KaEstInverseDistance::SetParam(std::unique_ptr<KaEstimatorGridParam> param)
     idwParam_ = dynamic_cast<const KaEstInverseDistanceParam*>(GetParam());
 }
 
-double KaEstInverseDistance::EstimateNode(double x, double y)
+double KaEstInverseDistance::EstimateNode(KaEstimatorWorkspace& workspace, double x, double y) const
 {
+    KaNodeWorkspace& node = static_cast<KaSearcherWorkspace&>(workspace).node;
     double v;
-    if (SearchOrDecide(x, y, Neighbours(), v)) return v;
-    return WeightedAverage(Neighbours(), x, y);
+    if (SearchOrDecide(node, x, y, v)) return v;
+    return WeightedAverage(node.neighbours, x, y);
 }
 
-double KaEstInverseDistance::WeightedAverage(const KaNeighbours& samples, double x, double y)
+double KaEstInverseDistance::WeightedAverage(const KaNeighbours& samples, double x, double y) const
 {
     const KaEstInverseDistanceParam* p = idwParam_;
     if (!p) return BlankValue();

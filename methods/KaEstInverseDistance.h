@@ -20,10 +20,11 @@ public:
 class KaEstInverseDistance : public KaEstGridSearcher {
 public:
     void SetParam(std::unique_ptr<KaEstimatorGridParam> param) override;
-    double EstimateNode(double x, double y) override;
+    using KaEstGridSearcher::EstimateNode;
+    double EstimateNode(KaEstimatorWorkspace& workspace, double x, double y) const override;
     KA_CLONE_FOR_THREAD(KaEstInverseDistance)
     // The weighted mean of `samples` at (x, y); blank when the weights vanish.
-    virtual double WeightedAverage(const KaNeighbours& samples, double x, double y);
+    double WeightedAverage(const KaNeighbours& samples, double x, double y) const;
 
 protected:
     const KaEstInverseDistanceParam* idwParam_ = nullptr;  // the record, when of this kind

@@ -135,35 +135,45 @@ void KaEstKrig::SetParam(std::unique_ptr<KaEstimatorGridParam> param)
     if (krigParam_ && krigParam_->variogram) krigParam_->variogram->Evaluate(0.0, 0.0, 0.0);
 }
 
-double KaEstKrig::EstimateNode(double x, double y)
+std::unique_ptr<KaEstimatorWorkspace> KaEstKrig::MakeWorkspace() const { return std::make_unique<Workspace>(); }
+
+double KaEstKrig::KrigingVariance() const
 {
+    const auto* own = static_cast<const Workspace*>(OwnWorkspaceIfAny());
+    return own ? own->krigingVariance : 1.0;
+}
+
+double KaEstKrig::EstimateNode(KaEstimatorWorkspace& workspace, double x, double y) const
+{
+    auto& w = static_cast<Workspace&>(workspace);
+    const KaNeighbours& nb = w.node.neighbours;
     double value;
     bool onSample;
-    if (SearchOrDecide(x, y, Neighbours(), value, &onSample)) {
-        if (onSample) nodeStdDev_ = 0.0;  // a sample on the node has no estimation error
+    if (SearchOrDecide(w.node, x, y, value, &onSample)) {
+        if (onSample) w.stdDev = 0.0;  // a sample on the node has no estimation error
         return value;
     }
     const KaEstKrigParam* p = krigParam_;
     if (!p || !p->variogram) return BlankValue();
 
-    krigingVariance_ = p->blankValue;
-    if (p->drift != kKaDriftNone) return EstimateWithDrift(*p, x, y);
-    count_ = static_cast<int32_t>(Neighbours().size());
-    order_ = count_ + (p->krigType == 1 ? 1 : 0);
-    if (!BuildMatrix(*p, Neighbours())) return p->blankValue;
-    BuildRightHandSide(*p, x, y, Neighbours());
+    w.krigingVariance = p->blankValue;
+    if (p->drift != kKaDriftNone) return EstimateWithDrift(*p, x, y, w);
+    w.count = static_cast<int32_t>(nb.size());
+    w.order = w.count + (p->krigType == 1 ? 1 : 0);
+    if (!BuildMatrix(*p, nb, w)) return p->blankValue;
+    BuildRightHandSide(*p, x, y, nb, w);
     // The solution alone: the per-node inverse is never read.
-    if (GaussJordanSolution(matrix_.data(), order_, weights_.data()) == 0) return p->blankValue;
-    return Combine(*p, Neighbours());
+    if (GaussJordanSolution(w.matrix.data(), w.order, w.weights.data()) == 0) return p->blankValue;
+    return Combine(*p, nb, w);
 }
 
-bool KaEstKrig::BuildMatrix(const KaEstKrigParam& p, const KaNeighbours& nb)
+bool KaEstKrig::BuildMatrix(const KaEstKrigParam& p, const KaNeighbours& nb, Workspace& w) const
 {
-    const int32_t n = order_, m = count_;
+    const int32_t n = w.order, m = w.count;
     if (n < 1) return false;
     const std::size_t stride = static_cast<std::size_t>(n);
-    matrix_.resize(stride * stride);
-    double* a = matrix_.data();
+    w.matrix.resize(stride * stride);
+    double* a = w.matrix.data();
     if (p.krigType == 1) {
         for (int32_t k = 0; k < n; ++k) {
             a[(stride - 1) * stride + k] = 1.0;
@@ -188,48 +198,49 @@ bool KaEstKrig::BuildMatrix(const KaEstKrigParam& p, const KaNeighbours& nb)
     return true;
 }
 
-bool KaEstKrig::BuildRightHandSide(const KaEstKrigParam& p, double x, double y, const KaNeighbours& nb)
+bool KaEstKrig::BuildRightHandSide(const KaEstKrigParam& p, double x, double y, const KaNeighbours& nb,
+                                   Workspace& w) const
 {
-    const std::size_t n = static_cast<std::size_t>(order_);
-    rhs_.resize(n);
-    weights_.resize(n);
+    const std::size_t n = static_cast<std::size_t>(w.order);
+    w.rhs.resize(n);
+    w.weights.resize(n);
     if (p.krigType == 1) {
-        rhs_[count_] = 1.0;
-        weights_[count_] = 1.0;
+        w.rhs[w.count] = 1.0;
+        w.weights[w.count] = 1.0;
     }
-    for (int32_t j = 0; j < count_; ++j) {
+    for (int32_t j = 0; j < w.count; ++j) {
         const double v = Gamma(p, x - nb[j].x, y - nb[j].y);
-        rhs_[j] = v;
-        weights_[j] = v;
+        w.rhs[j] = v;
+        w.weights[j] = v;
     }
     return true;
 }
 
-double KaEstKrig::Combine(const KaEstKrigParam& p, const KaNeighbours& nb)
+double KaEstKrig::Combine(const KaEstKrigParam& p, const KaNeighbours& nb, Workspace& w) const
 {
-    krigingVariance_ = Gamma(p, 0.0, 0.0);
+    w.krigingVariance = Gamma(p, 0.0, 0.0);
     double estimate = 0.0;
     // The estimation variance of the system as solved, sum w g0 + mu (mu only
     // for ordinary kriging), for the standard-deviation surface.
     double variance = 0.0, magnitude = 0.0;
-    for (int32_t j = 0; j < count_; ++j) {
-        estimate += nb[j].z * weights_[j];
-        krigingVariance_ -= rhs_[j] * weights_[j];
-        variance += rhs_[j] * weights_[j];
-        magnitude += std::fabs(rhs_[j] * weights_[j]);
+    for (int32_t j = 0; j < w.count; ++j) {
+        estimate += nb[j].z * w.weights[j];
+        w.krigingVariance -= w.rhs[j] * w.weights[j];
+        variance += w.rhs[j] * w.weights[j];
+        magnitude += std::fabs(w.rhs[j] * w.weights[j]);
     }
     if (p.krigType == 1) {
-        krigingVariance_ -= weights_[count_];  // the Lagrange multiplier
-        variance += weights_[count_];
-        magnitude += std::fabs(weights_[count_]);
+        w.krigingVariance -= w.weights[w.count];  // the Lagrange multiplier
+        variance += w.weights[w.count];
+        magnitude += std::fabs(w.weights[w.count]);
     }
-    nodeStdDev_ = KaStdDevFromVariance(variance, magnitude);
+    w.stdDev = KaStdDevFromVariance(variance, magnitude);
     return estimate;
 }
 
-double KaEstKrig::EstimateWithDrift(const KaEstKrigParam& p, double x, double y)
+double KaEstKrig::EstimateWithDrift(const KaEstKrigParam& p, double x, double y, Workspace& w) const
 {
-    const KaNeighbours& nb = Neighbours();
+    const KaNeighbours& nb = w.node.neighbours;
     const int32_t m = static_cast<int32_t>(nb.size());
     const KaDriftValues* values = p.drift == kKaDriftExternal ? p.driftValues.get() : nullptr;
     if (p.drift == kKaDriftExternal && !values) return p.blankValue;  // no values attached
@@ -240,8 +251,8 @@ double KaEstKrig::EstimateWithDrift(const KaEstKrigParam& p, double x, double y)
     // External values: the node's, each neighbour's, and the spread about
     // the node's that scales them.
     const std::size_t uk = k;
-    driftWork_.resize(static_cast<std::size_t>(m) * uk + 2 * uk + static_cast<std::size_t>(terms));
-    double* ext = driftWork_.data();
+    w.driftWork.resize(static_cast<std::size_t>(m) * uk + 2 * uk + static_cast<std::size_t>(terms));
+    double* ext = w.driftWork.data();
     double* extScale = ext + static_cast<std::size_t>(m) * uk;
     const double* ext0 = nullptr;
     if (values) {
@@ -269,10 +280,10 @@ double KaEstKrig::EstimateWithDrift(const KaEstKrigParam& p, double x, double y)
     // [G F; F' 0] [w; mu] = [g0; f0]
     const int32_t n = m + terms;
     const std::size_t stride = static_cast<std::size_t>(n);
-    matrix_.assign(stride * stride, 0.0);
-    rhs_.resize(stride);
-    weights_.resize(stride);
-    double* a = matrix_.data();
+    w.matrix.assign(stride * stride, 0.0);
+    w.rhs.resize(stride);
+    w.weights.resize(stride);
+    double* a = w.matrix.data();
     for (int32_t j = 0; j < m; ++j) {
         const Ka3DPoint& pj = nb[j];
         for (int32_t i = 0; i < j; ++i) {
@@ -286,26 +297,26 @@ double KaEstKrig::EstimateWithDrift(const KaEstKrigParam& p, double x, double y)
             a[j * stride + (m + t)] = f[t];
             a[(m + t) * stride + j] = f[t];
         }
-        rhs_[j] = weights_[j] = Gamma(p, x - pj.x, y - pj.y);
+        w.rhs[j] = w.weights[j] = Gamma(p, x - pj.x, y - pj.y);
     }
     // At the node itself the centred functions are 1, 0, 0, ...
     KaDriftFunctions(p.drift, x, y, x, y, scale, ext0, ext0, extScale, k, f);
-    for (int32_t t = 0; t < terms; ++t) rhs_[m + t] = weights_[m + t] = f[t];
-    if (GaussJordanSolution(a, n, weights_.data()) == 0) return p.blankValue;
+    for (int32_t t = 0; t < terms; ++t) w.rhs[m + t] = w.weights[m + t] = f[t];
+    if (GaussJordanSolution(a, n, w.weights.data()) == 0) return p.blankValue;
 
     double estimate = 0.0, variance = 0.0, magnitude = 0.0;
     for (int32_t j = 0; j < m; ++j) {
-        estimate += nb[j].z * weights_[j];
-        const double t = rhs_[j] * weights_[j];
+        estimate += nb[j].z * w.weights[j];
+        const double t = w.rhs[j] * w.weights[j];
         variance += t;
         magnitude += std::fabs(t);
     }
     for (int32_t t = 0; t < terms; ++t) {
-        const double v = rhs_[m + t] * weights_[m + t];
+        const double v = w.rhs[m + t] * w.weights[m + t];
         variance += v;
         magnitude += std::fabs(v);
     }
-    krigingVariance_ = variance;
-    nodeStdDev_ = KaStdDevFromVariance(variance, magnitude);
+    w.krigingVariance = variance;
+    w.stdDev = KaStdDevFromVariance(variance, magnitude);
     return estimate;
 }

@@ -56,20 +56,34 @@ public:
     // Also builds the variogram components' anisotropy transforms, which from
     // then on are only read.
     void SetParam(std::unique_ptr<KaEstimatorGridParam> param) override;
-    double EstimateNode(double x, double y) override;
+    using KaEstGridSearcher::EstimateNode;
+    double EstimateNode(KaEstimatorWorkspace& workspace, double x, double y) const override;
+    std::unique_ptr<KaEstimatorWorkspace> MakeWorkspace() const override;
     KA_CLONE_FOR_THREAD(KaEstKrig)
     bool FormsStdDev() const override { return true; }
 
-    // Of the last node that reached the system (blank when its solve failed).
-    double KrigingVariance() const { return krigingVariance_; }
+    // Of the last node that reached the system (blank when its solve failed),
+    // estimated through EstimateAt(x, y).
+    double KrigingVariance() const;
+
+    // Per-node arrays, reused from node to node to save the allocations.
+    struct Workspace : KaSearcherWorkspace {
+        double krigingVariance = 1.0;  // as KrigingVariance
+        std::vector<double> matrix;
+        std::vector<double> rhs;
+        std::vector<double> weights;
+        int32_t order = 0;  // neighbours, plus 1 for ordinary kriging
+        int32_t count = 0;  // neighbours
+        std::vector<double> driftWork;  // drift functions and external values per neighbour
+    };
 
 protected:
-    bool BuildMatrix(const KaEstKrigParam& p, const KaNeighbours& n);
-    bool BuildRightHandSide(const KaEstKrigParam& p, double x, double y, const KaNeighbours& n);
-    double Combine(const KaEstKrigParam& p, const KaNeighbours& n);
+    bool BuildMatrix(const KaEstKrigParam& p, const KaNeighbours& n, Workspace& w) const;
+    bool BuildRightHandSide(const KaEstKrigParam& p, double x, double y, const KaNeighbours& n, Workspace& w) const;
+    double Combine(const KaEstKrigParam& p, const KaNeighbours& n, Workspace& w) const;
     // Kriging with drift: the neighbours' variogram bordered by the drift
     // functions (universal kriging; the constant is ordinary kriging's row).
-    double EstimateWithDrift(const KaEstKrigParam& p, double x, double y);
+    double EstimateWithDrift(const KaEstKrigParam& p, double x, double y, Workspace& w) const;
     // The variogram between two points, with the zero-separation rule.
     static double Gamma(const KaEstKrigParam& p, double dx, double dy)
     {
@@ -78,12 +92,4 @@ protected:
     }
 
     const KaEstKrigParam* krigParam_ = nullptr;  // the record, when of this kind
-    double krigingVariance_ = 1.0;
-    // Per-node arrays, reused from node to node to save the allocations.
-    std::vector<double> matrix_;
-    std::vector<double> rhs_;
-    std::vector<double> weights_;
-    int32_t order_ = 0;  // neighbours, plus 1 for ordinary kriging
-    int32_t count_ = 0;  // neighbours
-    std::vector<double> driftWork_;  // drift functions and external values per neighbour
 };

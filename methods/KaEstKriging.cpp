@@ -16,24 +16,27 @@ void KaEstKriging::SetParam(std::unique_ptr<KaEstimatorGridParam> param)
     linearParam_ = dynamic_cast<const KaEstKrigingParam*>(GetParam());
 }
 
-double KaEstKriging::EstimateNode(double x, double y)
+std::unique_ptr<KaEstimatorWorkspace> KaEstKriging::MakeWorkspace() const { return std::make_unique<Workspace>(); }
+
+double KaEstKriging::EstimateNode(KaEstimatorWorkspace& workspace, double x, double y) const
 {
+    auto& w = static_cast<Workspace&>(workspace);
     double value;
     bool onSample;
-    if (SearchOrDecide(x, y, Neighbours(), value, &onSample)) {
-        if (onSample) nodeStdDev_ = 0.0;  // a sample on the node has no estimation error
+    if (SearchOrDecide(w.node, x, y, value, &onSample)) {
+        if (onSample) w.stdDev = 0.0;  // a sample on the node has no estimation error
         return value;
     }
     const KaEstKrigingParam* p = linearParam_;
     if (!p) return BlankValue();
 
-    const KaNeighbours& nb = Neighbours();
+    const KaNeighbours& nb = w.node.neighbours;
     const uint32_t n = static_cast<uint32_t>(nb.size());
     if (n < 1) return p->blankValue;
     const double slope = p->slope;
 
-    matrix_.Resize(n, n);
-    double* a = matrix_.Data();
+    w.matrix.Resize(n, n);
+    double* a = w.matrix.Data();
     const std::size_t stride = n;
     const uint32_t last = n - 1;
     // Symmetric: (i, j) and (j, i) are computed alike, bit for bit.
@@ -55,27 +58,27 @@ double KaEstKriging::EstimateNode(double x, double y)
     }
 
     int32_t parity = 0;
-    if (!LuDecompose(matrix_, permutation_, parity)) return p->blankValue;
+    if (!LuDecompose(w.matrix, w.permutation, parity)) return p->blankValue;
 
-    rhs_.resize(n);
+    w.rhs.resize(n);
     for (uint32_t i = 0; i < n; ++i) {
         const double dy = nb[i].y - y, dx = nb[i].x - x;
-        rhs_[i] = slope * std::sqrt(dy * dy + dx * dx);
+        w.rhs[i] = slope * std::sqrt(dy * dy + dx * dx);
     }
-    rhs_[last] = 1.0;
-    LuSubstitute(matrix_, permutation_, rhs_);
+    w.rhs[last] = 1.0;
+    LuSubstitute(w.matrix, w.permutation, w.rhs);
 
     double estimate = 0.0;
-    for (uint32_t i = 0; i < last; ++i) estimate += rhs_[i] * nb[i].z;  // rhs_[last]: the multiplier
+    for (uint32_t i = 0; i < last; ++i) estimate += w.rhs[i] * nb[i].z;  // w.rhs[last]: the multiplier
     // The variance of the system as solved (the first n - 1 neighbours, the
     // multiplier last): sum w g0 + mu.
-    double variance = rhs_[last], magnitude = std::fabs(rhs_[last]);
+    double variance = w.rhs[last], magnitude = std::fabs(w.rhs[last]);
     for (uint32_t i = 0; i < last; ++i) {
         const double dy = nb[i].y - y, dx = nb[i].x - x;
-        const double t = rhs_[i] * (slope * std::sqrt(dy * dy + dx * dx));
+        const double t = w.rhs[i] * (slope * std::sqrt(dy * dy + dx * dx));
         variance += t;
         magnitude += std::fabs(t);
     }
-    nodeStdDev_ = KaStdDevFromVariance(variance, magnitude);
+    w.stdDev = KaStdDevFromVariance(variance, magnitude);
     return estimate;
 }

@@ -20,18 +20,18 @@ public:
 class KaEstKriging : public KaEstGridSearcher {
 public:
     void SetParam(std::unique_ptr<KaEstimatorGridParam> param) override;
-    double EstimateNode(double x, double y) override;
+    using KaEstGridSearcher::EstimateNode;
+    double EstimateNode(KaEstimatorWorkspace& workspace, double x, double y) const override;
+    std::unique_ptr<KaEstimatorWorkspace> MakeWorkspace() const override;
     bool FormsStdDev() const override { return true; }
     KA_CLONE_FOR_THREAD(KaEstKriging)
 
-    KaEstKriging() = default;
-    // The per-node storage is not copied: a copy starts with its own.
-    KaEstKriging(const KaEstKriging& other) : KaEstGridSearcher(other), linearParam_(other.linearParam_) {}
-
 protected:
     // Per-node storage, reused from node to node to save the allocations.
+    struct Workspace : KaSearcherWorkspace {
+        KaT2DMatrix<double> matrix;
+        std::vector<int32_t> permutation;
+        std::vector<double> rhs;
+    };
     const KaEstKrigingParam* linearParam_ = nullptr;  // the record, when of this kind
-    KaT2DMatrix<double> matrix_;
-    std::vector<int32_t> permutation_;
-    std::vector<double> rhs_;
 };

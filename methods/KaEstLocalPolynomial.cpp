@@ -10,17 +10,32 @@ std::string KaEstLocalPolynomialParam::Validate() const
     return {};
 }
 
-double KaEstLocalPolynomial::EstimateNode(double x, double y)
+double KaEstLocalPolynomial::EstimateNode(KaEstimatorWorkspace& workspace, double x, double y) const
 {
+    auto& w = static_cast<Workspace&>(workspace);
     if (!GetSampleList()) return BlankValue();
     // No shortcut for a sample on the node: with a coincident sample the search
     // returns it alone, and a one-sample fit of order 1 or more is singular.
-    if (!Search(x, y, Neighbours(), true)) return BlankValue();
-    return EstimateFromNeighbours(Neighbours(), x, y);
+    if (!Search(w.node, x, y, w.node.neighbours, true)) return BlankValue();
+    return EstimateFromNeighbours(w.fit, w.node.neighbours, x, y);
 }
 
 double KaEstLocalPolynomial::EstimateFromNeighbours(const KaNeighbours& neighbours, double x, double y)
 {
-    if (Fit(neighbours, x, y) && Solve()) return Evaluate(x, y);
-    return BlankValue();
+    return EstimateFromNeighbours(OwnFit(), neighbours, x, y);
+}
+
+double KaEstLocalPolynomial::EstimateFromNeighbours(KaPolynomialFit& fit, const KaNeighbours& neighbours, double x,
+                                                    double y) const
+{
+    double value;
+    return FitAt(fit, neighbours, x, y, value) ? value : BlankValue();
+}
+
+bool KaEstLocalPolynomial::FitAt(KaPolynomialFit& fit, const KaNeighbours& neighbours, double x, double y,
+                                 double& value) const
+{
+    if (!Fit(fit, neighbours, x, y) || !Solve(fit)) return false;
+    value = Evaluate(fit, x, y);
+    return true;
 }

@@ -21,9 +21,13 @@ public:
 // neighbours by distance-weighted least squares (see KaEstPolynomial).
 class KaEstLocalPolynomial : public KaEstPolynomial {
 public:
-    double EstimateNode(double x, double y) override;
+    using KaEstGridSearcher::EstimateNode;
+    double EstimateNode(KaEstimatorWorkspace& workspace, double x, double y) const override;
     KA_CLONE_FOR_THREAD(KaEstLocalPolynomial)
     // Fit, solve and evaluate at (x, y) on the neighbours handed in; blank on
     // any failure. Needs no sample list.
-    virtual double EstimateFromNeighbours(const KaNeighbours& neighbours, double x, double y);
+    double EstimateFromNeighbours(const KaNeighbours& neighbours, double x, double y);
+    double EstimateFromNeighbours(KaPolynomialFit& fit, const KaNeighbours& neighbours, double x, double y) const;
+    // The same, false on any failure instead of the blank value.
+    bool FitAt(KaPolynomialFit& fit, const KaNeighbours& neighbours, double x, double y, double& value) const;
 };

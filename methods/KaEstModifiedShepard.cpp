@@ -27,32 +27,49 @@ void KaEstModifiedShepardParam::VisitFields(KaFieldVisitor& v)
             KaField("not used by the estimate").Carried().AtLeast(3).Dialog(0, 2147483647));
 }
 
-KaEstModifiedShepard::KaEstModifiedShepard() = default;
-KaEstModifiedShepard::~KaEstModifiedShepard() = default;
+namespace {
 
-// The quadratic fit is per-node storage: each copy makes its own.
-KaEstModifiedShepard::KaEstModifiedShepard(const KaEstModifiedShepard& other) : KaEstInverseDistance(other) {}
+std::shared_ptr<const KaEstLocalPolynomial> Quadratic()
+{
+    auto quadratic = std::make_shared<KaEstLocalPolynomial>();
+    quadratic->SetParam(std::make_unique<KaEstLocalPolynomialParam>(2, 2, 2, 0));
+    return quadratic;
+}
+
+}  // namespace
+
+struct KaEstModifiedShepard::Workspace : KaSearcherWorkspace {
+    KaPolynomialFit fit;
+};
+
+KaEstModifiedShepard::KaEstModifiedShepard() : quadratic_(Quadratic()) {}
+KaEstModifiedShepard::~KaEstModifiedShepard() = default;
+KaEstModifiedShepard::KaEstModifiedShepard(const KaEstModifiedShepard& other)
+    : KaEstInverseDistance(other), quadratic_(other.quadratic_)
+{
+}
+
+std::unique_ptr<KaEstimatorWorkspace> KaEstModifiedShepard::MakeWorkspace() const
+{
+    return std::make_unique<Workspace>();
+}
 
 std::unique_ptr<KaEstimatorGrid> KaEstModifiedShepard::CloneForThread() const
 {
     return std::make_unique<KaEstModifiedShepard>(*this);
 }
 
-double KaEstModifiedShepard::EstimateNode(double x, double y)
+double KaEstModifiedShepard::EstimateNode(KaEstimatorWorkspace& workspace, double x, double y) const
 {
+    auto& w = static_cast<Workspace&>(workspace);
+    const KaNeighbours& nb = w.node.neighbours;
     double decided;
-    if (SearchOrDecide(x, y, Neighbours(), decided)) return decided;
+    if (SearchOrDecide(w.node, x, y, decided)) return decided;
 
     const KaEstimatorGridParam* p = GetParam();
-    if (!quadratic_) {
-        auto inner = std::make_unique<KaEstLocalPolynomialParam>(2, 2, 2, 0);
-        inner->blankValue = p->blankValue;
-        inner->originalInvalidValue = p->originalInvalidValue;
-        quadratic_ = std::make_unique<KaEstLocalPolynomial>();
-        quadratic_->SetParam(std::move(inner));
-    }
-    double v = quadratic_->EstimateFromNeighbours(Neighbours(), x, y);
-    // kept: a looser tolerance here
-    if (KaIsBlank(v, p->blankValue, 1e-15)) v = WeightedAverage(Neighbours(), x, y);
+    double v;
+    if (!quadratic_->FitAt(w.fit, nb, x, y, v)) v = p->blankValue;  // a failed fit gives the blank
+    // kept: a looser tolerance here (and a NaN blank never falls back)
+    if (KaIsBlank(v, p->blankValue, 1e-15)) v = WeightedAverage(nb, x, y);
     return v;
 }

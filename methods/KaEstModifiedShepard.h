@@ -28,11 +28,14 @@ public:
     KaEstModifiedShepard(const KaEstModifiedShepard& other);
     ~KaEstModifiedShepard() override;
 
-    double EstimateNode(double x, double y) override;
+    using KaEstGridSearcher::EstimateNode;
+    double EstimateNode(KaEstimatorWorkspace& workspace, double x, double y) const override;
+    std::unique_ptr<KaEstimatorWorkspace> MakeWorkspace() const override;
     std::unique_ptr<KaEstimatorGrid> CloneForThread() const override;
 
 private:
-    // Made on the first node that needs a fit; it never searches, it only
-    // works on the neighbour lists handed to it.
-    std::unique_ptr<KaEstLocalPolynomial> quadratic_;
+    struct Workspace;
+    // The quadratic's terms and weighting, shared read-only by the thread
+    // copies; it never searches, it only fits the neighbour lists handed to it.
+    std::shared_ptr<const KaEstLocalPolynomial> quadratic_;
 };

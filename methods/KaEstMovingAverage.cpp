@@ -14,10 +14,11 @@ double MeanInOrder(const Values& values, Z z)
 
 }  // namespace
 
-double KaEstMovingAverage::EstimateNode(double x, double y)
+double KaEstMovingAverage::EstimateNode(KaEstimatorWorkspace& workspace, double x, double y) const
 {
+    KaNodeWorkspace& node = static_cast<KaSearcherWorkspace&>(workspace).node;
     std::span<const double> values;
-    switch (SearchValues(x, y, values)) {
+    switch (SearchValues(node, x, y, values)) {
     case KaRingValues::Enough:
         return values.empty() ? BlankValue() : MeanInOrder(values, [](double z) { return z; });
     case KaRingValues::TooFew:
@@ -26,6 +27,6 @@ double KaEstMovingAverage::EstimateNode(double x, double y)
         break;
     }
     double decided;
-    if (SearchOrDecide(x, y, Neighbours(), decided)) return decided;
-    return MeanInOrder(Neighbours(), [](const Ka3DPoint& s) { return s.z; });
+    if (SearchOrDecide(node, x, y, decided)) return decided;
+    return MeanInOrder(node.neighbours, [](const Ka3DPoint& s) { return s.z; });
 }

@@ -8,7 +8,8 @@ class KaEstMovingAverageParam : public KaEstGridSearcherParam {};
 // of the search, each value divided before it is added.
 class KaEstMovingAverage : public KaEstGridSearcher {
 public:
-    double EstimateNode(double x, double y) override;
+    using KaEstGridSearcher::EstimateNode;
+    double EstimateNode(KaEstimatorWorkspace& workspace, double x, double y) const override;
     KA_CLONE_FOR_THREAD(KaEstMovingAverage)
 
 protected:

@@ -53,16 +53,21 @@ struct KaEstNaturalNeighbor::Triangulation {
     std::vector<double> z;  // by vertex index
 };
 
-struct KaEstNaturalNeighbor::Scratch {
-    Delaunay::Face_handle hint;  // where the last walk ended: the next node is near
+struct KaEstNaturalNeighbor::Workspace : KaEstimatorWorkspace {
+    std::shared_ptr<const Triangulation> of;  // the triangulation the hint lies in, kept alive
+    Delaunay::Face_handle hint;               // where the last walk ended: the next node is near
     std::vector<Weight> weights;
 };
 
-KaEstNaturalNeighbor::KaEstNaturalNeighbor() : scratch_(std::make_unique<Scratch>()) {}
+KaEstNaturalNeighbor::KaEstNaturalNeighbor() = default;
 KaEstNaturalNeighbor::~KaEstNaturalNeighbor() = default;
-KaEstNaturalNeighbor::KaEstNaturalNeighbor(const KaEstNaturalNeighbor& other)
-    : KaEstimatorGrid(other), tri_(other.tri_), scratch_(std::make_unique<Scratch>())
+KaEstNaturalNeighbor::KaEstNaturalNeighbor(const KaEstNaturalNeighbor& other) : KaEstimatorGrid(other), tri_(other.tri_)
 {
+}
+
+std::unique_ptr<KaEstimatorWorkspace> KaEstNaturalNeighbor::MakeWorkspace() const
+{
+    return std::make_unique<Workspace>();
 }
 
 std::unique_ptr<KaEstimatorGrid> KaEstNaturalNeighbor::CloneForThread() const
@@ -76,7 +81,6 @@ bool KaEstNaturalNeighbor::HasTriangles() const { return tri_ && tri_->dt.dimens
 KaSampleList* KaEstNaturalNeighbor::SetSampleList(KaSampleList* samples)
 {
     KaSampleList* old = KaEstimatorGrid::SetSampleList(samples);
-    scratch_->hint = Delaunay::Face_handle();
     tri_.reset();
     if (!samples || !GetParam()) return old;
     const double invalid = GetParam()->originalInvalidValue;
@@ -108,17 +112,22 @@ KaSampleList* KaEstNaturalNeighbor::SetSampleList(KaSampleList* samples)
     return old;
 }
 
-double KaEstNaturalNeighbor::EstimateNode(double x, double y)
+double KaEstNaturalNeighbor::EstimateNode(KaEstimatorWorkspace& workspace, double x, double y) const
 {
+    auto& scratch = static_cast<Workspace&>(workspace);
     const double blank = BlankValue();
     if (!HasTriangles()) return blank;
+    if (scratch.of != tri_) {  // a hint into another triangulation would dangle
+        scratch.of = tri_;
+        scratch.hint = Delaunay::Face_handle();
+    }
     const Delaunay& dt = tri_->dt;
     const Kernel::Point_2 p(x, y);
     Delaunay::Locate_type lt;
     int li = 0;
-    const Delaunay::Face_handle f = dt.locate(p, lt, li, scratch_->hint);
+    const Delaunay::Face_handle f = dt.locate(p, lt, li, scratch.hint);
     if (lt == Delaunay::OUTSIDE_CONVEX_HULL || lt == Delaunay::OUTSIDE_AFFINE_HULL) return blank;
-    scratch_->hint = dt.is_infinite(f) ? f->neighbor(f->index(dt.infinite_vertex())) : f;
+    scratch.hint = dt.is_infinite(f) ? f->neighbor(f->index(dt.infinite_vertex())) : f;
     if (lt == Delaunay::VERTEX) return tri_->z[f->vertex(li)->info()];
     if (lt == Delaunay::EDGE && (dt.is_infinite(f) || dt.is_infinite(f->neighbor(li)))) {
         // On the hull: along the edge, from its lower-numbered end whichever
@@ -130,7 +139,7 @@ double KaEstNaturalNeighbor::EstimateNode(double x, double y)
         const double t = pa.x() != pb.x() ? (x - pa.x()) / (pb.x() - pa.x()) : (y - pa.y()) / (pb.y() - pa.y());
         return tri_->z[a] + t * (tri_->z[b] - tri_->z[a]);
     }
-    std::vector<Weight>& w = scratch_->weights;
+    std::vector<Weight>& w = scratch.weights;
     w.clear();
     const auto result = CGAL::natural_neighbor_coordinates_2(dt, p, std::back_inserter(w), VertexIndex(), f);
     if (!result.third || w.empty()) return blank;
@@ -177,12 +186,7 @@ bool KaNaturalNeighborJob::EstimateSurface(KaSurface* surface)
                               : "all " + std::to_string(usable) + " usable samples lie on one line: no triangles");
     }
     Progress(0, KaProgressId::Estimating);
-    std::vector<std::unique_ptr<KaEstimatorGrid>> copies;
-    std::vector<KaEstimatorGrid*> workers{nn};
-    for (unsigned t = 1, threads = ThreadsFor(rows); t < threads; ++t) {
-        copies.push_back(nn->CloneForThread());
-        workers.push_back(copies.back().get());
-    }
+    KaThreadEstimators workers(*nn, ThreadsFor(rows));
     double zMin = kKaMaxDouble, zMax = -kKaMaxDouble;
     EstimateRows(workers, p, matrix, nullptr, zMin, zMax);
     SetSurfaceLimits(*surface, zMin, zMax);

@@ -24,8 +24,8 @@ public:
 // Voronoi cell would take from sample i's. Exact at the samples, linear along
 // the hull's edges, blank outside the hull, and exact for any linear field.
 //
-// SetSampleList builds the triangulation once; CloneForThread shares it
-// read-only and gives each thread its own scratch. A node's value depends on
+// SetSampleList builds the triangulation once; every workspace (and every
+// thread copy) shares it read-only. A node's value depends on
 // its position alone (the weights are summed in sample order, whichever face
 // the walk started from), so any thread count gives the same grid.
 class KaEstNaturalNeighbor : public KaEstimatorGrid {
@@ -33,7 +33,9 @@ public:
     KaEstNaturalNeighbor();
     ~KaEstNaturalNeighbor() override;
 
-    double EstimateNode(double x, double y) override;
+    double EstimateNode(double x, double y) override { return EstimateNodeInOwnWorkspace(x, y); }
+    double EstimateNode(KaEstimatorWorkspace& workspace, double x, double y) const override;
+    std::unique_ptr<KaEstimatorWorkspace> MakeWorkspace() const override;
     KaSampleList* SetSampleList(KaSampleList* samples) override;
     std::unique_ptr<KaEstimatorGrid> CloneForThread() const override;
 
@@ -48,8 +50,7 @@ private:
     KaEstNaturalNeighbor(const KaEstNaturalNeighbor& other);
 
     std::shared_ptr<const Triangulation> tri_;
-    struct Scratch;
-    std::unique_ptr<Scratch> scratch_;
+    struct Workspace;
 };
 
 // The job: the row-by-row gridding job without a neighbourhood search, rows

@@ -1,12 +1,13 @@
 #include "methods/KaEstNearestNeighbor.h"
 
-double KaEstNearestNeighbor::EstimateNode(double x, double y)
+double KaEstNearestNeighbor::EstimateNode(KaEstimatorWorkspace& workspace, double x, double y) const
 {
+    KaNodeWorkspace& node = static_cast<KaSearcherWorkspace&>(workspace).node;
     double decided;
-    if (SearchOrDecide(x, y, Neighbours(), decided)) return decided;
+    if (SearchOrDecide(node, x, y, decided)) return decided;
     double best = 1.7976931348623157e308;
     const Ka3DPoint* chosen = nullptr;
-    for (const Ka3DPoint& s : Neighbours()) {
+    for (const Ka3DPoint& s : node.neighbours) {
         const double d2 = (s.x - x) * (s.x - x) + (s.y - y) * (s.y - y);
         if (d2 < best) {
             best = d2;

@@ -8,6 +8,7 @@ class KaEstNearestNeighborParam : public KaEstGridSearcherParam {};
 // the search; ties go to the sample earlier in the search result.
 class KaEstNearestNeighbor : public KaEstGridSearcher {
 public:
-    double EstimateNode(double x, double y) override;
+    using KaEstGridSearcher::EstimateNode;
+    double EstimateNode(KaEstimatorWorkspace& workspace, double x, double y) const override;
     KA_CLONE_FOR_THREAD(KaEstNearestNeighbor)
 };

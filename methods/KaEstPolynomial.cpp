@@ -76,40 +76,76 @@ double KaEstPolynomial::TermValue(std::size_t index, double x, double y) const
     return t.Value(x, y);
 }
 
-bool KaEstPolynomial::Fit(const KaNeighbours& samples, double x0, double y0)
+std::unique_ptr<KaEstimatorWorkspace> KaEstPolynomial::MakeWorkspace() const { return std::make_unique<Workspace>(); }
+
+const KaPolynomialFit* KaEstPolynomial::OwnFitIfAny() const
+{
+    const auto* own = static_cast<const Workspace*>(OwnWorkspaceIfAny());
+    return own ? &own->fit : nullptr;
+}
+
+std::span<const double> KaEstPolynomial::Coefficients() const
+{
+    const KaPolynomialFit* fit = OwnFitIfAny();
+    return fit ? std::span<const double>(fit->coefficients) : std::span<const double>();
+}
+
+std::span<const double> KaEstPolynomial::NormalMatrix() const
+{
+    const KaPolynomialFit* fit = OwnFitIfAny();
+    return fit ? std::span<const double>(fit->normal) : std::span<const double>();
+}
+
+std::span<const double> KaEstPolynomial::RightHandSide() const
+{
+    const KaPolynomialFit* fit = OwnFitIfAny();
+    return fit ? std::span<const double>(fit->rhs) : std::span<const double>();
+}
+
+bool KaEstPolynomial::Fit(const KaNeighbours& samples, double x0, double y0) { return Fit(OwnFit(), samples, x0, y0); }
+
+bool KaEstPolynomial::Solve() { return Solve(OwnFit()); }
+
+double KaEstPolynomial::Evaluate(double x, double y) const
+{
+    const KaPolynomialFit* fit = OwnFitIfAny();
+    return fit ? Evaluate(*fit, x, y) : BlankValue();
+}
+
+bool KaEstPolynomial::Fit(KaPolynomialFit& f, const KaNeighbours& samples, double x0, double y0) const
 {
     if (terms_.empty()) return false;
     const uint32_t n = static_cast<uint32_t>(terms_.size() - 1);
-    n_ = n;
-    normal_.assign(static_cast<std::size_t>(n) * n, 0.0);
-    rhs_.assign(n, 0.0);
-    termMeans_.assign(n, 0.0);
-    coefficients_.assign(static_cast<std::size_t>(n) + 1, 0.0);
-    fitted_ = true;
+    f.n = n;
+    f.normal.assign(static_cast<std::size_t>(n) * n, 0.0);
+    f.rhs.assign(n, 0.0);
+    f.termMeans.assign(n, 0.0);
+    f.coefficients.assign(static_cast<std::size_t>(n) + 1, 0.0);
+    f.fitted = true;
 
-    zMean_ = 0.0;
+    f.zMean = 0.0;
     if (samples.empty()) return false;
     const std::size_t count = samples.size();
-    termValues_.resize(count * n);
-    distances_.resize(count);
-    centred_.resize(n);
+    f.termValues.resize(count * n);
+    f.distances.resize(count);
+    f.centred.resize(n);
 
     double dMax = 0.0;
     for (std::size_t k = 0; k < count; ++k) {
         const Ka3DPoint& s = samples[k];
-        zMean_ += s.z;
-        double* tv = termValues_.data() + k * n;
+        f.zMean += s.z;
+        double* tv = f.termValues.data() + k * n;
         for (uint32_t i = 1; i <= n; ++i) {
             tv[i - 1] = TermValue(i, s.x, s.y);
-            termMeans_[i - 1] += tv[i - 1];
+            f.termMeans[i - 1] += tv[i - 1];
         }
         const double d = std::sqrt((s.x - x0) * (s.x - x0) + (s.y - y0) * (s.y - y0));
-        distances_[k] = d;
+        f.distances[k] = d;
         if (d > dMax) dMax = d;
     }
     const double dn = static_cast<double>(count);
-    zMean_ /= dn;
-    for (double& m : termMeans_) m /= dn;
+    f.zMean /= dn;
+    for (double& m : f.termMeans) m /= dn;
     if (dMax < 1e-20) dMax = 1e-20;
 
     const double power = polyParam_->weightingPower;
@@ -117,43 +153,43 @@ bool KaEstPolynomial::Fit(const KaNeighbours& samples, double x0, double y0)
     for (std::size_t k = 0; k < count; ++k) {
         const Ka3DPoint& s = samples[k];
         // The farthest sample gets weight 0 for any positive power: intended.
-        const double w = weighted ? std::pow(1 - distances_[k] / dMax, power) : 1.0;
-        const double* tv = termValues_.data() + k * n;
-        const double dz = s.z - zMean_;
+        const double w = weighted ? std::pow(1 - f.distances[k] / dMax, power) : 1.0;
+        const double* tv = f.termValues.data() + k * n;
+        const double dz = s.z - f.zMean;
         for (uint32_t i = 0; i < n; ++i) {
-            centred_[i] = tv[i] - termMeans_[i];
-            rhs_[i] += dz * centred_[i] * w;
+            f.centred[i] = tv[i] - f.termMeans[i];
+            f.rhs[i] += dz * f.centred[i] * w;
         }
         for (uint32_t i = 0; i < n; ++i) {
-            double* row = normal_.data() + static_cast<std::size_t>(i) * n;
-            for (uint32_t j = 0; j <= i; ++j) row[j] += centred_[j] * centred_[i] * w;
+            double* row = f.normal.data() + static_cast<std::size_t>(i) * n;
+            for (uint32_t j = 0; j <= i; ++j) row[j] += f.centred[j] * f.centred[i] * w;
         }
     }
     for (uint32_t i = 0; i < n; ++i)
         for (uint32_t j = 0; j < i; ++j)
-            normal_[static_cast<std::size_t>(j) * n + i] = normal_[static_cast<std::size_t>(i) * n + j];
-    for (uint32_t i = 0; i < n; ++i) coefficients_[i] = rhs_[i];
+            f.normal[static_cast<std::size_t>(j) * n + i] = f.normal[static_cast<std::size_t>(i) * n + j];
+    for (uint32_t i = 0; i < n; ++i) f.coefficients[i] = f.rhs[i];
     return true;
 }
 
-bool KaEstPolynomial::Solve()
+bool KaEstPolynomial::Solve(KaPolynomialFit& f) const
 {
-    if (!fitted_) return true;  // nothing to solve counts as success
-    const uint32_t n = n_;
+    if (!f.fitted) return true;  // nothing to solve counts as success
+    const uint32_t n = f.n;
     // Solved in place: the coefficients hold the right-hand side on entry.
-    const int result = GaussJordanSolve(normal_.data(), static_cast<int>(n), coefficients_.data());
+    const int result = GaussJordanSolve(f.normal.data(), static_cast<int>(n), f.coefficients.data());
     // The shift and the constant are formed whatever the solver reported.
-    for (uint32_t i = n; i >= 1; --i) coefficients_[i] = coefficients_[i - 1];
+    for (uint32_t i = n; i >= 1; --i) f.coefficients[i] = f.coefficients[i - 1];
     double sum = 0.0;
-    for (uint32_t i = 1; i <= n; ++i) sum += termMeans_[i - 1] * coefficients_[i];
-    coefficients_[0] = zMean_ - sum;
+    for (uint32_t i = 1; i <= n; ++i) sum += f.termMeans[i - 1] * f.coefficients[i];
+    f.coefficients[0] = f.zMean - sum;
     return result > 0;
 }
 
-double KaEstPolynomial::Evaluate(double x, double y) const
+double KaEstPolynomial::Evaluate(const KaPolynomialFit& f, double x, double y) const
 {
-    if (!fitted_) return BlankValue();
+    if (!f.fitted) return BlankValue();
     double sum = 0.0;
-    for (uint32_t i = 0; i <= n_; ++i) sum += coefficients_[i] * TermValue(i, x, y);
+    for (uint32_t i = 0; i <= f.n; ++i) sum += f.coefficients[i] * TermValue(i, x, y);
     return sum;
 }

@@ -16,4 +16,4 @@ KaSampleList* KaEstPolynomialRegression::SetSampleList(KaSampleList* samples)
     return samples_;
 }
 
-double KaEstPolynomialRegression::EstimateNode(double, double) { return BlankValue(); }
+double KaEstPolynomialRegression::EstimateNode(KaEstimatorWorkspace&, double, double) const { return BlankValue(); }

@@ -18,6 +18,7 @@ class KaEstPolynomialRegression : public KaEstPolynomial {
 public:
     // Stores the list and drops the search grid instead of building it.
     KaSampleList* SetSampleList(KaSampleList* samples) override;
-    double EstimateNode(double x, double y) override;
+    using KaEstGridSearcher::EstimateNode;
+    double EstimateNode(KaEstimatorWorkspace& workspace, double x, double y) const override;
     KA_CLONE_FOR_THREAD(KaEstPolynomialRegression)
 };

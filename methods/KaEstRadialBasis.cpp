@@ -67,23 +67,30 @@ void KaEstRadialBasis::SetParam(std::unique_ptr<KaEstimatorGridParam> param)
     if (basisParam_) basisParam_->anisotropy.SquaredDistance(0.0, 0.0, 0.0);
 }
 
-double KaEstRadialBasis::EstimateNode(double x, double y)
+std::unique_ptr<KaEstimatorWorkspace> KaEstRadialBasis::MakeWorkspace() const
 {
-    double value;
-    if (SearchOrDecide(x, y, Neighbours(), value)) return value;
-    if (!BuildSystem(Neighbours())) return BlankValue();
-    if (!Solve(static_cast<int32_t>(Neighbours().size()))) return BlankValue();
-    return Evaluate(x, y, Neighbours());
+    return std::make_unique<Workspace>();
 }
 
-bool KaEstRadialBasis::BuildSystem(const KaNeighbours& nb)
+double KaEstRadialBasis::EstimateNode(KaEstimatorWorkspace& workspace, double x, double y) const
+{
+    auto& w = static_cast<Workspace&>(workspace);
+    const KaNeighbours& nb = w.node.neighbours;
+    double value;
+    if (SearchOrDecide(w.node, x, y, value)) return value;
+    if (!BuildSystem(nb, w)) return BlankValue();
+    if (!Solve(static_cast<int32_t>(nb.size()), w)) return BlankValue();
+    return Evaluate(x, y, nb, w);
+}
+
+bool KaEstRadialBasis::BuildSystem(const KaNeighbours& nb, Workspace& w) const
 {
     const std::size_t m = nb.size();
     if (m == 0) return false;
-    matrix_.resize(m * m);
-    values_.resize(m + 1);
-    values_[m] = 0.0;
-    double* a = matrix_.data();
+    w.matrix.resize(m * m);
+    w.values.resize(m + 1);
+    w.values[m] = 0.0;
+    double* a = w.matrix.data();
     const KaEstRadialBasisParam* p = basisParam_;
     // Every ordered pair is evaluated and written to (i, j) and (j, i), the later
     // write winning: for i < j that is the pair visited as (j, i), with the
@@ -103,29 +110,29 @@ bool KaEstRadialBasis::BuildSystem(const KaNeighbours& nb)
             a[j * m + i] = v;
             a[i * m + j] = v;
         }
-        values_[j] = pj.z;
+        w.values[j] = pj.z;
     }
     return true;
 }
 
-bool KaEstRadialBasis::Solve(int32_t count)
+bool KaEstRadialBasis::Solve(int32_t count, Workspace& w) const
 {
-    if (matrix_.empty() || values_.empty()) return false;
+    if (w.matrix.empty() || w.values.empty()) return false;
     // The solution alone: the per-node inverse is never read.
-    const int ok = GaussJordanSolution(matrix_.data(), count, values_.data());
+    const int ok = GaussJordanSolution(w.matrix.data(), count, w.values.data());
     if (!constantCoefficients_.empty()) {
         double sum = 0.0;
-        for (int32_t i = 0; i < count; ++i) sum += constantCoefficients_[i] * values_[i];
-        values_[count] = constantOffset_ - sum;
+        for (int32_t i = 0; i < count; ++i) sum += constantCoefficients_[i] * w.values[i];
+        w.values[count] = constantOffset_ - sum;
     }
     return ok != 0;
 }
 
-double KaEstRadialBasis::Evaluate(double x, double y, const KaNeighbours& nb)
+double KaEstRadialBasis::Evaluate(double x, double y, const KaNeighbours& nb, const Workspace& w) const
 {
     const KaEstRadialBasisParam* p = basisParam_;
     const std::size_t m = nb.size();
-    double v = values_[m];
+    double v = w.values[m];
     for (std::size_t j = 0; j < m; ++j) {
         double phi;
         if (p) {
@@ -134,7 +141,7 @@ double KaEstRadialBasis::Evaluate(double x, double y, const KaNeighbours& nb)
             const double dx = nb[j].x - x, dy = nb[j].y - y;
             phi = InverseDistance(std::sqrt(dx * dx + dy * dy));
         }
-        v = phi * values_[j] + v;
+        v = phi * w.values[j] + v;
     }
     return v;
 }

@@ -32,18 +32,22 @@ class KaEstRadialBasis : public KaEstGridSearcher {
 public:
     // Also builds the record's anisotropy transform, which from then on is only read.
     void SetParam(std::unique_ptr<KaEstimatorGridParam> param) override;
-    double EstimateNode(double x, double y) override;
+    using KaEstGridSearcher::EstimateNode;
+    double EstimateNode(KaEstimatorWorkspace& workspace, double x, double y) const override;
+    std::unique_ptr<KaEstimatorWorkspace> MakeWorkspace() const override;
     KA_CLONE_FOR_THREAD(KaEstRadialBasis)
 
 protected:
-    bool BuildSystem(const KaNeighbours& nb);
-    bool Solve(int32_t count);
-    double Evaluate(double x, double y, const KaNeighbours& nb);
+    // Per-node arrays, reused from node to node to save the allocations.
+    struct Workspace : KaSearcherWorkspace {
+        std::vector<double> matrix;  // m x m, row-major
+        std::vector<double> values;  // the z values, then the weights; [m]: the constant term
+    };
+    bool BuildSystem(const KaNeighbours& nb, Workspace& w) const;
+    bool Solve(int32_t count, Workspace& w) const;
+    double Evaluate(double x, double y, const KaNeighbours& nb, const Workspace& w) const;
 
     const KaEstRadialBasisParam* basisParam_ = nullptr;  // the record, when of this kind
-    // Per-node arrays, reused from node to node to save the allocations.
-    std::vector<double> matrix_;  // m x m, row-major
-    std::vector<double> values_;  // the z values, then the weights; [m]: the constant term
     // Provision for a constant term; never filled, so the term stays 0.0.
     std::vector<double> constantCoefficients_;
     double constantOffset_ = 0.0;

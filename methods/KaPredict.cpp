@@ -27,14 +27,7 @@ KaPrediction KaPredictAt(const KaMethodInfo& method, std::unique_ptr<KaEstimator
     const unsigned count = static_cast<unsigned>(std::max<std::size_t>(1, std::min<std::size_t>(wanted, n / 64 + 1)));
     first->SetPreparationThreads(count);
     first->SetSampleList(&samples);
-    std::vector<std::unique_ptr<KaEstimatorGrid>> copies;
-    for (unsigned t = 1; t < count; ++t) {
-        copies.push_back(first->CloneForThread());
-        if (!copies.back()) {
-            copies.clear();
-            break;
-        }
-    }
+    KaThreadEstimators workers(*first, count);
 
     KaPrediction out;
     out.z.assign(n, first->BlankValue());
@@ -42,21 +35,18 @@ KaPrediction KaPredictAt(const KaMethodInfo& method, std::unique_ptr<KaEstimator
     if (sd) out.stdDev.assign(n, std::nan(""));
 
     // Positions go through the row driver in chunks; each is estimated by
-    // whichever estimator takes it, and the value depends on the position
+    // whichever worker takes it, and the value depends on the position
     // alone. The lowest failing position is the one reported, whatever the
     // threads; progress counts the chunks done in order.
-    std::vector<KaEstimatorGrid*> workers{first.get()};
-    for (auto& c : copies) workers.push_back(c.get());
     constexpr std::size_t chunk = 256;
     const std::size_t chunks = (n + chunk - 1) / chunk;
     KaRunItems(
-        chunks, static_cast<unsigned>(workers.size()),
+        chunks, workers.Count(),
         [&](unsigned w, uint64_t c) {
-            KaEstimatorGrid& e = *workers[w];
             const std::size_t end = std::min<std::size_t>((c + 1) * chunk, n);
             for (std::size_t i = c * chunk; i < end; ++i) {
-                out.z[i] = e.EstimateAt(x[i], y[i]);
-                if (sd) out.stdDev[i] = e.NodeStdDev();
+                out.z[i] = workers.EstimateAt(w, x[i], y[i]);
+                if (sd) out.stdDev[i] = workers.NodeStdDev(w);
             }
         },
         [&](uint64_t c) { return !progress || progress(static_cast<std::size_t>(c) * chunk); });

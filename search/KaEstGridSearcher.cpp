@@ -27,10 +27,8 @@ void KaExcludeSample(const KaSearchContext& context, KaNodeWorkspace& workspace,
 
 KaEstGridSearcher::KaEstGridSearcher(const KaEstGridSearcher& other)
     : KaEstimatorGrid(other), searchParam_(other.searchParam_), context_(other.context_),
-      searchNodes_(other.searchNodes_)
+      excluded_(other.excluded_), searchNodes_(other.searchNodes_)
 {
-    workspace_.excluded = other.workspace_.excluded;
-    workspace_.skip = other.workspace_.skip;
 }
 
 void KaEstGridSearcher::SetParam(std::unique_ptr<KaEstimatorGridParam> param)
@@ -40,7 +38,12 @@ void KaEstGridSearcher::SetParam(std::unique_ptr<KaEstimatorGridParam> param)
     context_.record = searchParam_;
 }
 
-double KaEstGridSearcher::EstimateNode(double, double) { return BlankValue(); }
+double KaEstGridSearcher::EstimateNode(KaEstimatorWorkspace&, double, double) const { return BlankValue(); }
+
+void KaEstGridSearcher::OwnWorkspaceMade(KaEstimatorWorkspace& workspace)
+{
+    KaExcludeSample(context_, static_cast<KaSearcherWorkspace&>(workspace).node, excluded_);
+}
 
 const KaSearchGridInfo& KaEstGridSearcher::SearchGridInfo() const
 {
@@ -57,10 +60,12 @@ std::span<const Ka3DPoint> KaEstGridSearcher::Bucket(std::size_t b) const
                         static_cast<int64_t>(b % cols) + 1);
 }
 
-bool KaEstGridSearcher::SearchOrDecide(double x, double y, KaNeighbours& out, double& value, bool* onSample)
+bool KaEstGridSearcher::SearchOrDecide(KaNodeWorkspace& workspace, double x, double y, double& value,
+                                       bool* onSample) const
 {
+    KaNeighbours& out = workspace.neighbours;
     value = BlankValue();
-    const bool searched = GetSampleList() && Search(x, y, out, true);
+    const bool searched = GetSampleList() && Search(workspace, x, y, out, true);
     bool on = false;
     if (!out.empty()) {
         const double dx = x - out.front().x, dy = y - out.front().y, tol = GetParam()->tolerance;
@@ -72,7 +77,16 @@ bool KaEstGridSearcher::SearchOrDecide(double x, double y, KaNeighbours& out, do
     return on;
 }
 
-void KaEstGridSearcher::SetExcludedSample(std::size_t index) { KaExcludeSample(context_, workspace_, index); }
+void KaEstGridSearcher::SetExcludedSample(std::size_t index)
+{
+    excluded_ = index;
+    if (auto* own = static_cast<KaSearcherWorkspace*>(OwnWorkspaceIfAny())) KaExcludeSample(context_, own->node, index);
+}
+
+void KaEstGridSearcher::ExcludeSample(KaEstimatorWorkspace& workspace, std::size_t index) const
+{
+    KaExcludeSample(context_, static_cast<KaSearcherWorkspace&>(workspace).node, index);
+}
 
 KaSampleList* KaEstGridSearcher::SetSampleList(KaSampleList* samples)
 {
@@ -96,20 +110,32 @@ void KaEstGridSearcher::BuildSearchGrid(KaSampleList* samples)
             context_.grid = KaSearchGrid::Build(*p, *samples, PreparationThreads(), UsesRingValues(), searchNodes_);
         }
     }
-    SetExcludedSample(workspace_.excluded);
+    SetExcludedSample(excluded_);
 }
 
 bool KaEstGridSearcher::Search(double x, double y, KaNeighbours& result, bool stopAtCoincident)
 {
+    return Search(OwnNode(), x, y, result, stopAtCoincident);
+}
+
+bool KaEstGridSearcher::Search(KaNodeWorkspace& workspace, double x, double y, KaNeighbours& result,
+                               bool stopAtCoincident) const
+{
     // The method's own record decides validity, at every node (kept).
     if (!searchParam_ || !param_->IsValid()) return false;
-    return KaSearchNeighbours(context_, workspace_, x, y, result, stopAtCoincident);
+    return KaSearchNeighbours(context_, workspace, x, y, result, stopAtCoincident);
 }
 
 KaRingValues KaEstGridSearcher::SearchValues(double x, double y, std::span<const double>& values)
 {
+    return SearchValues(OwnNode(), x, y, values);
+}
+
+KaRingValues KaEstGridSearcher::SearchValues(KaNodeWorkspace& workspace, double x, double y,
+                                             std::span<const double>& values) const
+{
     values = {};
     // The conditions of Search and of the method's opening, in their order.
     if (!GetSampleList() || !searchParam_ || !param_->IsValid()) return KaRingValues::Undecided;
-    return KaSearchNeighbourValues(context_, workspace_, x, y, values);
+    return KaSearchNeighbourValues(context_, workspace, x, y, values);
 }

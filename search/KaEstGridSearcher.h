@@ -42,12 +42,20 @@ KaRingValues KaSearchNeighbourValues(const KaSearchContext& context, KaNodeWorks
 // searches; KaNearestSearch::kNone takes every sample again.
 void KaExcludeSample(const KaSearchContext& context, KaNodeWorkspace& workspace, std::size_t index);
 
+// The workspace of a searching method: the search's scratch and neighbours;
+// methods with arrays of their own derive from it.
+struct KaSearcherWorkspace : KaEstimatorWorkspace {
+    KaNodeWorkspace node;
+};
+
 // Base of the searching estimators: keeps the samples in square buckets over the
 // output grid plus a margin, and selects a node's neighbours ring by ring.
 //
-// A thin owner of a search context, shared with its thread copies
-// (CloneForThread), and one workspace of its own, so the per-node path takes
-// no lock.
+// A thin owner of a search context, shared by every workspace (and by its
+// thread copies, CloneForThread), and a workspace of its own for the
+// EstimateAt(x, y) callers, so the per-node path takes no lock. A method
+// overrides MakeWorkspace (when it has arrays of its own) and the const
+// EstimateNode(workspace, x, y).
 class KaEstGridSearcher : public KaEstimatorGrid {
 public:
     static constexpr uint32_t marginCells = KaSearchGrid::marginCells;
@@ -58,8 +66,14 @@ public:
     void SetParam(std::unique_ptr<KaEstimatorGridParam> param) override;
     // Stores the list and builds the search grid (BuildSearchGrid).
     KaSampleList* SetSampleList(KaSampleList* samples) override;
-    // Searching methods override this; the searcher itself has no estimate.
-    double EstimateNode(double x, double y) override;
+    // Over the estimator's own workspace; methods override the const entry.
+    double EstimateNode(double x, double y) final { return EstimateNodeInOwnWorkspace(x, y); }
+    // The searcher itself has no estimate.
+    double EstimateNode(KaEstimatorWorkspace& workspace, double x, double y) const override;
+    std::unique_ptr<KaEstimatorWorkspace> MakeWorkspace() const override
+    {
+        return std::make_unique<KaSearcherWorkspace>();
+    }
     bool EstimatesNodeByNode() const override { return searchParam_ != nullptr; }
 
     // Fills `result` with the neighbours of (x, y); false when fewer than
@@ -68,15 +82,21 @@ public:
     // without it, such a sample counts in sector 0. Throws KaSearchError on a
     // sector index out of range.
     bool Search(double x, double y, KaNeighbours& result, bool stopAtCoincident);
+    bool Search(KaNodeWorkspace& workspace, double x, double y, KaNeighbours& result, bool stopAtCoincident) const;
     // The z values of the neighbours Search(x, y, list, true) would return, in
     // its order, when they can be had without it (see KaRingSearchValues):
     // for methods that need only the values, after UsesRingValues.
     KaRingValues SearchValues(double x, double y, std::span<const double>& values);
+    KaRingValues SearchValues(KaNodeWorkspace& workspace, double x, double y, std::span<const double>& values) const;
 
-    // Leaves the sample with this input index out of every later search (for
-    // leave-one-out estimates); kNoSample takes every sample again.
+    // Leaves the sample with this input index out of every later search with
+    // the estimator's own workspace (for leave-one-out estimates); kNoSample
+    // takes every sample again.
     static constexpr std::size_t kNoSample = KaNearestSearch::kNone;
     void SetExcludedSample(std::size_t index);
+    // The same for the searches with `workspace` (from MakeWorkspace), after
+    // the search grid was built.
+    void ExcludeSample(KaEstimatorWorkspace& workspace, std::size_t index) const;
 
     // The number of nodes the next search grid will serve when only part of
     // the record's grid is estimated (a tile); sizes its lookups only, the
@@ -92,19 +112,17 @@ public:
 
 protected:
     // For CloneForThread: shares the record, the samples and the context,
-    // leaves out the same sample; the rest of the workspace starts empty.
+    // leaves out the same sample; the copy's workspace starts empty.
     KaEstGridSearcher(const KaEstGridSearcher& other);
 
-    // The neighbours of the node being estimated (per-node scratch).
-    KaNeighbours& Neighbours() { return workspace_.neighbours; }
-
-    // The common opening of the searching methods: the neighbours of (x, y) into
-    // `out`. Returns true with `value` set when the node is decided already:
-    // blank without samples, after a failed search or an empty result; the
-    // first neighbour's z when it lies within the tolerance of the node.
-    // `onSample` (optional) tells whether a first neighbour lies there, also
-    // when the node is blank.
-    bool SearchOrDecide(double x, double y, KaNeighbours& out, double& value, bool* onSample = nullptr);
+    // The common opening of the searching methods: the neighbours of (x, y)
+    // into workspace.neighbours. Returns true with `value` set when the node is
+    // decided already: blank without samples, after a failed search or an
+    // empty result; the first neighbour's z when it lies within the tolerance
+    // of the node. `onSample` (optional) tells whether a first neighbour lies
+    // there, also when the node is blank.
+    bool SearchOrDecide(KaNodeWorkspace& workspace, double x, double y, double& value,
+                        bool* onSample = nullptr) const;
 
     const KaEstGridSearcherParam* SearchParam() const { return searchParam_; }
     const KaSearchContext& SearchContext() const { return context_; }
@@ -115,19 +133,23 @@ protected:
     {
         context_.grid.reset();
         context_.nearest.reset();
-        workspace_.skip = {};
+        SetExcludedSample(excluded_);
     }
 
 private:
     void BuildSearchGrid(KaSampleList* samples);
+    // The search part of the estimator's own workspace, made on first use.
+    KaNodeWorkspace& OwnNode() { return static_cast<KaSearcherWorkspace&>(OwnWorkspace()).node; }
+    // Leaves out the sample of SetExcludedSample.
+    void OwnWorkspaceMade(KaEstimatorWorkspace& workspace) override;
 
     const KaEstGridSearcherParam* searchParam_ = nullptr;  // the record, when a search record
     KaSearchContext context_;
-    KaNodeWorkspace workspace_;
-    double searchNodes_ = -1;  // SetSearchNodeCount
+    std::size_t excluded_ = kNoSample;  // left out of the own workspace's searches
+    double searchNodes_ = -1;           // SetSearchNodeCount
 };
 
-// CloneForThread for a searching method whose members are all per-node storage
-// or read-only: a copy of the estimator.
+// CloneForThread for a searching method whose members are all read-only: a
+// copy of the estimator.
 #define KA_CLONE_FOR_THREAD(Class) \
     std::unique_ptr<KaEstimatorGrid> CloneForThread() const override { return std::make_unique<Class>(*this); }

@@ -18,17 +18,13 @@
 
 namespace {
 
-// Exposes the per-node arrays.
+// Exposes the steps that fill the per-node arrays of a workspace.
 struct KrigProbe : KaEstKrig {
     using KaEstKrig::BuildMatrix;
-    using KaEstKrig::count_;
-    using KaEstKrig::matrix_;
-    using KaEstKrig::order_;
 };
 struct RadialProbe : KaEstRadialBasis {
     using KaEstRadialBasis::BuildSystem;
-    using KaEstRadialBasis::matrix_;
-    using KaEstRadialBasis::values_;
+    using KaEstRadialBasis::Workspace;
 };
 
 // Every sample within the radius (100 unless given) is wanted.
@@ -193,10 +189,11 @@ TEST(Krig, NuggetShiftsEveryEntryIncludingTheDiagonal)
     KrigProbe probe;
     auto build = [&](const KaVarioVector* model) {
         p.SetVariogram(model->Clone().release());
-        probe.count_ = 3;
-        probe.order_ = 4;
-        EXPECT_TRUE(probe.BuildMatrix(p, pts));
-        return probe.matrix_;
+        KaEstKrig::Workspace w;
+        w.count = 3;
+        w.order = 4;
+        EXPECT_TRUE(probe.BuildMatrix(p, pts, w));
+        return w.matrix;
     };
     std::unique_ptr<KaVarioVector> plain(Model({Component(kKaVarioLinear, 1, 1)}));
     std::unique_ptr<KaVarioVector> withNugget(
@@ -372,9 +369,10 @@ TEST(Radial, MultilogMatrixAndSwappedWeights)
     const std::vector<Ka3DPoint> pts{{4, 5, 2}, {7, 5, 9}};
     katest::SearchRig<RadialProbe, KaEstRadialBasisParam> r(pts, 100,
                                                             [](KaEstRadialBasisParam& q) { q.basisFunction = 1; });
-    ASSERT_TRUE(r.est.BuildSystem(pts));
-    EXPECT_EQ(r.est.matrix_, (std::vector<double>{0, 1, 1, 0}));
-    EXPECT_EQ(r.est.values_, (std::vector<double>{2, 9, 0}));
+    RadialProbe::Workspace w;
+    ASSERT_TRUE(r.est.BuildSystem(pts, w));
+    EXPECT_EQ(w.matrix, (std::vector<double>{0, 1, 1, 0}));
+    EXPECT_EQ(w.values, (std::vector<double>{2, 9, 0}));
 
     // The weights are the swapped values: at (5, 6), phi(sqrt 2) * 9 + phi(sqrt 5) * 2.
     EXPECT_NEAR(r.est.EstimateAt(5, 6), r.p->BasisValue(std::sqrt(5.0)) * 2 + r.p->BasisValue(std::sqrt(2.0)) * 9,

@@ -84,10 +84,10 @@ std::vector<double> KaLeaveOneOut::Observed() const
 std::vector<double> KaLeaveOneOut::Run(KaEstimatorGridParam& record, const std::function<void(std::size_t)>& progress)
 {
     KaRefuseExternalDrift(record, "cross-validation");
-    // The first estimator builds the search structure (the ring walk's
+    // The one estimator builds the search structure (the ring walk's
     // buckets, or the nearest-first index) and keeps it while the search
-    // settings stay the same; the other threads run its thread copies, which
-    // share the structure and the record read-only.
+    // settings stay the same; every thread estimates with it, read-only, and
+    // a workspace of its own that leaves its sample out.
     const nlohmann::ordered_json json = RecordToJson(record);
     auto copyOfRecord = [&] {
         auto copy = method_.makeParam();
@@ -102,22 +102,12 @@ std::vector<double> KaLeaveOneOut::Run(KaEstimatorGridParam& record, const std::
         first_->SetSampleList(samples_);
         builtFor_ = structure;
     }
-    std::vector<std::unique_ptr<KaEstimatorGrid>> copies;
-    for (unsigned t = 1; t < threads_; ++t) {
-        std::unique_ptr<KaEstimatorGrid> copy = first_->CloneForThread();
-        if (!copy) {  // a method that cannot be copied gets an estimator of its own
-            copy = method_.makeEstimator();
-            copy->SetParam(copyOfRecord());
-            copy->SetSampleList(samples_);
-        }
-        copies.push_back(std::move(copy));
-    }
+    const auto& searcher = static_cast<const KaEstGridSearcher&>(*first_);
+    std::vector<std::unique_ptr<KaEstimatorWorkspace>> workspaces;
+    for (unsigned t = 0; t < threads_; ++t) workspaces.push_back(searcher.MakeWorkspace());
 
-    std::vector<KaEstGridSearcher*> workers{static_cast<KaEstGridSearcher*>(first_.get())};
-    for (auto& c : copies) workers.push_back(static_cast<KaEstGridSearcher*>(c.get()));
-
-    // Chunks of samples through the row driver: each is estimated by the
-    // worker that takes it, and an estimate depends on its sample alone. The
+    // Chunks of samples through the row driver: each is estimated with the
+    // workspace of the worker that takes it, and an estimate depends on its sample alone. The
     // lowest failing sample is the one reported. Progress goes out now and
     // then (every 50 ms at most), counting the chunks done in order.
     std::vector<double> estimated(points_.size(), NAN);
@@ -126,12 +116,12 @@ std::vector<double> KaLeaveOneOut::Run(KaEstimatorGridParam& record, const std::
     using Clock = std::chrono::steady_clock;
     Clock::time_point lastProgress = Clock::now();
     auto work = [&](unsigned w, uint64_t c) {
-        KaEstGridSearcher& searcher = *workers[w];
+        KaEstimatorWorkspace& workspace = *workspaces[w];
         const double blank = searcher.BlankValue();
         const std::size_t last = std::min<std::size_t>((c + 1) * chunk, points_.size());
         for (std::size_t i = c * chunk; i < last; ++i) {
-            searcher.SetExcludedSample(listIndex_[i]);
-            const double v = searcher.EstimateAt(points_[i].x, points_[i].y);
+            searcher.ExcludeSample(workspace, listIndex_[i]);
+            const double v = searcher.EstimateAt(workspace, points_[i].x, points_[i].y);
             if (KaHasValue(v, blank)) estimated[i] = v;
         }
     };
@@ -143,14 +133,13 @@ std::vector<double> KaLeaveOneOut::Run(KaEstimatorGridParam& record, const std::
         return true;
     };
     try {
-        KaRunItems(chunks, static_cast<unsigned>(workers.size()), work, told);
+        KaRunItems(chunks, threads_, work, told);
     } catch (...) {
-        for (KaEstGridSearcher* w : workers) w->SetExcludedSample(KaEstGridSearcher::kNoSample);
-        // An estimator that failed midway may hold a half-used structure: build anew next time.
+        // Build anew next time after a failure (kept from when the estimators
+        // themselves held per-node state).
         builtFor_.clear();
         throw;
     }
-    for (KaEstGridSearcher* w : workers) w->SetExcludedSample(KaEstGridSearcher::kNoSample);
     return estimated;
 }
 

@@ -21,8 +21,8 @@ struct KaLooStatistics {
 KaLooStatistics KaSummarise(const std::vector<double>& observed, const std::vector<double>& estimated);
 
 // Estimates every valid sample from all the others through the method's own
-// estimator, on several threads: one estimator builds the search structure,
-// the others are its thread copies. The structure is kept between runs while
+// estimator, on several threads: one estimator builds the search structure
+// and every thread estimates with it and a workspace of its own. The structure is kept between runs while
 // the search settings stay the same, so records that differ only in the
 // method's own settings share it.
 class KaLeaveOneOut {

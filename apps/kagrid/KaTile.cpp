@@ -1026,21 +1026,14 @@ void EstimateSearchTile(const KaMethodInfo& method, std::unique_ptr<KaEstimatorG
     searcher->SetSearchNodeCount(static_cast<double>(ti.cols) * static_cast<double>(ti.rows));
     searcher->SetPreparationThreads(threads);
     estimator->SetSampleList(&samples);
-    std::vector<std::unique_ptr<KaEstimatorGrid>> copies;
-    for (unsigned k = 1; k < threads && k < ti.rows; ++k) {
-        copies.push_back(estimator->CloneForThread());
-        if (!copies.back()) {
-            copies.clear();
-            break;
-        }
-    }
+    KaThreadEstimators workers(*estimator, static_cast<unsigned>(std::max<uint64_t>(1, std::min<uint64_t>(threads, ti.rows))));
     const double dx = p.GetDx(), dy = p.GetDy();
     std::atomic<uint64_t> next{0};
     std::atomic<bool> stop{false};
     std::mutex lock;
     uint64_t failedRow = ti.rows;
     std::exception_ptr failure;
-    auto work = [&](KaEstimatorGrid& e) {
+    auto work = [&](unsigned w) {
         for (;;) {
             if (stop.load()) return;
             const uint64_t j = next.fetch_add(1);
@@ -1050,10 +1043,10 @@ void EstimateSearchTile(const KaMethodInfo& method, std::unique_ptr<KaEstimatorG
                 const double y = dy * rGlobal + p.yMin;  // as the job computes it
                 for (uint64_t i = 0; i < ti.cols; ++i) {
                     const uint32_t c = static_cast<uint32_t>(ti.col0 + i);
-                    const double v = e.EstimateAt(c * dx + p.xMin, y);
+                    const double v = workers.EstimateAt(w, c * dx + p.xMin, y);
                     values[j * ti.cols + i] = v;
                     if (sd) {
-                        const double s = e.NodeStdDev();
+                        const double s = workers.NodeStdDev(w);
                         if (std::fabs(v - blank) > 1e-20 && !std::isnan(s)) (*sd)[j * ti.cols + i] = s;
                     }
                 }
@@ -1067,8 +1060,8 @@ void EstimateSearchTile(const KaMethodInfo& method, std::unique_ptr<KaEstimatorG
     };
     {
         std::vector<std::jthread> pool;
-        for (auto& c : copies) pool.emplace_back([&work, e = c.get()] { work(*e); });
-        work(*estimator);
+        for (unsigned w = 1; w < workers.Count(); ++w) pool.emplace_back([&work, w] { work(w); });
+        work(0);
     }
     if (failure) std::rethrow_exception(failure);
 }
