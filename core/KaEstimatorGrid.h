@@ -10,7 +10,9 @@
 // The per-node scratch of one caller of an estimator (one thread): whatever a
 // method writes while it estimates a node. Made by the estimator's
 // MakeWorkspace and handed back to it, never to another method's estimator.
-struct KaEstimatorWorkspace {
+// Aligned to a cache line, and so a whole number of lines long: the
+// workspaces of two threads, made one after the other, share no line.
+struct alignas(64) KaEstimatorWorkspace {
     virtual ~KaEstimatorWorkspace() = default;
     // The standard deviation of the last node estimated with it (NaN when it has none).
     double stdDev = std::numeric_limits<double>::quiet_NaN();
