@@ -41,8 +41,8 @@ const Option kOptions[] = {
         .Needs("a JSON file")
         .Unlisted(kKaVariogram),
     Option("--plugin-defaults", nullptr, kRecord,
-           "fill the record as the plug-in's dialog does: the ring walk, every\n"
-           "sample as the caps (default: nearest first, at most 100 samples)"),
+           "the record the plug-in's dialog gives: the ring walk and the dialog's\n"
+           "caps (default: nearest first, at most 100 samples a node)"),
     Option("--print-params", nullptr, kKaGrid, "print the effective parameters as JSON and exit"),
     Option("--tune", nullptr, kKaGrid, "first choose the settings as `kagrid tune` does, then grid with them"),
     Option("--bounds", "XMIN,YMIN,XMAX,YMAX", kKaGrid | kKaPredict, "the grid's box (first node at XMIN, YMIN)"),
