@@ -3,6 +3,7 @@
 // looked at and saved. Pictures of the window go to the build folder.
 
 #include "tests/plugin/KaQtTestSupport.h"
+#include "tests/KaTestSupport.h"
 
 #include <QAction>
 #include <QComboBox>
@@ -284,18 +285,9 @@ TEST(VeskColumns, WhenToAskAndWhatToGuess)
 
 TEST(VeskMap, SurfaceImageIsNorthUpWithTheSharedColoursAndTransparentBlanks)
 {
-    KaSurface s;
-    KaSurfaceObjInfo& info = s.GetSurfaceObjInfo();
-    info.columnCount = 3;
-    info.rowCount = 2;
-    info.xMin = 10, info.xMax = 30, info.yMin = 100, info.yMax = 105;
-    KaTDataMatrix2D<double> m(info.invalidValue);
-    ASSERT_TRUE(m.Create(3, 2));
-    // Row 0 is the southern row.
-    const double values[2][3] = {{1.0, 2.0, info.invalidValue}, {3.0, 4.0, 5.0}};
-    for (int r = 0; r < 2; ++r)
-        for (int c = 0; c < 3; ++c) m.At(r, c) = values[r][c];
-    ASSERT_TRUE(s.SetGridDataArray(std::move(m)));
+    // The southern row first; its last node blank.
+    const auto surface = katest::MakeSurface(3, 2, {10, 30, 100, 105}, {1.0, 2.0, 1.70141e38, 3.0, 4.0, 5.0});
+    const KaSurface& s = *surface;
 
     const QImage image = KaMapView::SurfaceImage(s, false);
     ASSERT_EQ(image.size(), QSize(3, 2));
@@ -755,16 +747,11 @@ TEST_F(Vesk, TreeSelectionKeepsVisibilityDeleteAsksAndFarLayersAreZoomedTo)
 // stretched positions; an outlier no longer washes the surface out.
 TEST(VeskStyle, RampsAndStretchesColourTheNodes)
 {
-    KaSurface s;
-    KaSurfaceObjInfo& info = s.GetSurfaceObjInfo();
-    info.columnCount = 51;
-    info.rowCount = 1;
-    info.xMin = 0, info.xMax = 50, info.yMin = 0, info.yMax = 0;
-    KaTDataMatrix2D<double> m(info.invalidValue);
-    ASSERT_TRUE(m.Create(51, 1));
-    for (int c = 0; c < 50; ++c) m.At(0, c) = c;  // 0 .. 49
-    m.At(0, 50) = 1000;                           // one outlier
-    ASSERT_TRUE(s.SetGridDataArray(std::move(m)));
+    std::vector<double> values(51);
+    for (int c = 0; c < 50; ++c) values[c] = c;  // 0 .. 49
+    values[50] = 1000;                           // one outlier
+    const auto surface = katest::MakeSurface(51, 1, {0, 50, 0, 0}, values);
+    const KaSurface& s = *surface;
 
     struct Case {
         KaStretch stretch;
